@@ -1,0 +1,401 @@
+#include "Appearance.h"
+
+#include "DocCore.h"
+
+#include <cmath>
+#include <map>
+#include <vector>
+
+namespace appearance {
+
+QByteArray number(qreal value)
+{
+    if (!std::isfinite(value) || std::abs(value) < 0.0005)
+        return "0";
+    QByteArray text = QByteArray::number(value, 'f', 3);
+    while (text.endsWith('0'))
+        text.chop(1);
+    if (text.endsWith('.'))
+        text.chop(1);
+    return text;
+}
+
+// PDF names may hold any byte; white space and delimiters are written as #xx.
+QByteArray fontNameToken(const QString &name)
+{
+    QByteArray out;
+    for (char ch : name.toUtf8()) {
+        const auto u = static_cast<unsigned char>(ch);
+        if (u < 0x21 || u > 0x7e || QByteArray("#()<>[]{}/%").contains(ch))
+            out += '#' + QByteArray::number(u, 16).rightJustified(2, '0');
+        else
+            out += ch;
+    }
+    return out.isEmpty() ? QByteArray("Helv") : out;
+}
+
+QString fontNameFromToken(const QByteArray &token)
+{
+    QByteArray out;
+    for (int i = 0; i < token.size(); ++i) {
+        if (token[i] == '#' && i + 2 < token.size()) {
+            bool ok = false;
+            const int value = token.mid(i + 1, 2).toInt(&ok, 16);
+            if (ok) {
+                out += char(value);
+                i += 2;
+                continue;
+            }
+        }
+        out += token[i];
+    }
+    return QString::fromUtf8(out);
+}
+
+namespace {
+
+QByteArray colorOperator(const QColor &color, const char *op)
+{
+    return number(color.redF()) + ' ' + number(color.greenF()) + ' ' + number(color.blueF()) + ' ' + op + '\n';
+}
+
+struct Resources {
+    bool graphicsState = false;
+    qreal strokeAlpha = 1;
+    qreal fillAlpha = 1;
+    bool multiply = false;
+    std::vector<fz_font *> fonts;
+    bool image = false;
+};
+
+// The standard font that best stands in for a font of the page or the system.
+QString standardFontName(const std::optional<PdfFont> &font)
+{
+    const QString name = font ? font->name.toLower() : QString();
+    const bool bold = (font && font->bold) || name.contains("bold") || name.contains("black") || name.contains("heavy");
+    const bool italic = (font && font->italic) || name.contains("italic") || name.contains("oblique");
+    if (name.contains("courier") || name.contains("mono") || name.contains("consol"))
+        return bold && italic ? "Courier-BoldOblique" : bold ? "Courier-Bold" : italic ? "Courier-Oblique" : "Courier";
+    const bool serif = !name.contains("sans")
+                       && (name.contains("times") || name.contains("serif") || name.contains("roman") || name.contains("georgia")
+                           || name.contains("garamond") || name.contains("cambria") || name.contains("minion")
+                           || name.contains("palatino") || name.contains("book"));
+    if (serif)
+        return bold && italic ? "Times-BoldItalic" : bold ? "Times-Bold" : italic ? "Times-Italic" : "Times-Roman";
+    return bold && italic ? "Helvetica-BoldOblique" : bold ? "Helvetica-Bold" : italic ? "Helvetica-Oblique" : "Helvetica";
+}
+
+fz_font *standardFont(const QString &name)
+{
+    // Fonts are shared by every thread's context and live as long as the process.
+    static std::map<QString, fz_font *> cache;
+    auto it = cache.find(name);
+    if (it != cache.end())
+        return it->second;
+    const QByteArray latin = name.toLatin1();
+    fz_font *font = nullptr;
+    mu::guard([&](fz_context *c) { font = fz_new_base14_font(c, latin.constData()); });
+    cache.emplace(name, font);
+    return font;
+}
+
+int fontIndex(Resources &res, fz_font *font)
+{
+    for (size_t i = 0; i < res.fonts.size(); ++i)
+        if (res.fonts[i] == font)
+            return int(i);
+    res.fonts.push_back(font);
+    return int(res.fonts.size() - 1);
+}
+
+QByteArray shapeContent(const Input &in, Resources &res)
+{
+    const qreal w = in.borderWidth.value_or(1.0);
+    const bool stroke = in.color.isValid() && w > 0;
+    const bool fill = in.interiorColor.isValid();
+    if (!stroke && !fill)
+        return {};
+    res.graphicsState = true;
+    res.strokeAlpha = stroke ? in.color.alphaF() : 1;
+    res.fillAlpha = fill ? in.interiorColor.alphaF() : 1;
+    QByteArray s = "q /G0 gs\n";
+    if (fill)
+        s += colorOperator(in.interiorColor, "rg");
+    if (stroke)
+        s += colorOperator(in.color, "RG") + number(w) + " w\n";
+    const qreal inset = stroke ? w / 2 : 0;
+    const qreal x0 = inset, y0 = inset;
+    const qreal x1 = std::max(inset, in.size.width() - inset), y1 = std::max(inset, in.size.height() - inset);
+    if (in.type == QLatin1String("Circle")) {
+        const qreal k = 0.5523;
+        const qreal cx = (x0 + x1) / 2, cy = (y0 + y1) / 2, rx = (x1 - x0) / 2, ry = (y1 - y0) / 2;
+        auto pt = [](qreal x, qreal y) { return number(x) + ' ' + number(y) + ' '; };
+        s += pt(cx + rx, cy) + "m\n";
+        s += pt(cx + rx, cy + k * ry) + pt(cx + k * rx, cy + ry) + pt(cx, cy + ry) + "c\n";
+        s += pt(cx - k * rx, cy + ry) + pt(cx - rx, cy + k * ry) + pt(cx - rx, cy) + "c\n";
+        s += pt(cx - rx, cy - k * ry) + pt(cx - k * rx, cy - ry) + pt(cx, cy - ry) + "c\n";
+        s += pt(cx + k * rx, cy - ry) + pt(cx + rx, cy - k * ry) + pt(cx + rx, cy) + "c\nh\n";
+    } else {
+        s += number(x0) + ' ' + number(y0) + ' ' + number(x1 - x0) + ' ' + number(y1 - y0) + " re\n";
+    }
+    s += fill && stroke ? "B\n" : fill ? "f\n" : "S\n";
+    return s + "Q\n";
+}
+
+QByteArray inkContent(const Input &in, Resources &res)
+{
+    if (!in.color.isValid())
+        return {};
+    res.graphicsState = true;
+    res.strokeAlpha = in.color.alphaF();
+    QByteArray s = "q /G0 gs 1 J 1 j\n" + colorOperator(in.color, "RG") + number(in.borderWidth.value_or(1.0)) + " w\n";
+    for (const QPolygonF &path : in.inkPaths) {
+        for (int i = 0; i < path.size(); ++i)
+            s += number(path[i].x()) + ' ' + number(path[i].y()) + (i == 0 ? " m\n" : " l\n");
+        if (path.size() == 1)
+            s += number(path[0].x()) + ' ' + number(path[0].y()) + " l\n";
+        if (!path.isEmpty())
+            s += "S\n";
+    }
+    return s + "Q\n";
+}
+
+QByteArray markupContent(const Input &in, Resources &res)
+{
+    if (!in.color.isValid())
+        return {};
+    res.graphicsState = true;
+    const bool highlight = in.type == QLatin1String("Highlight");
+    QByteArray s = "q /G0 gs\n";
+    if (highlight) {
+        res.multiply = true;
+        res.fillAlpha = in.color.alphaF();
+        s += colorOperator(in.color, "rg");
+    } else {
+        res.strokeAlpha = in.color.alphaF();
+        s += colorOperator(in.color, "RG");
+    }
+    auto pt = [](QPointF p) { return number(p.x()) + ' ' + number(p.y()) + ' '; };
+    for (int i = 0; i + 3 < in.quadPoints.size(); i += 4) {
+        const QPointF ul = in.quadPoints[i], ur = in.quadPoints[i + 1], ll = in.quadPoints[i + 2], lr = in.quadPoints[i + 3];
+        if (highlight) {
+            s += pt(ll) + "m " + pt(lr) + "l " + pt(ur) + "l " + pt(ul) + "l h f\n";
+            continue;
+        }
+        const qreal height = std::hypot(ul.x() - ll.x(), ul.y() - ll.y());
+        const qreal thickness = std::max<qreal>(0.5, height / 14);
+        // Underline sits just above the bottom of the line box; strike-out near the middle.
+        const qreal f = in.type == QLatin1String("StrikeOut") ? 0.45 : (thickness * 1.5) / std::max<qreal>(height, 1);
+        const QPointF a = ll + (ul - ll) * f, b = lr + (ur - lr) * f;
+        s += number(thickness) + " w " + pt(a) + "m " + pt(b) + "l S\n";
+    }
+    return s + "Q\n";
+}
+
+QByteArray freeTextContent(const Input &in, Resources &res)
+{
+    QByteArray s = "q\n";
+    const qreal w = in.size.width(), h = in.size.height();
+    if (in.color.isValid() && in.color.alpha() > 0) {
+        res.graphicsState = true;
+        res.fillAlpha = in.color.alphaF();
+        s += "q /G0 gs " + colorOperator(in.color, "rg") + "0 0 " + number(w) + ' ' + number(h) + " re f Q\n";
+    }
+    const qreal border = in.borderWidth.value_or(0);
+    if (border > 0 && in.fontColor.isValid())
+        s += colorOperator(in.fontColor, "RG") + number(border) + " w " + number(border / 2) + ' ' + number(border / 2) + ' '
+             + number(w - border) + ' ' + number(h - border) + " re S\n";
+    s += "0 0 " + number(w) + ' ' + number(h) + " re W n\n";
+    if (in.contents.isEmpty())
+        return s + "Q\n";
+
+    fz_font *base = standardFont(standardFontName(in.font));
+    const qreal size = in.font && in.font->size > 0 ? in.font->size : 12;
+    qreal ascender = 0.8, descender = -0.2;
+    mu::tryGuard([&](fz_context *c) {
+        ascender = fz_font_ascender(c, base);
+        descender = fz_font_descender(c, base);
+    });
+    const qreal lineHeight = (ascender - descender) * size * 1.1;
+    const QColor textColor = in.fontColor.isValid() ? in.fontColor : QColor(Qt::black);
+    s += "BT\n" + colorOperator(textColor, "rg");
+
+    QString text = in.contents;
+    text.replace(QLatin1String("\r\n"), QLatin1String("\n")).replace(QLatin1Char('\r'), QLatin1Char('\n'));
+    text.replace(QLatin1Char('\t'), QLatin1String("    "));
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (int i = 0; i < lines.size(); ++i) {
+        const qreal baseline = h - 2 - ascender * size - i * lineHeight;
+        s += "1 0 0 1 2 " + number(baseline) + " Tm\n";
+        int currentFont = -1;
+        QByteArray run;
+        auto flush = [&] {
+            if (!run.isEmpty())
+                s += '<' + run + "> Tj\n";
+            run.clear();
+        };
+        for (char32_t cp : lines[i].toUcs4()) {
+            fz_font *font = base;
+            int glyph = 0;
+            mu::tryGuard([&](fz_context *c) {
+                glyph = fz_encode_character(c, base, int(cp));
+                if (glyph == 0 && cp != U' ')
+                    glyph = fz_encode_character_with_fallback(c, base, int(cp), 0, 0, &font);
+            });
+            const int index = fontIndex(res, font);
+            if (index != currentFont) {
+                flush();
+                s += "/F" + QByteArray::number(index) + ' ' + number(size) + " Tf\n";
+                currentFont = index;
+            }
+            run += QByteArray::number(glyph, 16).rightJustified(4, '0');
+        }
+        flush();
+    }
+    return s + "ET\nQ\n";
+}
+
+QByteArray stampContent(const Input &in, Resources &res)
+{
+    if (in.stampImage.isNull())
+        return {};
+    res.graphicsState = true;
+    res.multiply = true;
+    res.image = true;
+    return "q /G0 gs " + number(in.size.width()) + " 0 0 " + number(in.size.height()) + " 0 0 cm /Im0 Do Q\n";
+}
+
+// Adds the image as an image XObject with a soft mask for its transparency.
+pdf_obj *addImage(fz_context *c, pdf_document *doc, const QImage &source)
+{
+    const QImage img = source.convertToFormat(QImage::Format_RGBA8888);
+    const int w = img.width(), h = img.height();
+    const bool hasAlpha = img.hasAlphaChannel();
+    fz_pixmap *rgb = nullptr, *alpha = nullptr;
+    fz_image *mask = nullptr, *image = nullptr;
+    pdf_obj *ref = nullptr;
+    fz_var(rgb);
+    fz_var(alpha);
+    fz_var(mask);
+    fz_var(image);
+    fz_try(c)
+    {
+        rgb = fz_new_pixmap(c, fz_device_rgb(c), w, h, nullptr, 0);
+        if (hasAlpha)
+            alpha = fz_new_pixmap(c, fz_device_gray(c), w, h, nullptr, 0);
+        for (int y = 0; y < h; ++y) {
+            const uchar *src = img.constScanLine(y);
+            unsigned char *dst = rgb->samples + size_t(y) * size_t(rgb->stride);
+            unsigned char *dstAlpha = alpha ? alpha->samples + size_t(y) * size_t(alpha->stride) : nullptr;
+            for (int x = 0; x < w; ++x) {
+                dst[3 * x] = src[4 * x];
+                dst[3 * x + 1] = src[4 * x + 1];
+                dst[3 * x + 2] = src[4 * x + 2];
+                if (dstAlpha)
+                    dstAlpha[x] = src[4 * x + 3];
+            }
+        }
+        if (alpha)
+            mask = fz_new_image_from_pixmap(c, alpha, nullptr);
+        image = fz_new_image_from_pixmap(c, rgb, mask);
+        ref = pdf_add_image(c, doc, image);
+    }
+    fz_always(c)
+    {
+        fz_drop_image(c, image);
+        fz_drop_image(c, mask);
+        fz_drop_pixmap(c, alpha);
+        fz_drop_pixmap(c, rgb);
+    }
+    fz_catch(c) fz_rethrow(c);
+    return ref;
+}
+
+} // namespace
+
+void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
+{
+    Resources res;
+    QByteArray content;
+    const QString &type = input.type;
+    if (type == QLatin1String("Square") || type == QLatin1String("Circle"))
+        content = shapeContent(input, res);
+    else if (type == QLatin1String("Ink"))
+        content = inkContent(input, res);
+    else if (type == QLatin1String("Highlight") || type == QLatin1String("Underline") || type == QLatin1String("StrikeOut"))
+        content = markupContent(input, res);
+    else if (type == QLatin1String("FreeText"))
+        content = freeTextContent(input, res);
+    else if (type == QLatin1String("Stamp"))
+        content = stampContent(input, res);
+    else
+        return;
+
+    // Fonts are embedded once per document, as CID fonts, so that any text shows.
+    std::vector<pdf_obj *> fontRefs;
+    for (fz_font *font : res.fonts) {
+        const std::string key = fz_font_name(mu::ctx(), font);
+        auto it = core.fonts.find(key);
+        if (it == core.fonts.end()) {
+            pdf_obj *ref = nullptr;
+            mu::guard([&](fz_context *c) { ref = pdf_add_cid_font(c, core.doc, font); });
+            it = core.fonts.emplace(key, ref).first;
+        }
+        fontRefs.push_back(it->second);
+    }
+    pdf_obj *imageRef = nullptr;
+    if (res.image)
+        mu::guard([&](fz_context *c) { imageRef = addImage(c, core.doc, input.stampImage); });
+
+    const fz_rect bbox{0, 0, float(input.size.width()), float(input.size.height())};
+    pdf_obj *resources = nullptr;
+    fz_buffer *buffer = nullptr;
+    try {
+        mu::guard([&](fz_context *c) {
+            resources = pdf_new_dict(c, core.doc, 4);
+            if (res.graphicsState) {
+                pdf_obj *ext = pdf_dict_put_dict(c, resources, PDF_NAME(ExtGState), 1);
+                pdf_obj *gs = pdf_dict_puts_dict(c, ext, "G0", 3);
+                pdf_dict_put_real(c, gs, PDF_NAME(CA), res.strokeAlpha);
+                pdf_dict_put_real(c, gs, PDF_NAME(ca), res.fillAlpha);
+                if (res.multiply)
+                    pdf_dict_put(c, gs, PDF_NAME(BM), PDF_NAME(Multiply));
+            }
+            if (!fontRefs.empty()) {
+                pdf_obj *fonts = pdf_dict_put_dict(c, resources, PDF_NAME(Font), int(fontRefs.size()));
+                for (size_t i = 0; i < fontRefs.size(); ++i) {
+                    char key[16];
+                    fz_snprintf(key, sizeof key, "F%d", int(i));
+                    pdf_dict_puts(c, fonts, key, fontRefs[i]);
+                }
+            }
+            if (imageRef) {
+                pdf_obj *xobjects = pdf_dict_put_dict(c, resources, PDF_NAME(XObject), 1);
+                pdf_dict_puts(c, xobjects, "Im0", imageRef);
+            }
+            buffer = fz_new_buffer_from_copied_data(c, reinterpret_cast<const unsigned char *>(content.constData()),
+                                                    size_t(content.size()));
+            if (*stream) {
+                pdf_update_stream(c, core.doc, *stream, buffer, 0);
+                pdf_dict_put_rect(c, *stream, PDF_NAME(BBox), bbox);
+                pdf_dict_put(c, *stream, PDF_NAME(Resources), resources);
+            } else {
+                *stream = pdf_new_xobject(c, core.doc, bbox, fz_identity, resources, buffer);
+            }
+            pdf_obj *ap = pdf_dict_put_dict(c, annot, PDF_NAME(AP), 1);
+            pdf_dict_put(c, ap, PDF_NAME(N), *stream);
+        });
+    } catch (...) {
+        fz_context *c = mu::ctx();
+        fz_drop_buffer(c, buffer);
+        pdf_drop_obj(c, resources);
+        pdf_drop_obj(c, imageRef);
+        throw;
+    }
+    fz_context *c = mu::ctx();
+    fz_drop_buffer(c, buffer);
+    pdf_drop_obj(c, resources);
+    pdf_drop_obj(c, imageRef);
+}
+
+} // namespace appearance

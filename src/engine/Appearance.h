@@ -1,0 +1,49 @@
+// Internal to the engine: appearance streams for the annotation kinds the
+// system makes, written in the annotation's own coordinates (origin at the
+// lower left of its bounds) so that moving an annotation never needs a new one.
+#pragma once
+
+#include "PdfTypes.h"
+
+#include <QByteArray>
+#include <QColor>
+#include <QImage>
+#include <QPointF>
+#include <QPolygonF>
+#include <QSizeF>
+#include <QString>
+#include <QVector>
+
+#include <optional>
+
+struct DocCore;
+typedef struct pdf_obj pdf_obj;
+
+namespace appearance {
+
+struct Input {
+    QString type;
+    QSizeF size;
+    QColor color;
+    QColor interiorColor;
+    std::optional<qreal> borderWidth;
+    QString contents;
+    std::optional<PdfFont> font;
+    QColor fontColor;
+    QVector<QPointF> quadPoints;  // relative to the bounds' origin
+    QVector<QPolygonF> inkPaths;  // relative to the bounds' origin
+    QImage stampImage;
+};
+
+// Writes the normal appearance of `annot` (a dictionary in core's document),
+// reusing the stream `*stream` when it is set. Throws mu::Error.
+void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream);
+
+// Formats a number the way content streams want it: short, no exponent.
+QByteArray number(qreal value);
+
+// The name written into a default-appearance string for a font, and back.
+QByteArray fontNameToken(const QString &name);
+QString fontNameFromToken(const QByteArray &token);
+
+} // namespace appearance

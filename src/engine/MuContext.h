@@ -1,0 +1,46 @@
+// Internal to the engine: the MuPDF context of the calling thread and the
+// guard that turns MuPDF's setjmp/longjmp errors into C++ exceptions.
+#pragma once
+
+#include <mupdf/fitz.h>
+#include <mupdf/pdf.h>
+
+#include <stdexcept>
+#include <utility>
+
+namespace mu {
+
+// Thrown for any MuPDF error; caught inside the engine before it reaches callers.
+struct Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// The context for the calling thread: every thread gets its own clone of one
+// base context, with MuPDF's locking callbacks installed, so documents can be
+// used on one thread and display lists played back on others.
+fz_context *ctx();
+
+// Runs fn(ctx, arg) inside fz_try; a MuPDF error becomes mu::Error. The callable
+// must not have C++ objects with destructors alive while it calls MuPDF.
+void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg);
+
+template <class F>
+void guard(F &&f)
+{
+    auto trampoline = [](fz_context *c, void *p) { (*static_cast<std::remove_reference_t<F> *>(p))(c); };
+    guardImpl(ctx(), trampoline, &f);
+}
+
+// Same, but false instead of an exception.
+template <class F>
+bool tryGuard(F &&f) noexcept
+{
+    try {
+        guard(std::forward<F>(f));
+        return true;
+    } catch (const Error &) {
+        return false;
+    }
+}
+
+} // namespace mu

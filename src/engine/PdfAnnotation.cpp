@@ -1,0 +1,413 @@
+#include "PdfAnnotation.h"
+
+#include "Appearance.h"
+#include "DocCore.h"
+#include "PdfPage.h"
+
+#include <QUuid>
+
+#include <cmath>
+
+const QString PdfAnnotation::Square = QStringLiteral("Square");
+const QString PdfAnnotation::Circle = QStringLiteral("Circle");
+const QString PdfAnnotation::Ink = QStringLiteral("Ink");
+const QString PdfAnnotation::Highlight = QStringLiteral("Highlight");
+const QString PdfAnnotation::Underline = QStringLiteral("Underline");
+const QString PdfAnnotation::StrikeOut = QStringLiteral("StrikeOut");
+const QString PdfAnnotation::FreeText = QStringLiteral("FreeText");
+const QString PdfAnnotation::Stamp = QStringLiteral("Stamp");
+
+namespace {
+
+// Kinds whose look the engine can draw from the annotation's properties.
+bool drawnByUs(const QString &type)
+{
+    return type == PdfAnnotation::Square || type == PdfAnnotation::Circle || type == PdfAnnotation::Ink
+           || type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut
+           || type == PdfAnnotation::FreeText;
+}
+
+QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha)
+{
+    const int n = pdf_array_len(c, array);
+    auto at = [&](int i) { return std::clamp<qreal>(pdf_array_get_real(c, array, i), 0, 1); };
+    QColor color;
+    if (n == 1)
+        color = QColor::fromRgbF(at(0), at(0), at(0));
+    else if (n == 3)
+        color = QColor::fromRgbF(at(0), at(1), at(2));
+    else if (n == 4)
+        color = QColor::fromRgbF((1 - at(0)) * (1 - at(3)), (1 - at(1)) * (1 - at(3)), (1 - at(2)) * (1 - at(3)));
+    if (color.isValid())
+        color.setAlphaF(std::clamp<qreal>(alpha, 0, 1));
+    return color;
+}
+
+void putColor(fz_context *c, pdf_obj *dict, pdf_obj *key, const QColor &color)
+{
+    if (!color.isValid()) {
+        pdf_dict_del(c, dict, key);
+        return;
+    }
+    pdf_obj *array = pdf_dict_put_array(c, dict, key, 3);
+    pdf_array_push_real(c, array, color.redF());
+    pdf_array_push_real(c, array, color.greenF());
+    pdf_array_push_real(c, array, color.blueF());
+}
+
+void putAlpha(fz_context *c, pdf_obj *dict, pdf_obj *key, const QColor &color)
+{
+    if (color.isValid() && color.alpha() < 255)
+        pdf_dict_put_real(c, dict, key, color.alphaF());
+    else
+        pdf_dict_del(c, dict, key);
+}
+
+struct DefaultAppearance {
+    std::optional<PdfFont> font;
+    QColor color;
+};
+
+// Reads "/Name size Tf r g b rg" (or g / k) from a default-appearance string.
+DefaultAppearance parseDefaultAppearance(const QByteArray &da)
+{
+    DefaultAppearance out;
+    const QList<QByteArray> tokens = da.simplified().split(' ');
+    for (int i = 0; i < tokens.size(); ++i) {
+        auto real = [&](int back) { return i - back >= 0 ? tokens[i - back].toDouble() : 0.0; };
+        if (tokens[i] == "Tf" && i >= 2 && tokens[i - 2].startsWith('/')) {
+            out.font = PdfFont{appearance::fontNameFromToken(tokens[i - 2].mid(1)), real(1)};
+        } else if (tokens[i] == "rg" && i >= 3) {
+            out.color = QColor::fromRgbF(std::clamp(real(3), 0.0, 1.0), std::clamp(real(2), 0.0, 1.0), std::clamp(real(1), 0.0, 1.0));
+        } else if (tokens[i] == "g" && i >= 1) {
+            const qreal g = std::clamp(real(1), 0.0, 1.0);
+            out.color = QColor::fromRgbF(g, g, g);
+        } else if (tokens[i] == "k" && i >= 4) {
+            const qreal k = std::clamp(real(1), 0.0, 1.0);
+            out.color = QColor::fromRgbF((1 - real(4)) * (1 - k), (1 - real(3)) * (1 - k), (1 - real(2)) * (1 - k));
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+PdfAnnotation::PdfAnnotation(const QRectF &bounds, const QString &type) : type_(type), bounds_(bounds.normalized()) {}
+
+std::shared_ptr<PdfAnnotation> PdfAnnotation::create(const QRectF &bounds, const QString &type)
+{
+    return std::shared_ptr<PdfAnnotation>(new PdfAnnotation(bounds, type));
+}
+
+std::shared_ptr<PdfAnnotation> PdfAnnotation::fromFile(const std::shared_ptr<DocCore> &core, pdf_obj *obj)
+{
+    std::shared_ptr<PdfAnnotation> annotation(new PdfAnnotation({}, {}));
+    annotation->core_ = core;
+    annotation->obj_ = obj;
+    annotation->ownLook_ = false;
+    annotation->readFromFile();
+    return annotation;
+}
+
+PdfAnnotation::~PdfAnnotation() { releaseObject(); }
+
+void PdfAnnotation::releaseObject()
+{
+    if (obj_) {
+        fz_context *c = mu::ctx();
+        pdf_drop_obj(c, appearance_);
+        pdf_drop_obj(c, obj_);
+    }
+    appearance_ = nullptr;
+    obj_ = nullptr;
+    core_.reset();
+}
+
+void PdfAnnotation::readFromFile()
+{
+    const char *subtype = "";
+    const char *contents = "";
+    const char *da = "";
+    fz_rect rect{};
+    mu::tryGuard([&](fz_context *c) {
+        pdf_obj *d = obj_;
+        subtype = pdf_to_name(c, pdf_dict_get(c, d, PDF_NAME(Subtype)));
+        contents = pdf_dict_get_text_string(c, d, PDF_NAME(Contents));
+        da = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(DA)));
+        rect = pdf_to_rect(c, pdf_dict_get(c, d, PDF_NAME(Rect)));
+        const bool freeText = !strcmp(subtype, "FreeText");
+        pdf_obj *ca = pdf_dict_get(c, d, PDF_NAME(CA));
+        const qreal strokeAlpha = pdf_is_number(c, ca) ? pdf_to_real(c, ca) : 1.0;
+        pdf_obj *fillCa = pdf_dict_get(c, d, PDF_NAME(ca));
+        const qreal fillAlpha = pdf_is_number(c, fillCa) ? pdf_to_real(c, fillCa) : strokeAlpha;
+        color_ = colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(C)), freeText ? fillAlpha : strokeAlpha);
+        if (freeText && !color_.isValid())
+            color_ = QColor(0, 0, 0, 0);
+        interiorColor_ = colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(IC)), fillAlpha);
+
+        pdf_obj *bs = pdf_dict_get(c, d, PDF_NAME(BS));
+        pdf_obj *border = pdf_dict_get(c, d, PDF_NAME(Border));
+        if (pdf_is_number(c, pdf_dict_get(c, bs, PDF_NAME(W))))
+            borderWidth_ = pdf_dict_get_real(c, bs, PDF_NAME(W));
+        else if (pdf_array_len(c, border) >= 3)
+            borderWidth_ = pdf_array_get_real(c, border, 2);
+
+        const qreal x0 = std::min(rect.x0, rect.x1), y0 = std::min(rect.y0, rect.y1);
+        pdf_obj *quads = pdf_dict_get(c, d, PDF_NAME(QuadPoints));
+        for (int i = 0; i + 1 < pdf_array_len(c, quads); i += 2)
+            quadPoints_.append(QPointF(pdf_array_get_real(c, quads, i) - x0, pdf_array_get_real(c, quads, i + 1) - y0));
+        pdf_obj *ink = pdf_dict_get(c, d, PDF_NAME(InkList));
+        for (int i = 0; i < pdf_array_len(c, ink); ++i) {
+            pdf_obj *path = pdf_array_get(c, ink, i);
+            inkPaths_.append(QPolygonF());
+            for (int j = 0; j + 1 < pdf_array_len(c, path); j += 2)
+                inkPaths_.last().append(QPointF(pdf_array_get_real(c, path, j) - x0, pdf_array_get_real(c, path, j + 1) - y0));
+        }
+    });
+    type_ = QString::fromLatin1(subtype);
+    contents_ = QString::fromUtf8(contents);
+    bounds_ = QRectF(QPointF(std::min(rect.x0, rect.x1), std::min(rect.y0, rect.y1)),
+                     QPointF(std::max(rect.x0, rect.x1), std::max(rect.y0, rect.y1)));
+    if (*da) {
+        const DefaultAppearance parsed = parseDefaultAppearance(QByteArray(da));
+        font_ = parsed.font;
+        fontColor_ = parsed.color;
+    }
+}
+
+void PdfAnnotation::materialize(const std::shared_ptr<DocCore> &core)
+{
+    if (obj_ && core_ == core)
+        return;
+    if (obj_ && !ownLook_) {
+        // A file's annotation moving to another document takes its dictionary along.
+        pdf_obj *moved = nullptr;
+        pdf_graft_map *map = core->graftMapFor(core_);
+        mu::guard([&](fz_context *c) {
+            pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, obj_));
+            pdf_dict_del(c, copy, PDF_NAME(P));
+            pdf_dict_del(c, copy, PDF_NAME(Popup));
+            pdf_dict_del(c, copy, PDF_NAME(Parent));
+            pdf_dict_del(c, copy, PDF_NAME(IRT));
+            fz_try(c) moved = pdf_add_object_drop(c, core->doc, pdf_graft_mapped_object(c, map, copy));
+            fz_always(c) pdf_drop_obj(c, copy);
+            fz_catch(c) fz_rethrow(c);
+        });
+        releaseObject();
+        core_ = core;
+        obj_ = moved;
+        return;
+    }
+    releaseObject();
+    mu::guard([&](fz_context *c) { obj_ = pdf_add_new_dict(c, core->doc, 16); });
+    core_ = core;
+    ownLook_ = true;
+    writeDictionary();
+    writeAppearance();
+}
+
+void PdfAnnotation::writeDictionary()
+{
+    const QByteArray type = type_.toLatin1();
+    const QByteArray id = QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
+    const QByteArray contents = contents_.toUtf8();
+    QByteArray da;
+    if (type_ == FreeText) {
+        const QColor text = fontColor_.isValid() ? fontColor_ : QColor(Qt::black);
+        const PdfFont font = font_.value_or(PdfFont{QStringLiteral("Helvetica"), 12});
+        da = '/' + appearance::fontNameToken(font.name) + ' ' + appearance::number(font.size > 0 ? font.size : 12) + " Tf "
+             + appearance::number(text.redF()) + ' ' + appearance::number(text.greenF()) + ' '
+             + appearance::number(text.blueF()) + " rg";
+    }
+    const bool freeText = type_ == FreeText;
+    mu::guard([&](fz_context *c) {
+        pdf_obj *d = obj_;
+        pdf_dict_put(c, d, PDF_NAME(Type), PDF_NAME(Annot));
+        pdf_dict_put_drop(c, d, PDF_NAME(Subtype), pdf_new_name(c, type.constData()));
+        pdf_dict_put_rect(c, d, PDF_NAME(Rect),
+                          fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
+        if (!pdf_dict_gets(c, d, "NM"))
+            pdf_dict_puts_drop(c, d, "NM", pdf_new_text_string(c, id.constData()));
+        pdf_dict_put_int(c, d, PDF_NAME(F), 4); // printable
+        if (freeText) {
+            // A transparent background is written as no background.
+            putColor(c, d, PDF_NAME(C), color_.isValid() && color_.alpha() > 0 ? color_ : QColor());
+            pdf_dict_put_string(c, d, PDF_NAME(DA), da.constData(), size_t(da.size()));
+        } else {
+            putColor(c, d, PDF_NAME(C), color_);
+            putAlpha(c, d, PDF_NAME(CA), color_);
+            putAlpha(c, d, PDF_NAME(ca), interiorColor_);
+            putColor(c, d, PDF_NAME(IC), interiorColor_);
+        }
+        if (borderWidth_) {
+            pdf_obj *bs = pdf_dict_put_dict(c, d, PDF_NAME(BS), 2);
+            pdf_dict_put_real(c, bs, PDF_NAME(W), *borderWidth_);
+            pdf_dict_put(c, bs, PDF_NAME(S), PDF_NAME(S));
+            pdf_obj *border = pdf_dict_put_array(c, d, PDF_NAME(Border), 3);
+            pdf_array_push_int(c, border, 0);
+            pdf_array_push_int(c, border, 0);
+            pdf_array_push_real(c, border, *borderWidth_);
+        } else {
+            pdf_dict_del(c, d, PDF_NAME(BS));
+            pdf_dict_del(c, d, PDF_NAME(Border));
+        }
+        if (contents.isEmpty())
+            pdf_dict_del(c, d, PDF_NAME(Contents));
+        else
+            pdf_dict_put_text_string(c, d, PDF_NAME(Contents), contents.constData());
+        // Points are stored relative to the bounds here and absolute in the file.
+        const qreal x0 = bounds_.left(), y0 = bounds_.top();
+        if (quadPoints_.isEmpty()) {
+            pdf_dict_del(c, d, PDF_NAME(QuadPoints));
+        } else {
+            pdf_obj *quads = pdf_dict_put_array(c, d, PDF_NAME(QuadPoints), int(quadPoints_.size()) * 2);
+            for (const QPointF &p : quadPoints_) {
+                pdf_array_push_real(c, quads, p.x() + x0);
+                pdf_array_push_real(c, quads, p.y() + y0);
+            }
+        }
+        if (inkPaths_.isEmpty()) {
+            pdf_dict_del(c, d, PDF_NAME(InkList));
+        } else {
+            pdf_obj *ink = pdf_dict_put_array(c, d, PDF_NAME(InkList), int(inkPaths_.size()));
+            for (const QPolygonF &path : inkPaths_) {
+                pdf_obj *array = pdf_array_push_array(c, ink, int(path.size()) * 2);
+                for (const QPointF &p : path) {
+                    pdf_array_push_real(c, array, p.x() + x0);
+                    pdf_array_push_real(c, array, p.y() + y0);
+                }
+            }
+        }
+    });
+}
+
+void PdfAnnotation::writeAppearance()
+{
+    if (!drawnByUs(type_) && !(type_ == Stamp && !stampImage_.isNull()))
+        return;
+    appearance::Input input{type_,       bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
+                            font_,       fontColor_,     quadPoints_, inkPaths_,      stampImage_};
+    appearance::write(*core_, obj_, input, &appearance_);
+}
+
+void PdfAnnotation::changed(bool lookChanged)
+{
+    if (!obj_)
+        return;
+    try {
+        if (ownLook_ || (lookChanged && drawnByUs(type_))) {
+            ownLook_ = true;
+            writeDictionary();
+            if (lookChanged)
+                writeAppearance();
+        }
+    } catch (const mu::Error &) {
+        // The in-memory properties stay; the file keeps its previous state.
+    }
+    if (auto page = page_.lock())
+        page->annotationsChanged();
+}
+
+void PdfAnnotation::setBounds(const QRectF &bounds)
+{
+    const QRectF old = bounds_;
+    bounds_ = bounds.normalized();
+    const bool resized = old.size() != bounds_.size();
+    if (resized && type_ == Ink && old.width() > 0 && old.height() > 0) {
+        // An ink drawing stretches with its box.
+        const qreal sx = bounds_.width() / old.width(), sy = bounds_.height() / old.height();
+        for (QPolygonF &path : inkPaths_)
+            for (QPointF &p : path)
+                p = QPointF(p.x() * sx, p.y() * sy);
+    }
+    if (obj_ && !ownLook_ && !(resized && drawnByUs(type_))) {
+        // Another program's annotation keeps its look: only its place is written,
+        // and readers fit its appearance into the new rectangle.
+        const QPointF delta = bounds_.topLeft() - old.topLeft();
+        mu::tryGuard([&](fz_context *c) {
+            pdf_dict_put_rect(c, obj_, PDF_NAME(Rect),
+                              fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
+            if (resized)
+                return;
+            const char *keys[] = {"QuadPoints", "L", "Vertices", "CL"};
+            for (const char *key : keys) {
+                pdf_obj *array = pdf_dict_gets(c, obj_, key);
+                for (int i = 0; i + 1 < pdf_array_len(c, array); i += 2) {
+                    pdf_array_put_drop(c, array, i, pdf_new_real(c, pdf_array_get_real(c, array, i) + delta.x()));
+                    pdf_array_put_drop(c, array, i + 1, pdf_new_real(c, pdf_array_get_real(c, array, i + 1) + delta.y()));
+                }
+            }
+            pdf_obj *ink = pdf_dict_get(c, obj_, PDF_NAME(InkList));
+            for (int j = 0; j < pdf_array_len(c, ink); ++j) {
+                pdf_obj *array = pdf_array_get(c, ink, j);
+                for (int i = 0; i + 1 < pdf_array_len(c, array); i += 2) {
+                    pdf_array_put_drop(c, array, i, pdf_new_real(c, pdf_array_get_real(c, array, i) + delta.x()));
+                    pdf_array_put_drop(c, array, i + 1, pdf_new_real(c, pdf_array_get_real(c, array, i + 1) + delta.y()));
+                }
+            }
+        });
+        if (auto page = page_.lock())
+            page->annotationsChanged();
+        return;
+    }
+    changed(resized && type_ != Stamp);
+}
+
+void PdfAnnotation::setColor(const QColor &color)
+{
+    color_ = color;
+    changed(true);
+}
+
+void PdfAnnotation::setInteriorColor(const QColor &color)
+{
+    interiorColor_ = color;
+    changed(true);
+}
+
+void PdfAnnotation::setBorderWidth(std::optional<qreal> width)
+{
+    borderWidth_ = width;
+    changed(true);
+}
+
+void PdfAnnotation::setContents(const QString &text)
+{
+    contents_ = text;
+    if (obj_ && !ownLook_ && type_ != FreeText) {
+        const QByteArray utf8 = text.toUtf8();
+        mu::tryGuard([&](fz_context *c) { pdf_dict_put_text_string(c, obj_, PDF_NAME(Contents), utf8.constData()); });
+        return;
+    }
+    changed(type_ == FreeText);
+}
+
+void PdfAnnotation::setFont(const std::optional<PdfFont> &font)
+{
+    font_ = font;
+    changed(true);
+}
+
+void PdfAnnotation::setFontColor(const QColor &color)
+{
+    fontColor_ = color;
+    changed(true);
+}
+
+void PdfAnnotation::setQuadrilateralPoints(const QVector<QPointF> &points)
+{
+    quadPoints_ = points;
+    changed(true);
+}
+
+void PdfAnnotation::addInkPath(const QPolygonF &path)
+{
+    inkPaths_.append(path);
+    changed(true);
+}
+
+void PdfAnnotation::setStampImage(const QImage &image)
+{
+    stampImage_ = image;
+    changed(true);
+}

@@ -1,0 +1,51 @@
+#include "PdfDisplayList.h"
+
+#include "MuContext.h"
+
+#include <cmath>
+
+PdfDisplayList::PdfDisplayList(fz_display_list *list, QSizeF size) : list_(list), size_(size) {}
+
+PdfDisplayList::~PdfDisplayList() { fz_drop_display_list(mu::ctx(), list_); }
+
+QImage PdfDisplayList::render(qreal scale, QRectF region) const
+{
+    if (region.isEmpty())
+        region = QRectF(QPointF(0, 0), size_);
+    const QSize pixels(std::max(1, int(std::lround(region.width() * scale))), std::max(1, int(std::lround(region.height() * scale))));
+    QImage image(pixels, QImage::Format_ARGB32_Premultiplied);
+    if (image.isNull() || !renderInto(image, scale, region.topLeft()))
+        return QImage();
+    return image;
+}
+
+bool PdfDisplayList::renderInto(QImage &target, qreal scale, QPointF origin) const
+{
+    if (target.format() != QImage::Format_ARGB32_Premultiplied || target.isNull())
+        return false;
+    target.fill(Qt::white);
+    // BGRA bytes with premultiplied alpha are QImage's ARGB32 on little-endian machines.
+    static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "pixel layout assumes a little-endian machine");
+    unsigned char *bits = target.bits();
+    const int w = target.width(), h = target.height(), stride = int(target.bytesPerLine());
+    const fz_matrix ctm = fz_concat(fz_translate(float(-origin.x()), float(-origin.y())), fz_scale(float(scale), float(scale)));
+    return mu::tryGuard([&](fz_context *c) {
+        fz_pixmap *pixmap = nullptr;
+        fz_device *dev = nullptr;
+        fz_var(pixmap);
+        fz_var(dev);
+        fz_try(c)
+        {
+            pixmap = fz_new_pixmap_with_data(c, fz_device_bgr(c), w, h, nullptr, 1, stride, bits);
+            dev = fz_new_draw_device(c, fz_identity, pixmap);
+            fz_run_display_list(c, list_, dev, ctm, fz_infinite_rect, nullptr);
+            fz_close_device(c, dev);
+        }
+        fz_always(c)
+        {
+            fz_drop_device(c, dev);
+            fz_drop_pixmap(c, pixmap);
+        }
+        fz_catch(c) fz_rethrow(c);
+    });
+}

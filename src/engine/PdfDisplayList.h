@@ -1,0 +1,31 @@
+// A recorded picture of a page that any thread may render: recorded on the
+// thread that owns the document, played back on workers.
+#pragma once
+
+#include <QImage>
+#include <QRectF>
+#include <QSizeF>
+
+typedef struct fz_display_list fz_display_list;
+
+class PdfDisplayList {
+public:
+    PdfDisplayList(fz_display_list *list, QSizeF size);
+    ~PdfDisplayList();
+    PdfDisplayList(const PdfDisplayList &) = delete;
+    PdfDisplayList &operator=(const PdfDisplayList &) = delete;
+
+    // Size of the page as shown (rotation applied), in points.
+    QSizeF size() const { return size_; }
+
+    // Renders `region` (display points, origin top left; the whole page when
+    // empty) at `scale` pixels per point on a white background. Thread-safe.
+    QImage render(qreal scale, QRectF region = {}) const;
+    // Renders into an existing image (reused buffers avoid page faults); the
+    // image's top left shows the display point `origin`. False on failure.
+    bool renderInto(QImage &target, qreal scale, QPointF origin) const;
+
+private:
+    fz_display_list *list_;
+    QSizeF size_;
+};

@@ -1,0 +1,58 @@
+// A PDF document, shared by reference. Open one from a file or start an
+// empty one; pages are fetched, inserted and removed as page objects.
+#pragma once
+
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+struct DocCore;
+class PdfPage;
+
+struct PdfWriteOptions {
+    // When set, the file is written encrypted (AES-256) with these passwords;
+    // otherwise an encrypted document stays encrypted as it was.
+    QString userPassword;
+    QString ownerPassword;
+};
+
+class PdfDocument : public std::enable_shared_from_this<PdfDocument> {
+public:
+    // None when the file is not a readable PDF.
+    static std::shared_ptr<PdfDocument> open(const QString &path);
+    static std::shared_ptr<PdfDocument> create();
+    ~PdfDocument();
+    PdfDocument(const PdfDocument &) = delete;
+    PdfDocument &operator=(const PdfDocument &) = delete;
+
+    // The file the document was read from (empty for a new document).
+    QString path() const;
+
+    bool isEncrypted() const;
+    // True while an encrypted document waits for its password.
+    bool isLocked() const;
+    bool unlock(const QString &password);
+
+    int pageCount() const;
+    std::shared_ptr<PdfPage> page(int index);
+    // Puts a page at `index` (later pages shift up). A page of this document
+    // that was removed goes back as itself; any other page is copied in.
+    bool insert(const std::shared_ptr<PdfPage> &page, int index);
+    bool removePage(int index);
+
+    // Writes the whole document: a temporary file next to `path`, renamed over
+    // it only when everything was written, so a failure leaves the old file.
+    bool write(const QString &path, const PdfWriteOptions &options = {});
+
+private:
+    friend class PdfPage;
+    PdfDocument() = default;
+    bool loadPageList();
+    int indexOf(const PdfPage *page) const;
+
+    std::shared_ptr<DocCore> core_;
+    bool locked_ = false;
+    // One entry per page in order; made when first asked for.
+    std::vector<std::shared_ptr<PdfPage>> pages_;
+};

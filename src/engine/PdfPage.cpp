@@ -1,0 +1,447 @@
+#include "PdfPage.h"
+
+#include "DocCore.h"
+#include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
+#include "PdfDocument.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+#include <cmath>
+
+// The page's text as lines of characters, in display space (where lines run
+// left to right), built once and kept.
+struct PdfPage::Text {
+    struct Char {
+        QRectF box;
+        int textIndex;
+        int textLength;
+        int font;
+    };
+    struct Line {
+        QRectF box;
+        int first;
+        int end;
+    };
+    QString text;
+    std::vector<Char> chars;
+    std::vector<Line> lines;
+    std::vector<PdfFont> fonts;
+};
+
+namespace {
+
+QTransform toQt(const fz_matrix &m) { return QTransform(m.a, m.b, m.c, m.d, m.e, m.f); }
+
+QRectF toQt(const fz_rect &r)
+{
+    return QRectF(QPointF(std::min(r.x0, r.x1), std::min(r.y0, r.y1)), QPointF(std::max(r.x0, r.x1), std::max(r.y0, r.y1)));
+}
+
+QString cleanFontName(const char *name)
+{
+    QString s = QString::fromUtf8(name);
+    static const QRegularExpression subsetTag(QStringLiteral("^[A-Z]{6}\\+"));
+    return s.remove(subsetTag);
+}
+
+} // namespace
+
+PdfPage::PdfPage(std::shared_ptr<DocCore> core, pdf_obj *obj) : core_(std::move(core)), obj_(obj) {}
+
+PdfPage::~PdfPage()
+{
+    unload();
+    pdf_drop_obj(mu::ctx(), obj_);
+}
+
+std::shared_ptr<PdfDocument> PdfPage::document() const { return document_.lock(); }
+
+int PdfPage::index() const
+{
+    auto doc = document_.lock();
+    return doc ? doc->indexOf(this) : -1;
+}
+
+pdf_page *PdfPage::loaded()
+{
+    if (loaded_)
+        return loaded_;
+    const int at = index();
+    if (at < 0 || isUnplacedCopy_)
+        return nullptr;
+    if (!mu::tryGuard([&](fz_context *c) { loaded_ = pdf_load_page(c, core_->doc, at); }))
+        return nullptr;
+    core_->loadedPages.push_back(this);
+    return loaded_;
+}
+
+void PdfPage::unload()
+{
+    if (!loaded_)
+        return;
+    fz_drop_page(mu::ctx(), &loaded_->super);
+    loaded_ = nullptr;
+    auto &list = core_->loadedPages;
+    list.erase(std::remove(list.begin(), list.end(), this), list.end());
+}
+
+void PdfPage::place(std::shared_ptr<DocCore> core, pdf_obj *ref)
+{
+    unload();
+    pdf_drop_obj(mu::ctx(), obj_);
+    obj_ = ref;
+    core_ = std::move(core);
+    isUnplacedCopy_ = false;
+    annotations_.clear();
+    annotationsRead_ = false;
+    text_.reset();
+}
+
+// MuPDF reads a page's annotations when it loads the page; the next picture
+// loads it again.
+void PdfPage::annotationsChanged() { unload(); }
+
+QRectF PdfPage::bounds(PdfBox box) const
+{
+    fz_rect media{0, 0, 612, 792}, crop{};
+    bool hasCrop = false;
+    mu::tryGuard([&](fz_context *c) {
+        pdf_obj *m = pdf_dict_get_inheritable(c, obj_, PDF_NAME(MediaBox));
+        if (pdf_is_array(c, m))
+            media = pdf_to_rect(c, m);
+        pdf_obj *cb = pdf_dict_get_inheritable(c, obj_, PDF_NAME(CropBox));
+        if (pdf_is_array(c, cb)) {
+            crop = pdf_to_rect(c, cb);
+            hasCrop = true;
+        }
+    });
+    const QRectF mediaRect = toQt(media);
+    if (box == PdfBox::Media || !hasCrop)
+        return mediaRect;
+    const QRectF cropRect = toQt(crop).intersected(mediaRect);
+    return cropRect.isEmpty() ? mediaRect : cropRect;
+}
+
+int PdfPage::rotation() const
+{
+    int degrees = 0;
+    mu::tryGuard([&](fz_context *c) { degrees = pdf_to_int(c, pdf_dict_get_inheritable(c, obj_, PDF_NAME(Rotate))); });
+    degrees = ((degrees % 360) + 360) % 360;
+    return degrees - degrees % 90;
+}
+
+void PdfPage::setRotation(int degrees)
+{
+    const int normalized = (((degrees % 360) + 360) % 360) / 90 * 90;
+    if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, obj_, PDF_NAME(Rotate), normalized); })) {
+        unload();
+        text_.reset();
+    }
+}
+
+QTransform PdfPage::pageToDisplay() const
+{
+    fz_matrix ctm = fz_identity;
+    fz_rect box{};
+    mu::tryGuard([&](fz_context *c) { pdf_page_obj_transform(c, obj_, &box, &ctm); });
+    return toQt(ctm);
+}
+
+QSizeF PdfPage::displaySize() const { return pageToDisplay().mapRect(bounds(PdfBox::Crop)).size(); }
+
+std::vector<std::shared_ptr<PdfAnnotation>> PdfPage::annotations()
+{
+    if (annotationsRead_)
+        return annotations_;
+    annotationsRead_ = true;
+    if (isUnplacedCopy_)
+        return annotations_;
+    std::vector<pdf_obj *> refs;
+    mu::tryGuard([&](fz_context *c) {
+        pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
+        for (int i = 0; i < pdf_array_len(c, annots); ++i) {
+            pdf_obj *entry = pdf_array_get(c, annots, i);
+            if (!pdf_is_dict(c, entry) || pdf_name_eq(c, pdf_dict_get(c, entry, PDF_NAME(Subtype)), PDF_NAME(Popup)))
+                continue;
+            if (!pdf_is_indirect(c, entry)) {
+                // A direct dictionary gets an object number so it can be referred to.
+                pdf_obj *ref = pdf_add_object(c, core_->doc, entry);
+                pdf_array_put_drop(c, annots, i, ref);
+                entry = ref;
+            }
+            refs.push_back(pdf_keep_obj(c, entry));
+        }
+    });
+    for (pdf_obj *ref : refs) {
+        auto annotation = PdfAnnotation::fromFile(core_, ref);
+        annotation->page_ = weak_from_this();
+        annotations_.push_back(annotation);
+    }
+    return annotations_;
+}
+
+void PdfPage::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (!annotation || isUnplacedCopy_)
+        return;
+    if (auto current = annotation->page()) {
+        if (current.get() == this)
+            return;
+        current->removeAnnotation(annotation);
+    }
+    annotations();
+    try {
+        annotation->materialize(core_);
+        mu::guard([&](fz_context *c) {
+            pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
+            if (!pdf_is_array(c, annots))
+                annots = pdf_dict_put_array(c, obj_, PDF_NAME(Annots), 4);
+            pdf_array_push(c, annots, annotation->obj_);
+            pdf_dict_put(c, annotation->obj_, PDF_NAME(P), obj_);
+        });
+    } catch (const mu::Error &) {
+        return;
+    }
+    annotations_.push_back(annotation);
+    annotation->page_ = weak_from_this();
+    annotationsChanged();
+}
+
+void PdfPage::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (!annotation || annotation->page().get() != this)
+        return;
+    mu::tryGuard([&](fz_context *c) {
+        pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
+        pdf_obj *popup = pdf_dict_get(c, annotation->obj_, PDF_NAME(Popup));
+        for (int i = pdf_array_len(c, annots) - 1; i >= 0; --i) {
+            pdf_obj *entry = pdf_array_get(c, annots, i);
+            if (!pdf_objcmp(c, entry, annotation->obj_) || (popup && !pdf_objcmp(c, entry, popup)))
+                pdf_array_delete(c, annots, i);
+        }
+    });
+    annotations_.erase(std::remove(annotations_.begin(), annotations_.end(), annotation), annotations_.end());
+    annotation->page_.reset();
+    annotationsChanged();
+}
+
+std::shared_ptr<PdfAnnotation> PdfPage::annotation(QPointF point)
+{
+    const auto list = annotations();
+    for (auto it = list.rbegin(); it != list.rend(); ++it) {
+        const QRectF r = (*it)->bounds();
+        if (point.x() >= r.left() && point.x() <= r.right() && point.y() >= r.top() && point.y() <= r.bottom())
+            return *it;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<PdfPage> PdfPage::copy()
+{
+    std::shared_ptr<PdfPage> copy(new PdfPage(core_, pdf_keep_obj(mu::ctx(), obj_)));
+    copy->isUnplacedCopy_ = true;
+    return copy;
+}
+
+std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &options)
+{
+    pdf_page *page = loaded();
+    if (!page)
+        return nullptr;
+    pdf_obj *skip = options.skip && options.skip->page().get() == this ? options.skip->obj_ : nullptr;
+    fz_display_list *list = nullptr;
+    fz_rect bounds{};
+    const bool ok = mu::tryGuard([&](fz_context *c) {
+        bounds = fz_bound_page(c, &page->super);
+        list = fz_new_display_list(c, bounds);
+        fz_device *dev = nullptr;
+        fz_var(dev);
+        fz_try(c)
+        {
+            dev = fz_new_list_device(c, list);
+            pdf_run_page_contents(c, page, dev, fz_identity, nullptr);
+            if (options.annotations) {
+                for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
+                    if (!skip || pdf_objcmp(c, pdf_annot_obj(c, a), skip))
+                        pdf_run_annot(c, a, dev, fz_identity, nullptr);
+                for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
+                    if (!skip || pdf_objcmp(c, pdf_annot_obj(c, w), skip))
+                        pdf_run_annot(c, w, dev, fz_identity, nullptr);
+            }
+            fz_close_device(c, dev);
+        }
+        fz_always(c) fz_drop_device(c, dev);
+        fz_catch(c)
+        {
+            fz_drop_display_list(c, list);
+            list = nullptr;
+            fz_rethrow(c);
+        }
+    });
+    if (!ok)
+        return nullptr;
+    return std::make_shared<PdfDisplayList>(list, QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+}
+
+QImage PdfPage::render(qreal scale, const PdfRenderOptions &options) { return render(scale, QRectF(), options); }
+
+QImage PdfPage::render(qreal scale, QRectF displayRegion, const PdfRenderOptions &options)
+{
+    auto list = displayList(options);
+    return list ? list->render(scale, displayRegion) : QImage();
+}
+
+QImage PdfPage::thumbnail(QSize size, PdfBox box)
+{
+    const QRectF region = pageToDisplay().mapRect(bounds(box));
+    if (size.isEmpty() || region.isEmpty())
+        return QImage();
+    const qreal scale = std::min(size.width() / region.width(), size.height() / region.height());
+    return render(scale, region, PdfRenderOptions{});
+}
+
+PdfPage::Text &PdfPage::textLayout()
+{
+    if (text_)
+        return *text_;
+    text_ = std::make_unique<Text>();
+    pdf_page *page = loaded();
+    if (!page)
+        return *text_;
+    fz_stext_page *stext = nullptr;
+    const bool ok = mu::tryGuard([&](fz_context *c) {
+        fz_stext_options opts{};
+        fz_device *dev = nullptr;
+        fz_var(dev);
+        stext = fz_new_stext_page(c, fz_bound_page(c, &page->super));
+        fz_try(c)
+        {
+            dev = fz_new_stext_device(c, stext, &opts);
+            pdf_run_page_contents(c, page, dev, fz_identity, nullptr);
+            fz_close_device(c, dev);
+        }
+        fz_always(c) fz_drop_device(c, dev);
+        fz_catch(c) fz_rethrow(c);
+    });
+    fz_context *c = mu::ctx();
+    if (ok) {
+        Text &t = *text_;
+        for (fz_stext_block *block = stext->first_block; block; block = block->next) {
+            if (block->type != FZ_STEXT_BLOCK_TEXT)
+                continue;
+            for (fz_stext_line *line = block->u.t.first_line; line; line = line->next) {
+                Text::Line l{toQt(line->bbox), int(t.chars.size()), int(t.chars.size())};
+                for (fz_stext_char *ch = line->first_char; ch; ch = ch->next) {
+                    const QString s = QString::fromUcs4(reinterpret_cast<const char32_t *>(&ch->c), 1);
+                    PdfFont font{cleanFontName(fz_font_name(c, ch->font)), ch->size, fz_font_is_bold(c, ch->font) != 0,
+                                 fz_font_is_italic(c, ch->font) != 0};
+                    if (t.fonts.empty() || t.fonts.back().name != font.name || t.fonts.back().size != font.size)
+                        t.fonts.push_back(font);
+                    t.chars.push_back({toQt(fz_rect_from_quad(ch->quad)), int(t.text.size()), int(s.size()), int(t.fonts.size()) - 1});
+                    t.text += s;
+                }
+                l.end = int(t.chars.size());
+                if (l.end > l.first)
+                    t.lines.push_back(l);
+                t.text += QLatin1Char('\n');
+            }
+        }
+    }
+    fz_drop_stext_page(c, stext);
+    return *text_;
+}
+
+QString PdfPage::text() { return textLayout().text; }
+
+std::optional<PdfFont> PdfPage::fontAt(int textIndex)
+{
+    const Text &t = textLayout();
+    auto it = std::upper_bound(t.chars.begin(), t.chars.end(), textIndex,
+                               [](int index, const Text::Char &ch) { return index < ch.textIndex; });
+    if (it == t.chars.begin())
+        return std::nullopt;
+    --it;
+    if (textIndex >= it->textIndex + it->textLength)
+        return std::nullopt;
+    return t.fonts[size_t(it->font)];
+}
+
+// The character position (0 .. number of characters) nearest to a page point:
+// on the closest line, before the first character whose middle lies right of it.
+int PdfPage::caretAt(QPointF point)
+{
+    const Text &t = textLayout();
+    if (t.lines.empty())
+        return -1;
+    const QPointF p = pageToDisplay().map(point);
+    auto distance = [&](const QRectF &r) {
+        const qreal dy = std::max({0.0, r.top() - p.y(), p.y() - r.bottom()});
+        const qreal dx = std::max({0.0, r.left() - p.x(), p.x() - r.right()});
+        return std::pair(dy, dx);
+    };
+    const Text::Line *best = &t.lines.front();
+    for (const auto &line : t.lines)
+        if (distance(line.box) < distance(best->box))
+            best = &line;
+    int caret = best->first;
+    while (caret < best->end && t.chars[size_t(caret)].box.center().x() < p.x())
+        ++caret;
+    return caret;
+}
+
+PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
+{
+    const Text &t = textLayout();
+    const QTransform toPage = pageToDisplay().inverted();
+    std::vector<PdfSelection::Line> lines;
+    for (const auto &line : t.lines) {
+        const int from = std::max(fromChar, line.first), to = std::min(toChar, line.end);
+        if (from >= to)
+            continue;
+        const auto &first = t.chars[size_t(from)];
+        const auto &last = t.chars[size_t(to - 1)];
+        QRectF box;
+        for (int i = from; i < to; ++i)
+            box = box.united(t.chars[size_t(i)].box);
+        lines.push_back({shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex),
+                         toPage.mapRect(box)});
+    }
+    return PdfSelection(std::move(lines));
+}
+
+std::optional<PdfSelection> PdfPage::selectionForLine(QPointF point)
+{
+    const Text &t = textLayout();
+    const QPointF p = pageToDisplay().map(point);
+    for (const auto &line : t.lines)
+        if (line.box.adjusted(-1, -1, 1, 1).contains(p))
+            return selectionForRange(line.first, line.end);
+    return std::nullopt;
+}
+
+std::optional<PdfSelection> PdfPage::selectionForWord(QPointF point)
+{
+    const int caret = caretAt(point);
+    if (caret < 0)
+        return std::nullopt;
+    const Text &t = textLayout();
+    const QPointF p = pageToDisplay().map(point);
+    // The character under the point: the one before or after the caret.
+    int hit = caret;
+    if (hit >= int(t.chars.size()) || (hit > 0 && t.chars[size_t(hit - 1)].box.right() >= p.x()))
+        --hit;
+    auto isSpace = [&](int i) { return t.text.mid(t.chars[size_t(i)].textIndex, t.chars[size_t(i)].textLength).trimmed().isEmpty(); };
+    if (hit < 0 || isSpace(hit))
+        return std::nullopt;
+    auto lineOf = std::find_if(t.lines.begin(), t.lines.end(), [&](const auto &l) { return hit >= l.first && hit < l.end; });
+    int from = hit, to = hit + 1;
+    while (from > lineOf->first && !isSpace(from - 1))
+        --from;
+    while (to < lineOf->end && !isSpace(to))
+        ++to;
+    return selectionForRange(from, to);
+}
+
+PdfSelection PdfPage::selectionForAll() { return selectionForRange(0, int(textLayout().chars.size())); }

@@ -1,0 +1,97 @@
+// A page of a document. A page object follows its page through inserts,
+// removals and moves: it is not "page number n". A page removed from its
+// document stays valid and can be inserted again.
+#pragma once
+
+#include "PdfSelection.h"
+#include "PdfTypes.h"
+
+#include <QImage>
+#include <QRectF>
+#include <QTransform>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+struct DocCore;
+class PdfDisplayList;
+class PdfDocument;
+typedef struct pdf_obj pdf_obj;
+typedef struct pdf_page pdf_page;
+
+class PdfPage : public std::enable_shared_from_this<PdfPage> {
+public:
+    ~PdfPage();
+    PdfPage(const PdfPage &) = delete;
+    PdfPage &operator=(const PdfPage &) = delete;
+
+    // The document the page is in, or none (removed, or a copy not yet placed).
+    std::shared_ptr<PdfDocument> document() const;
+    // The page's index in its document, or -1.
+    int index() const;
+
+    // The box in page space (points, origin lower left, y up).
+    QRectF bounds(PdfBox box = PdfBox::Crop) const;
+    // 0, 90, 180 or 270 degrees clockwise.
+    int rotation() const;
+    void setRotation(int degrees);
+
+    // Display space: the page as shown, rotated, in points with the origin at
+    // the top left of the crop box and y down.
+    QSizeF displaySize() const;
+    QTransform pageToDisplay() const;
+
+    // Annotations, in drawing order (the last is drawn on top).
+    std::vector<std::shared_ptr<PdfAnnotation>> annotations();
+    void addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
+    void removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
+    // The topmost annotation whose bounds contain a page-space point.
+    std::shared_ptr<PdfAnnotation> annotation(QPointF point);
+
+    // An independent copy, carrying annotations, rotation and boxes, that can be
+    // inserted into any document. It is made when it is inserted.
+    std::shared_ptr<PdfPage> copy();
+
+    // Pictures. `scale` is pixels per point.
+    QImage render(qreal scale, const PdfRenderOptions &options = {});
+    QImage render(qreal scale, QRectF displayRegion, const PdfRenderOptions &options);
+    QImage thumbnail(QSize size, PdfBox box = PdfBox::Crop);
+    std::shared_ptr<PdfDisplayList> displayList(const PdfRenderOptions &options = {});
+
+    // Text. The plain text has a line feed after every line.
+    QString text();
+    std::optional<PdfFont> fontAt(int textIndex);
+    // The whole line under a page-space point, or none.
+    std::optional<PdfSelection> selectionForLine(QPointF point);
+    // The word under (or nearest to) a page-space point, or none.
+    std::optional<PdfSelection> selectionForWord(QPointF point);
+    // All text of the page.
+    PdfSelection selectionForAll();
+
+private:
+    friend class PdfDocument;
+    friend struct DocCore;
+    friend class PdfAnnotation;
+    friend class PdfSelection;
+    struct Text;
+
+    PdfPage(std::shared_ptr<DocCore> core, pdf_obj *obj);
+    pdf_page *loaded();
+    void unload();
+    // Turns an unplaced copy into the page `ref` of `core`'s document.
+    void place(std::shared_ptr<DocCore> core, pdf_obj *ref);
+    void annotationsChanged();
+    Text &textLayout();
+    int caretAt(QPointF point);
+    PdfSelection selectionForRange(int fromChar, int toChar);
+
+    std::shared_ptr<DocCore> core_;
+    std::weak_ptr<PdfDocument> document_;
+    pdf_obj *obj_ = nullptr;
+    pdf_page *loaded_ = nullptr;
+    bool isUnplacedCopy_ = false;
+    bool annotationsRead_ = false;
+    std::vector<std::shared_ptr<PdfAnnotation>> annotations_;
+    std::unique_ptr<Text> text_;
+};

@@ -1,0 +1,178 @@
+#include "FixtureBuilder.h"
+
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+
+#include <QFile>
+#include <QImage>
+#include <QPainter>
+#include <QTemporaryDir>
+
+namespace fixtures {
+namespace {
+
+QByteArray num(qreal v) { return QByteArray::number(v, 'f', 2); }
+
+QByteArray rect(const QRectF &r)
+{
+    return '[' + num(r.left()) + ' ' + num(r.top()) + ' ' + num(r.right()) + ' ' + num(r.bottom()) + ']';
+}
+
+QByteArray escaped(const QString &text)
+{
+    QByteArray out;
+    for (char ch : text.toLatin1()) {
+        if (ch == '(' || ch == ')' || ch == '\\')
+            out += '\\';
+        out += ch;
+    }
+    return out;
+}
+
+} // namespace
+
+QByteArray buildPdf(const std::vector<PageSpec> &pages)
+{
+    // Objects: 1 catalog, 2 page tree, 3 font, then a page and its contents per page.
+    std::vector<QByteArray> objects;
+    QByteArray kids;
+    for (size_t i = 0; i < pages.size(); ++i)
+        kids += QByteArray::number(4 + 2 * int(i)) + " 0 R ";
+    objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
+    objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>");
+    objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
+    for (size_t i = 0; i < pages.size(); ++i) {
+        const PageSpec &p = pages[i];
+        QByteArray page = "<< /Type /Page /Parent 2 0 R /MediaBox " + rect(p.mediaBox);
+        if (p.cropBox)
+            page += " /CropBox " + rect(*p.cropBox);
+        if (p.rotation)
+            page += " /Rotate " + QByteArray::number(p.rotation);
+        page += " /Resources << /Font << /F1 3 0 R >> >> /Contents " + QByteArray::number(5 + 2 * int(i)) + " 0 R >>";
+        QByteArray content;
+        for (const TextRun &run : p.text)
+            content += "BT /F1 " + num(run.size) + " Tf " + num(run.origin.x()) + ' ' + num(run.origin.y()) + " Td ("
+                       + escaped(run.text) + ") Tj ET\n";
+        objects.push_back(page);
+        objects.push_back("<< /Length " + QByteArray::number(content.size()) + " >>\nstream\n" + content + "endstream");
+    }
+    QByteArray out = "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n";
+    std::vector<qsizetype> offsets;
+    for (size_t i = 0; i < objects.size(); ++i) {
+        offsets.push_back(out.size());
+        out += QByteArray::number(int(i) + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const qsizetype xref = out.size();
+    out += "xref\n0 " + QByteArray::number(int(objects.size()) + 1) + "\n0000000000 65535 f \n";
+    for (qsizetype offset : offsets)
+        out += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
+    out += "trailer\n<< /Size " + QByteArray::number(int(objects.size()) + 1) + " /Root 1 0 R >>\nstartxref\n"
+           + QByteArray::number(xref) + "\n%%EOF\n";
+    return out;
+}
+
+bool writeFile(const QString &path, const QByteArray &data)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+bool writePdf(const QString &path, const std::vector<PageSpec> &pages) { return writeFile(path, buildPdf(pages)); }
+
+std::vector<PageSpec> numberedPages(int count, int linesPerPage)
+{
+    std::vector<PageSpec> pages(size_t(std::max(count, 0)));
+    for (int i = 0; i < count; ++i) {
+        auto &text = pages[size_t(i)].text;
+        text.push_back({QStringLiteral("Page %1").arg(i + 1), {72, 720}, 24});
+        for (int line = 0; line < linesPerPage; ++line)
+            text.push_back({QStringLiteral("The quick brown fox jumps over the lazy dog, line %1 of page %2.").arg(line + 1).arg(i + 1),
+                            {72, 680.0 - 16 * line}, 12});
+    }
+    return pages;
+}
+
+bool writeEncrypted(const QString &path, const std::vector<PageSpec> &pages, const QString &password)
+{
+    QTemporaryDir dir;
+    const QString plain = dir.filePath(QStringLiteral("plain.pdf"));
+    if (!writePdf(plain, pages))
+        return false;
+    auto doc = PdfDocument::open(plain);
+    return doc && doc->write(path, PdfWriteOptions{password, password + QStringLiteral("-owner")});
+}
+
+bool writeWithAnnotations(const QString &path)
+{
+    QTemporaryDir dir;
+    const QString plain = dir.filePath(QStringLiteral("plain.pdf"));
+    if (!writePdf(plain, numberedPages(1)))
+        return false;
+    auto doc = PdfDocument::open(plain);
+    auto page = doc ? doc->page(0) : nullptr;
+    if (!page)
+        return false;
+
+    auto square = PdfAnnotation::create({72, 500, 100, 60}, PdfAnnotation::Square);
+    square->setColor(Qt::red);
+    square->setInteriorColor(QColor(0, 0, 255, 128));
+    square->setBorderWidth(3);
+    page->addAnnotation(square);
+
+    auto circle = PdfAnnotation::create({200, 500, 80, 60}, PdfAnnotation::Circle);
+    circle->setColor(Qt::darkGreen);
+    circle->setBorderWidth(2);
+    page->addAnnotation(circle);
+
+    auto ink = PdfAnnotation::create({300, 500, 100, 60}, PdfAnnotation::Ink);
+    ink->setColor(Qt::blue);
+    ink->setBorderWidth(3);
+    ink->addInkPath(QPolygonF({{3, 3}, {50, 57}, {97, 3}}));
+    page->addAnnotation(ink);
+
+    const QString markups[] = {PdfAnnotation::Highlight, PdfAnnotation::Underline, PdfAnnotation::StrikeOut};
+    for (int i = 0; i < 3; ++i) {
+        auto markup = PdfAnnotation::create({72, 676.0 - 16 * i, 200, 14}, markups[i]);
+        markup->setColor(i == 0 ? QColor(Qt::yellow) : QColor(Qt::magenta));
+        markup->setQuadrilateralPoints({{0, 14}, {200, 14}, {0, 0}, {200, 0}});
+        page->addAnnotation(markup);
+    }
+
+    auto text = PdfAnnotation::create({72, 400, 240, 24}, PdfAnnotation::FreeText);
+    text->setContents(QStringLiteral("Note"));
+    text->setFont(PdfFont{QStringLiteral("Helvetica"), 14});
+    text->setFontColor(Qt::black);
+    text->setColor(QColor(0, 0, 0, 0));
+    text->setBorderWidth(0);
+    page->addAnnotation(text);
+
+    QImage signature(200, 60, QImage::Format_ARGB32);
+    signature.fill(Qt::transparent);
+    QPainter painter(&signature);
+    painter.setPen(QPen(Qt::black, 4));
+    painter.drawLine(10, 50, 190, 10);
+    painter.end();
+    auto stamp = PdfAnnotation::create({300, 380, 200, 60}, PdfAnnotation::Stamp);
+    stamp->setBorderWidth(0);
+    stamp->setStampImage(signature);
+    page->addAnnotation(stamp);
+
+    return doc->write(path);
+}
+
+bool writeDamaged(const QString &path)
+{
+    QByteArray data = "%PDF-1.7\n";
+    for (int i = 0; i < 4000; ++i)
+        data += char((i * 7919 + 13) % 251);
+    return writeFile(path, data);
+}
+
+bool writeTruncated(const QString &path, double fraction)
+{
+    const QByteArray whole = buildPdf(numberedPages(4));
+    return writeFile(path, whole.left(qsizetype(whole.size() * fraction)));
+}
+
+} // namespace fixtures

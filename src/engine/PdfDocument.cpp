@@ -98,25 +98,44 @@ std::shared_ptr<PdfDocument> PdfDocument::create()
 PdfDocument::~PdfDocument()
 {
     for (auto &page : pages_)
-        if (page)
-            page->document_.reset();
+        page->document_.reset();
 }
 
-// Counts the pages and checks that the page tree can be read; a damaged file
-// that MuPDF "repairs" into nothing is not a readable PDF.
+// Makes a page object for every page, reading the page tree once (looking up
+// pages one by one walks the tree each time); a damaged file that MuPDF
+// "repairs" into nothing is not a readable PDF.
 bool PdfDocument::loadPageList()
 {
-    int count = 0;
+    std::vector<pdf_obj *> refs;
     const bool ok = mu::tryGuard([&](fz_context *c) {
-        count = pdf_count_pages(c, core_->doc);
+        const int count = pdf_count_pages(c, core_->doc);
         if (count == 0 && pdf_was_repaired(c, core_->doc))
             fz_throw(c, FZ_ERROR_GENERIC, "no pages in a damaged file");
-        if (count > 0 && !pdf_lookup_page_obj(c, core_->doc, 0))
-            fz_throw(c, FZ_ERROR_GENERIC, "no first page");
+        refs.reserve(size_t(std::max(count, 0)));
+        pdf_load_page_tree(c, core_->doc);
+        fz_try(c)
+        {
+            for (int i = 0; i < count; ++i) {
+                pdf_obj *obj = pdf_lookup_page_obj(c, core_->doc, i);
+                if (!obj)
+                    fz_throw(c, FZ_ERROR_GENERIC, "page %d is missing", i);
+                refs.push_back(core_->reference(c, obj));
+            }
+        }
+        fz_always(c) pdf_drop_page_tree(c, core_->doc);
+        fz_catch(c) fz_rethrow(c);
     });
-    if (!ok || count < 0)
+    if (!ok) {
+        for (pdf_obj *ref : refs)
+            pdf_drop_obj(mu::ctx(), ref);
         return false;
-    pages_.assign(count, nullptr);
+    }
+    pages_.clear();
+    pages_.reserve(refs.size());
+    for (pdf_obj *ref : refs) {
+        pages_.emplace_back(new PdfPage(core_, ref));
+        pages_.back()->document_ = weak_from_this();
+    }
     return true;
 }
 
@@ -153,20 +172,7 @@ std::shared_ptr<PdfPage> PdfDocument::page(int index)
 {
     if (locked_ || index < 0 || index >= int(pages_.size()))
         return nullptr;
-    auto &slot = pages_[size_t(index)];
-    if (!slot) {
-        pdf_obj *ref = nullptr;
-        if (!mu::tryGuard([&](fz_context *c) {
-                pdf_obj *obj = pdf_lookup_page_obj(c, core_->doc, index);
-                if (!obj)
-                    fz_throw(c, FZ_ERROR_GENERIC, "no such page");
-                ref = core_->reference(c, obj);
-            }))
-            return nullptr;
-        slot.reset(new PdfPage(core_, ref));
-        slot->document_ = weak_from_this();
-    }
-    return slot;
+    return pages_[size_t(index)];
 }
 
 int PdfDocument::indexOf(const PdfPage *page) const
@@ -282,8 +288,7 @@ bool PdfDocument::removePage(int index)
     core_->unloadPages();
     if (!mu::tryGuard([&](fz_context *c) { pdf_delete_page(c, core_->doc, index); }))
         return false;
-    if (auto &page = pages_[size_t(index)])
-        page->document_.reset();
+    pages_[size_t(index)]->document_.reset();
     pages_.erase(pages_.begin() + index);
     return true;
 }

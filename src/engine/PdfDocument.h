@@ -53,6 +53,6 @@ private:
 
     std::shared_ptr<DocCore> core_;
     bool locked_ = false;
-    // One entry per page in order; made when first asked for.
+    // The pages in order.
     std::vector<std::shared_ptr<PdfPage>> pages_;
 };

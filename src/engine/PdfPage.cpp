@@ -10,8 +10,9 @@
 #include <algorithm>
 #include <cmath>
 
-// The page's text as lines of characters, in display space (where lines run
-// left to right), built once and kept.
+// The page's text as lines of characters with their boxes in page space (where
+// the lines of an upright page run left to right whatever its rotation),
+// built once and kept.
 struct PdfPage::Text {
     struct Char {
         QRectF box;
@@ -135,10 +136,8 @@ int PdfPage::rotation() const
 void PdfPage::setRotation(int degrees)
 {
     const int normalized = (((degrees % 360) + 360) % 360) / 90 * 90;
-    if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, obj_, PDF_NAME(Rotate), normalized); })) {
+    if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, obj_, PDF_NAME(Rotate), normalized); }))
         unload();
-        text_.reset();
-    }
 }
 
 QTransform PdfPage::pageToDisplay() const
@@ -245,6 +244,49 @@ std::shared_ptr<PdfPage> PdfPage::copy()
     return copy;
 }
 
+std::vector<PdfLink> PdfPage::links()
+{
+    std::vector<PdfLink> result;
+    pdf_page *page = loaded();
+    auto doc = document();
+    if (!page || !doc)
+        return result;
+    struct Raw {
+        fz_rect rect;
+        QString url;
+        int page;
+        float x, y;
+    };
+    std::vector<Raw> raw;
+    fz_link *links = nullptr;
+    mu::tryGuard([&](fz_context *c) { links = fz_load_links(c, &page->super); });
+    fz_context *c = mu::ctx();
+    for (fz_link *link = links; link; link = link->next) {
+        Raw r{link->rect, {}, -1, NAN, NAN};
+        if (!link->uri)
+            continue;
+        if (fz_is_external_link(c, link->uri))
+            r.url = QString::fromUtf8(link->uri);
+        else
+            mu::tryGuard([&](fz_context *cc) {
+                const fz_location loc = fz_resolve_link(cc, &core_->doc->super, link->uri, &r.x, &r.y);
+                r.page = fz_page_number_from_location(cc, &core_->doc->super, loc);
+            });
+        raw.push_back(r);
+    }
+    fz_drop_link(c, links);
+    const QTransform toPage = pageToDisplay().inverted();
+    for (const Raw &r : raw) {
+        PdfLink link{toPage.mapRect(toQt(r.rect)), r.url, r.page, std::nullopt};
+        if (r.page >= 0 && !std::isnan(r.x) && !std::isnan(r.y))
+            if (auto target = doc->page(r.page))
+                link.point = target->pageToDisplay().inverted().map(QPointF(r.x, r.y));
+        if (!link.url.isEmpty() || link.page >= 0)
+            result.push_back(link);
+    }
+    return result;
+}
+
 std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &options)
 {
     pdf_page *page = loaded();
@@ -328,18 +370,19 @@ PdfPage::Text &PdfPage::textLayout()
     fz_context *c = mu::ctx();
     if (ok) {
         Text &t = *text_;
+        const QTransform toPage = pageToDisplay().inverted();
         for (fz_stext_block *block = stext->first_block; block; block = block->next) {
             if (block->type != FZ_STEXT_BLOCK_TEXT)
                 continue;
             for (fz_stext_line *line = block->u.t.first_line; line; line = line->next) {
-                Text::Line l{toQt(line->bbox), int(t.chars.size()), int(t.chars.size())};
+                Text::Line l{toPage.mapRect(toQt(line->bbox)), int(t.chars.size()), int(t.chars.size())};
                 for (fz_stext_char *ch = line->first_char; ch; ch = ch->next) {
                     const QString s = QString::fromUcs4(reinterpret_cast<const char32_t *>(&ch->c), 1);
                     PdfFont font{cleanFontName(fz_font_name(c, ch->font)), ch->size, fz_font_is_bold(c, ch->font) != 0,
                                  fz_font_is_italic(c, ch->font) != 0};
                     if (t.fonts.empty() || t.fonts.back().name != font.name || t.fonts.back().size != font.size)
                         t.fonts.push_back(font);
-                    t.chars.push_back({toQt(fz_rect_from_quad(ch->quad)), int(t.text.size()), int(s.size()), int(t.fonts.size()) - 1});
+                    t.chars.push_back({toPage.mapRect(toQt(fz_rect_from_quad(ch->quad))), int(t.text.size()), int(s.size()), int(t.fonts.size()) - 1});
                     t.text += s;
                 }
                 l.end = int(t.chars.size());
@@ -375,7 +418,7 @@ int PdfPage::caretAt(QPointF point)
     const Text &t = textLayout();
     if (t.lines.empty())
         return -1;
-    const QPointF p = pageToDisplay().map(point);
+    const QPointF &p = point;
     auto distance = [&](const QRectF &r) {
         const qreal dy = std::max({0.0, r.top() - p.y(), p.y() - r.bottom()});
         const qreal dx = std::max({0.0, r.left() - p.x(), p.x() - r.right()});
@@ -394,7 +437,6 @@ int PdfPage::caretAt(QPointF point)
 PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
 {
     const Text &t = textLayout();
-    const QTransform toPage = pageToDisplay().inverted();
     std::vector<PdfSelection::Line> lines;
     for (const auto &line : t.lines) {
         const int from = std::max(fromChar, line.first), to = std::min(toChar, line.end);
@@ -406,7 +448,7 @@ PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
         for (int i = from; i < to; ++i)
             box = box.united(t.chars[size_t(i)].box);
         lines.push_back({shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex),
-                         toPage.mapRect(box)});
+                         box});
     }
     return PdfSelection(std::move(lines));
 }
@@ -414,9 +456,8 @@ PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
 std::optional<PdfSelection> PdfPage::selectionForLine(QPointF point)
 {
     const Text &t = textLayout();
-    const QPointF p = pageToDisplay().map(point);
     for (const auto &line : t.lines)
-        if (line.box.adjusted(-1, -1, 1, 1).contains(p))
+        if (line.box.adjusted(-1, -1, 1, 1).contains(point))
             return selectionForRange(line.first, line.end);
     return std::nullopt;
 }
@@ -427,10 +468,9 @@ std::optional<PdfSelection> PdfPage::selectionForWord(QPointF point)
     if (caret < 0)
         return std::nullopt;
     const Text &t = textLayout();
-    const QPointF p = pageToDisplay().map(point);
     // The character under the point: the one before or after the caret.
     int hit = caret;
-    if (hit >= int(t.chars.size()) || (hit > 0 && t.chars[size_t(hit - 1)].box.right() >= p.x()))
+    if (hit >= int(t.chars.size()) || (hit > 0 && t.chars[size_t(hit - 1)].box.right() >= point.x()))
         --hit;
     auto isSpace = [&](int i) { return t.text.mid(t.chars[size_t(i)].textIndex, t.chars[size_t(i)].textLength).trimmed().isEmpty(); };
     if (hit < 0 || isSpace(hit))

@@ -53,6 +53,8 @@ public:
     // inserted into any document. It is made when it is inserted.
     std::shared_ptr<PdfPage> copy();
 
+    std::vector<PdfLink> links();
+
     // Pictures. `scale` is pixels per point.
     QImage render(qreal scale, const PdfRenderOptions &options = {});
     QImage render(qreal scale, QRectF displayRegion, const PdfRenderOptions &options);

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <QColor>
+#include <QPointF>
+#include <QRectF>
 #include <QString>
 
 #include <memory>
+#include <optional>
 
 class PdfAnnotation;
 
@@ -17,6 +20,15 @@ struct PdfFont {
     qreal size = 0;
     bool bold = false;
     bool italic = false;
+};
+
+// A link area of a page. External links carry a URL; internal ones the index
+// of the page they lead to and, when the file names one, a point on it.
+struct PdfLink {
+    QRectF bounds; // page space
+    QString url;
+    int page = -1;
+    std::optional<QPointF> point; // page space of the target page
 };
 
 // What a rendering of a page shows.

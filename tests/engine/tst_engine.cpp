@@ -1,36 +1,872 @@
+// Engine tests: documents, pages, annotations and text, checked against the
+// files the engine writes, as read back by the engine and by other readers
+// (poppler's pdftoppm renders them, qpdf checks their structure).
 #include "FixtureBuilder.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 
+#include <QDir>
+#include <QFile>
+#include <QPainter>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <thread>
+#include <unistd.h>
+
+using fixtures::PageSpec;
+
+namespace {
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// qpdf's structural check of a written file; empty when it passes.
+QString qpdfProblems(const QString &path, const QString &password = {})
+{
+    QProcess qpdf;
+    QStringList args{"--check"};
+    if (!password.isEmpty())
+        args << "--password=" + password;
+    qpdf.start("qpdf", args << path);
+    if (!qpdf.waitForFinished(60000))
+        return "qpdf did not finish";
+    if (qpdf.exitStatus() == QProcess::NormalExit && qpdf.exitCode() == 0)
+        return {};
+    return QString::fromLocal8Bit(qpdf.readAllStandardOutput() + qpdf.readAllStandardError());
+}
+
+// One page of a file as poppler draws it.
+QImage popplerPage(const QString &path, int pageNumber = 1, int dpi = 72)
+{
+    QTemporaryDir dir;
+    const QString prefix = dir.filePath("page");
+    QProcess::execute("pdftoppm", {"-cropbox", "-r", QString::number(dpi), "-f", QString::number(pageNumber), "-l",
+                                   QString::number(pageNumber), "-singlefile", "-png", path, prefix});
+    return QImage(prefix + ".png").convertToFormat(QImage::Format_ARGB32);
+}
+
+bool near(QColor a, QColor b, int tolerance = 40)
+{
+    return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance
+           && std::abs(a.blue() - b.blue()) <= tolerance;
+}
+
+// The pixel of `image` (rendered at `scale` pixels per point) at a page-space point.
+QColor pixelAt(const QImage &image, const std::shared_ptr<PdfPage> &page, QPointF pagePoint, qreal scale)
+{
+    const QPointF p = page->pageToDisplay().map(pagePoint) * scale;
+    const QPoint px(int(p.x()), int(p.y()));
+    return image.rect().contains(px) ? image.pixelColor(px) : QColor();
+}
+
+// Whether any pixel near `color`, as it looks over white paper, lies inside a
+// page-space rectangle of the image.
+bool showsColorIn(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, QColor color, qreal scale,
+                  int tolerance = 40)
+{
+    const qreal a = color.alphaF();
+    color = QColor::fromRgbF(color.redF() * a + 1 - a, color.greenF() * a + 1 - a, color.blueF() * a + 1 - a);
+    const QRect area = (page->pageToDisplay().mapRect(pageRect).toAlignedRect().adjusted(-1, -1, 1, 1));
+    const QRect px = QRect(area.topLeft() * scale, area.size() * scale).intersected(image.rect());
+    for (int y = px.top(); y <= px.bottom(); ++y)
+        for (int x = px.left(); x <= px.right(); ++x)
+            if (near(image.pixelColor(x, y), color, tolerance))
+                return true;
+    return false;
+}
+
+// Rows of a page-space rectangle that hold dark pixels: the height of drawn text.
+int inkHeight(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
+{
+    const QRect px = QRectF(page->pageToDisplay().mapRect(pageRect).topLeft() * scale,
+                            page->pageToDisplay().mapRect(pageRect).size() * scale)
+                         .toAlignedRect()
+                         .intersected(image.rect());
+    int top = -1, bottom = -1;
+    for (int y = px.top(); y <= px.bottom(); ++y)
+        for (int x = px.left(); x <= px.right(); ++x)
+            if (qGray(image.pixel(x, y)) < 100) {
+                if (top < 0)
+                    top = y;
+                bottom = y;
+                break;
+            }
+    return top < 0 ? 0 : bottom - top + 1;
+}
+
+QString firstLine(const std::shared_ptr<PdfPage> &page) { return page->text().section('\n', 0, 0); }
+
+std::shared_ptr<PdfAnnotation> square(QRectF bounds, QColor stroke, QColor fill = {})
+{
+    auto a = PdfAnnotation::create(bounds, PdfAnnotation::Square);
+    a->setColor(stroke);
+    if (fill.isValid())
+        a->setInteriorColor(fill);
+    a->setBorderWidth(4);
+    return a;
+}
+
+} // namespace
 
 class TestEngine : public QObject {
     Q_OBJECT
 private slots:
-    void smoke();
+    void opensOnlyReadablePdfs();
+    void lockedDocuments();
+    void pagesKeepIdentityThroughRemoveAndInsert();
+    void pageCopiesCarryAnnotationsRotationAndBoxes();
+    void geometryOnRotatedAndOffsetPages();
+    void annotationsRoundTripThroughFiles();
+    void annotationsShowInOtherReaders();
+    void annotationIdentityAndDrawing();
+    void foreignAnnotationsKeepTheirLook();
+    void freeTextShowsEveryScript();
+    void textSelections();
+    void links();
+    void displayListsRenderOnWorkerThreads();
+    void writingIsAtomic();
+
+private:
+    QTemporaryDir dir_;
+    QString path(const QString &name) const { return dir_.filePath(name); }
 };
 
-void TestEngine::smoke()
+void TestEngine::opensOnlyReadablePdfs()
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath("a.pdf");
-    QVERIFY(fixtures::writePdf(path, fixtures::numberedPages(3)));
-    auto doc = PdfDocument::open(path);
+    QVERIFY(fixtures::writeFile(path("notes.pdf"), "Just some text, not a PDF at all.\n"));
+    QVERIFY(!PdfDocument::open(path("notes.pdf")));
+    QVERIFY(fixtures::writeFile(path("empty.pdf"), {}));
+    QVERIFY(!PdfDocument::open(path("empty.pdf")));
+    QVERIFY(fixtures::writeDamaged(path("damaged.pdf")));
+    QVERIFY(!PdfDocument::open(path("damaged.pdf")));
+    QVERIFY(!PdfDocument::open(path("missing.pdf")));
+    QVERIFY(!PdfDocument::open(dir_.path()));
+
+    // A truncated file is either refused or, where MuPDF recovers it, usable
+    // page by page without a crash.
+    for (double fraction : {0.2, 0.5, 0.8, 0.97}) {
+        const QString name = path(QString("truncated-%1.pdf").arg(fraction));
+        QVERIFY(fixtures::writeTruncated(name, fraction));
+        if (auto doc = PdfDocument::open(name))
+            for (int i = 0; i < doc->pageCount(); ++i) {
+                auto page = doc->page(i);
+                QVERIFY(page);
+                page->render(0.5);
+                page->text();
+            }
+    }
+
+    QVERIFY(fixtures::writePdf(path("three.pdf"), fixtures::numberedPages(3)));
+    auto doc = PdfDocument::open(path("three.pdf"));
     QVERIFY(doc);
     QCOMPARE(doc->pageCount(), 3);
-    auto page = doc->page(1);
-    qDebug() << page->text().left(80) << page->bounds() << page->displaySize();
-    QImage img = page->render(1.0);
-    QCOMPARE(img.size(), QSize(612, 792));
-    const QString annotated = "/tmp/annots.pdf";
-    QVERIFY(fixtures::writeWithAnnotations(annotated));
-    auto doc2 = PdfDocument::open(annotated);
-    QVERIFY(doc2);
-    for (auto &a : doc2->page(0)->annotations())
-        qDebug() << a->type() << a->bounds() << a->color() << a->contents();
-    doc2->page(0)->render(1.0).save("/tmp/annots.png");
+    QVERIFY(!doc->isLocked());
+    QVERIFY(!doc->isEncrypted());
+    QCOMPARE(doc->page(2), doc->page(2));
+    QVERIFY(!doc->page(-1));
+    QVERIFY(!doc->page(3));
+    QCOMPARE(firstLine(doc->page(2)), QString("Page 3"));
+}
+
+void TestEngine::lockedDocuments()
+{
+    const QString locked = path("locked.pdf");
+    QVERIFY(fixtures::writeEncrypted(locked, fixtures::numberedPages(2), "sesame"));
+    const QByteArray original = readAll(locked);
+    auto doc = PdfDocument::open(locked);
+    QVERIFY(doc);
+    QVERIFY(doc->isLocked());
+    QVERIFY(doc->isEncrypted());
+    QCOMPARE(doc->pageCount(), 0);
+    QVERIFY(!doc->page(0));
+    QVERIFY(!doc->write(locked));
+    QCOMPARE(readAll(locked), original);
+
+    QVERIFY(!doc->unlock("wrong"));
+    QVERIFY(!doc->unlock(""));
+    QVERIFY(doc->isLocked());
+    QVERIFY(doc->unlock("sesame"));
+    QVERIFY(!doc->isLocked());
+    QCOMPARE(doc->pageCount(), 2);
+    QCOMPARE(firstLine(doc->page(1)), QString("Page 2"));
+
+    // Saved again, it stays encrypted with the same passwords.
+    doc->page(0)->addAnnotation(square({100, 100, 50, 50}, Qt::red));
+    QVERIFY(doc->write(locked));
+    QCOMPARE(qpdfProblems(locked, "sesame"), QString());
+    auto again = PdfDocument::open(locked);
+    QVERIFY(again && again->isLocked());
+    QVERIFY(again->unlock("sesame-owner"));
+    QCOMPARE(again->page(0)->annotations().size(), size_t(1));
+}
+
+void TestEngine::pagesKeepIdentityThroughRemoveAndInsert()
+{
+    QVERIFY(fixtures::writePdf(path("five.pdf"), fixtures::numberedPages(5)));
+    auto doc = PdfDocument::open(path("five.pdf"));
+    QVERIFY(doc);
+    std::vector<std::shared_ptr<PdfPage>> pages;
+    for (int i = 0; i < 5; ++i)
+        pages.push_back(doc->page(i));
+
+    QVERIFY(doc->removePage(1));
+    QCOMPARE(doc->pageCount(), 4);
+    QCOMPARE(pages[1]->index(), -1);
+    QVERIFY(!pages[1]->document());
+    QCOMPARE(doc->page(1), pages[2]);
+    QCOMPARE(pages[4]->index(), 3);
+    QVERIFY(!doc->removePage(4));
+
+    // The removed page goes back as itself, annotations and all.
+    auto mark = square({100, 100, 40, 40}, Qt::red);
+    pages[1]->addAnnotation(mark);
+    QVERIFY(doc->insert(pages[1], 3));
+    QCOMPARE(pages[1]->index(), 3);
+    QCOMPARE(pages[1]->document(), doc);
+    QCOMPARE(doc->page(3), pages[1]);
+    QCOMPARE(mark->page(), pages[1]);
+    QVERIFY(showsColorIn(pages[1]->render(1), pages[1], mark->bounds(), Qt::red, 1));
+    QVERIFY(!doc->insert(pages[0]->copy(), 9));
+
+    pages[2]->setRotation(-90);
+    QCOMPARE(pages[2]->rotation(), 270);
+    pages[2]->setRotation(450);
+    QCOMPARE(pages[2]->rotation(), 90);
+
+    QStringList order;
+    for (int i = 0; i < doc->pageCount(); ++i)
+        order << firstLine(doc->page(i));
+    QCOMPARE(order, QStringList({"Page 1", "Page 3", "Page 4", "Page 2", "Page 5"}));
+
+    QVERIFY(doc->write(path("five-reordered.pdf")));
+    QCOMPARE(qpdfProblems(path("five-reordered.pdf")), QString());
+    auto reopened = PdfDocument::open(path("five-reordered.pdf"));
+    QVERIFY(reopened);
+    QStringList reopenedOrder;
+    for (int i = 0; i < reopened->pageCount(); ++i)
+        reopenedOrder << firstLine(reopened->page(i));
+    QCOMPARE(reopenedOrder, order);
+    QCOMPARE(reopened->page(1)->rotation(), 90);
+    QCOMPARE(reopened->page(3)->annotations().size(), size_t(1));
+
+    // Moving every page, as drag reordering does: remove all, insert all.
+    std::vector<std::shared_ptr<PdfPage>> all;
+    for (int i = 0; i < doc->pageCount(); ++i)
+        all.push_back(doc->page(i));
+    for (int i = doc->pageCount() - 1; i >= 0; --i)
+        QVERIFY(doc->removePage(i));
+    QCOMPARE(doc->pageCount(), 0);
+    for (int i = 0; i < int(all.size()); ++i)
+        QVERIFY(doc->insert(all[size_t(all.size()) - 1 - size_t(i)], i));
+    QCOMPARE(firstLine(doc->page(0)), QString("Page 5"));
+    QCOMPARE(doc->page(0), all.back());
+    QVERIFY(doc->write(path("five-reversed.pdf")));
+    QCOMPARE(qpdfProblems(path("five-reversed.pdf")), QString());
+    QCOMPARE(PdfDocument::open(path("five-reversed.pdf"))->pageCount(), 5);
+}
+
+void TestEngine::pageCopiesCarryAnnotationsRotationAndBoxes()
+{
+    PageSpec cropped;
+    cropped.mediaBox = QRectF(0, 0, 500, 700);
+    cropped.cropBox = QRectF(50, 60, 400, 500);
+    cropped.rotation = 90;
+    cropped.text.push_back({"Cropped", {100, 400}, 20});
+    QVERIFY(fixtures::writePdf(path("source.pdf"), {cropped, fixtures::numberedPages(1)[0]}));
+    auto source = PdfDocument::open(path("source.pdf"));
+    QVERIFY(source);
+    auto mark = square({100, 100, 80, 40}, Qt::red);
+    source->page(0)->addAnnotation(mark);
+
+    auto merged = PdfDocument::create();
+    QVERIFY(merged);
+    QCOMPARE(merged->pageCount(), 0);
+    auto first = source->page(0)->copy();
+    QVERIFY(!first->document());
+    QVERIFY(merged->insert(first, 0));
+    QVERIFY(merged->insert(source->page(1)->copy(), 1));
+    QVERIFY(merged->insert(source->page(0)->copy(), 2)); // a page placed twice is copied twice
+    QCOMPARE(merged->pageCount(), 3);
+    QCOMPARE(merged->page(0), first);
+    QCOMPARE(first->document(), merged);
+    QCOMPARE(first->rotation(), 90);
+    QCOMPARE(first->bounds(PdfBox::Crop), QRectF(50, 60, 400, 500));
+    QCOMPARE(first->bounds(PdfBox::Media), QRectF(0, 0, 500, 700));
+    QCOMPARE(firstLine(first), QString("Cropped"));
+    const auto copied = first->annotations();
+    QCOMPARE(copied.size(), size_t(1));
+    QCOMPARE(copied[0]->type(), PdfAnnotation::Square);
+    QCOMPARE(copied[0]->bounds(), mark->bounds());
+    QVERIFY(copied[0] != mark);
+
+    // The copies are independent of their source and of each other.
+    copied[0]->setBounds({200, 200, 80, 40});
+    QCOMPARE(mark->bounds(), QRectF(100, 100, 80, 40));
+    merged->page(2)->removeAnnotation(merged->page(2)->annotations().front());
+    QCOMPARE(first->annotations().size(), size_t(1));
+    QCOMPARE(source->page(0)->annotations().size(), size_t(1));
+    QCOMPARE(source->pageCount(), 2);
+
+    // A copy of a page of the same document.
+    QVERIFY(source->insert(source->page(0)->copy(), 2));
+    QCOMPARE(source->pageCount(), 3);
+    QCOMPARE(source->page(2)->annotations().size(), size_t(1));
+    source->page(2)->removeAnnotation(source->page(2)->annotations().front());
+    QCOMPARE(source->page(0)->annotations().size(), size_t(1));
+
+    const QString mergedPath = path("merged.pdf");
+    QVERIFY(merged->write(mergedPath));
+    QCOMPARE(qpdfProblems(mergedPath), QString());
+    QVERIFY(source->write(path("source-more.pdf")));
+    QCOMPARE(qpdfProblems(path("source-more.pdf")), QString());
+    auto reopened = PdfDocument::open(mergedPath);
+    QVERIFY(reopened);
+    QCOMPARE(reopened->pageCount(), 3);
+    QCOMPARE(reopened->page(0)->rotation(), 90);
+    QCOMPARE(reopened->page(0)->annotations().front()->bounds(), QRectF(200, 200, 80, 40));
+    QCOMPARE(reopened->page(2)->annotations().size(), size_t(0));
+    const QImage poppler = popplerPage(mergedPath);
+    QCOMPARE(poppler.size(), QSize(500, 400));
+    QVERIFY(showsColorIn(poppler, reopened->page(0), QRectF(200, 200, 80, 40), Qt::red, 1));
+}
+
+void TestEngine::geometryOnRotatedAndOffsetPages()
+{
+    const QRectF media(100, 200, 400, 300), crop(150, 250, 300, 200);
+    std::vector<PageSpec> specs;
+    for (int rotation : {0, 90, 180, 270}) {
+        PageSpec spec;
+        spec.mediaBox = media;
+        spec.cropBox = crop;
+        spec.rotation = rotation;
+        specs.push_back(spec);
+    }
+    const QString file = path("rotated.pdf");
+    QVERIFY(fixtures::writePdf(file, specs));
+    auto doc = PdfDocument::open(file);
+    QVERIFY(doc);
+    const QRectF markBounds(200, 300, 40, 20);
+    for (int i = 0; i < 4; ++i) {
+        auto page = doc->page(i);
+        QCOMPARE(page->bounds(PdfBox::Media), media);
+        QCOMPARE(page->bounds(PdfBox::Crop), crop);
+        const QSizeF shown = page->rotation() % 180 ? QSizeF(200, 300) : QSizeF(300, 200);
+        QCOMPARE(page->displaySize(), shown);
+        QCOMPARE(page->pageToDisplay().mapRect(crop), QRectF(QPointF(0, 0), shown));
+        page->addAnnotation(square(markBounds, Qt::red, Qt::red));
+
+        // The mapping matches where MuPDF draws the page.
+        const QImage image = page->render(2);
+        QCOMPARE(image.size(), (shown * 2).toSize());
+        QVERIFY(near(pixelAt(image, page, markBounds.center(), 2), Qt::red));
+        QVERIFY(near(pixelAt(image, page, {170, 270}, 2), Qt::white));
+
+        const QImage thumb = page->thumbnail({90, 120}, PdfBox::Crop);
+        QVERIFY(thumb.width() <= 90 && thumb.height() <= 120);
+        QVERIFY(thumb.width() == 90 || thumb.height() == 120);
+        QVERIFY(std::abs(thumb.width() / double(thumb.height()) - shown.width() / shown.height()) < 0.05);
+        const QImage mediaThumb = page->thumbnail({90, 120}, PdfBox::Media);
+        const double mediaAspect = page->rotation() % 180 ? 300.0 / 400 : 400.0 / 300;
+        QVERIFY(std::abs(mediaThumb.width() / double(mediaThumb.height()) - mediaAspect) < 0.05);
+    }
+    // ... and where poppler draws the saved file.
+    QVERIFY(doc->write(path("rotated-marked.pdf")));
+    for (int i = 0; i < 4; ++i) {
+        const QImage poppler = popplerPage(path("rotated-marked.pdf"), i + 1, 144);
+        QVERIFY2(near(pixelAt(poppler, doc->page(i), markBounds.center(), 2), Qt::red), qPrintable(QString::number(i)));
+        QVERIFY(near(pixelAt(poppler, doc->page(i), {170, 270}, 2), Qt::white));
+    }
+}
+
+namespace {
+
+struct Expected {
+    QString type;
+    QRectF bounds;
+    QColor color, interior;
+    std::optional<qreal> border;
+    QString contents;
+    QVector<QPointF> quads;
+    QVector<QPolygonF> ink;
+    std::optional<PdfFont> font;
+    QColor fontColor;
+};
+
+std::vector<Expected> everyKind()
+{
+    const QVector<QPointF> twoLines{{0, 30}, {150, 30}, {0, 16}, {150, 16}, {0, 14}, {120, 14}, {0, 0}, {120, 0}};
+    return {
+        {PdfAnnotation::Square, {72, 500, 100, 60}, QColor(255, 0, 0, 200), QColor(0, 0, 255, 100), 3, {}, {}, {}, {}, {}},
+        {PdfAnnotation::Circle, {200, 500, 80, 60}, QColor(0, 128, 0), {}, 2, "round", {}, {}, {}, {}},
+        {PdfAnnotation::Ink, {300, 500, 100, 60}, QColor(0, 0, 255), {}, 3, {}, {}, {QPolygonF({{3, 3}, {50, 57}, {97, 3}})}, {}, {}},
+        {PdfAnnotation::Highlight, {72, 640, 150, 30}, QColor(255, 255, 0, 128), {}, {}, {}, twoLines, {}, {}, {}},
+        {PdfAnnotation::Underline, {250, 640, 150, 30}, QColor(255, 0, 255), {}, {}, {}, twoLines, {}, {}, {}},
+        {PdfAnnotation::StrikeOut, {420, 640, 150, 30}, QColor(0, 160, 160), {}, {}, {}, twoLines, {}, {}, {}},
+        {PdfAnnotation::FreeText, {72, 400, 240, 30}, QColor(0, 0, 0, 0), {}, 0, "A note\nover two lines", {}, {},
+         PdfFont{"DejaVu Sans", 14}, QColor(0, 0, 200)},
+        {PdfAnnotation::FreeText, {320, 400, 200, 24}, QColor(250, 240, 230), {}, 0, "Replaced line", {}, {},
+         PdfFont{"Times-Roman", 12}, QColor(0, 0, 0)},
+    };
+}
+
+std::shared_ptr<PdfAnnotation> make(const Expected &e)
+{
+    auto a = PdfAnnotation::create(e.bounds, e.type);
+    a->setColor(e.color);
+    if (e.interior.isValid())
+        a->setInteriorColor(e.interior);
+    a->setBorderWidth(e.border);
+    a->setContents(e.contents);
+    if (!e.quads.isEmpty())
+        a->setQuadrilateralPoints(e.quads);
+    for (const auto &path : e.ink)
+        a->addInkPath(path);
+    if (e.font) {
+        a->setFont(e.font);
+        a->setFontColor(e.fontColor);
+    }
+    return a;
+}
+
+bool sameColor(QColor a, QColor b)
+{
+    if (a.isValid() != b.isValid())
+        return false;
+    return !a.isValid() || (near(a, b, 1) && std::abs(a.alpha() - b.alpha()) <= 1);
+}
+
+bool samePoints(const QVector<QPointF> &a, const QVector<QPointF> &b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (int i = 0; i < a.size(); ++i)
+        if (QLineF(a[i], b[i]).length() > 0.01)
+            return false;
+    return true;
+}
+
+QImage stampImage()
+{
+    QImage image(300, 90, QImage::Format_ARGB32);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    painter.setPen(QPen(Qt::black, 6));
+    painter.drawLine(10, 80, 290, 10);
+    return image;
+}
+
+} // namespace
+
+void TestEngine::annotationsRoundTripThroughFiles()
+{
+    QVERIFY(fixtures::writePdf(path("blank.pdf"), fixtures::numberedPages(1)));
+    auto doc = PdfDocument::open(path("blank.pdf"));
+    auto page = doc->page(0);
+    const auto kinds = everyKind();
+    for (const auto &e : kinds)
+        page->addAnnotation(make(e));
+    auto stamp = PdfAnnotation::create({300, 250, 200, 60}, PdfAnnotation::Stamp);
+    stamp->setBorderWidth(0);
+    stamp->setStampImage(stampImage());
+    page->addAnnotation(stamp);
+    QVERIFY(doc->write(path("every-kind.pdf")));
+
+    auto reopened = PdfDocument::open(path("every-kind.pdf"));
+    QVERIFY(reopened);
+    const auto read = reopened->page(0)->annotations();
+    QCOMPARE(read.size(), kinds.size() + 1);
+    for (size_t i = 0; i < kinds.size(); ++i) {
+        const Expected &e = kinds[i];
+        const auto &a = read[i];
+        const QString what = QString("%1 #%2").arg(e.type).arg(i);
+        QCOMPARE(a->type(), e.type);
+        QVERIFY2(QRectF(a->bounds()).adjusted(-0.01, -0.01, 0.01, 0.01).contains(e.bounds)
+                     && e.bounds.adjusted(-0.01, -0.01, 0.01, 0.01).contains(a->bounds()),
+                 qPrintable(what));
+        QVERIFY2(sameColor(a->color(), e.color), qPrintable(what));
+        QVERIFY2(sameColor(a->interiorColor(), e.interior), qPrintable(what));
+        QCOMPARE(a->borderWidth().has_value(), e.border.has_value());
+        if (e.border)
+            QCOMPARE(*a->borderWidth(), *e.border);
+        QCOMPARE(a->contents(), e.contents);
+        QVERIFY2(samePoints(a->quadrilateralPoints(), e.quads), qPrintable(what));
+        QCOMPARE(a->inkPaths().size(), e.ink.size());
+        for (int p = 0; p < e.ink.size(); ++p)
+            QVERIFY(samePoints(a->inkPaths()[p], e.ink[p]));
+        if (e.font) {
+            QVERIFY(a->font());
+            QCOMPARE(a->font()->name, e.font->name);
+            QCOMPARE(a->font()->size, e.font->size);
+            QVERIFY(sameColor(a->fontColor(), e.fontColor));
+        }
+        QCOMPARE(a->page(), reopened->page(0));
+    }
+    QCOMPARE(read.back()->type(), PdfAnnotation::Stamp);
+    QCOMPARE(read.back()->bounds(), QRectF(300, 250, 200, 60));
+    QCOMPARE(read.back()->borderWidth().value_or(-1), 0.0);
+    QCOMPARE(qpdfProblems(path("every-kind.pdf")), QString());
+}
+
+void TestEngine::annotationsShowInOtherReaders()
+{
+    QVERIFY(fixtures::writePdf(path("blank2.pdf"), {PageSpec{}}));
+    auto doc = PdfDocument::open(path("blank2.pdf"));
+    auto page = doc->page(0);
+    const auto kinds = everyKind();
+    for (const auto &e : kinds)
+        page->addAnnotation(make(e));
+    auto stamp = PdfAnnotation::create({300, 250, 200, 60}, PdfAnnotation::Stamp);
+    stamp->setStampImage(stampImage());
+    page->addAnnotation(stamp);
+    const QString file = path("shown.pdf");
+    QVERIFY(doc->write(file));
+    const QImage mine = page->render(2);
+    const QImage poppler = popplerPage(file, 1, 144);
+    QCOMPARE(poppler.size(), mine.size());
+
+    for (const QImage &image : {mine, poppler}) {
+        // The outline colour of shapes and ink, the colour of markup.
+        for (size_t i : {0, 1, 2, 4, 5})
+            QVERIFY2(showsColorIn(image, page, kinds[i].bounds, kinds[i].color, 2), qPrintable(kinds[i].type));
+        // A translucent highlight multiplies: yellow over white paper.
+        QVERIFY(near(pixelAt(image, page, {100, 662}, 2), QColor(255, 255, 128), 50));
+        // The square's half-transparent blue fill over white.
+        QVERIFY(near(pixelAt(image, page, kinds[0].bounds.center(), 2), QColor(155, 155, 255), 40));
+        // Text of the free-text boxes; the opaque background of the replacement.
+        QVERIFY(showsColorIn(image, page, kinds[6].bounds, QColor(0, 0, 200), 2, 60));
+        QVERIFY(near(pixelAt(image, page, {515, 402}, 2), QColor(250, 240, 230), 8));
+        QVERIFY(showsColorIn(image, page, kinds[7].bounds, Qt::black, 2, 60));
+        // The stamp's image, black on transparent, leaves the paper white around it.
+        QVERIFY(showsColorIn(image, page, stamp->bounds(), Qt::black, 2, 60));
+        QVERIFY(near(pixelAt(image, page, {305, 305}, 2), Qt::white, 10));
+    }
+    QCOMPARE(qpdfProblems(file), QString());
+}
+
+void TestEngine::annotationIdentityAndDrawing()
+{
+    QVERIFY(fixtures::writePdf(path("plain.pdf"), fixtures::numberedPages(1)));
+    auto doc = PdfDocument::open(path("plain.pdf"));
+    auto page = doc->page(0);
+    auto red = square({100, 100, 100, 100}, Qt::red, Qt::red);
+    QVERIFY(!red->page());
+    page->addAnnotation(red);
+    QCOMPARE(red->page(), page);
+    QCOMPARE(page->annotations(), std::vector<std::shared_ptr<PdfAnnotation>>{red});
+    QCOMPARE(page->annotation({150, 150}), red);
+    QCOMPARE(page->annotation({100, 100}), red);
+    QVERIFY(!page->annotation({250, 150}));
+    QVERIFY(near(pixelAt(page->render(1), page, {150, 150}, 1), Qt::red));
+
+    page->removeAnnotation(red);
+    QVERIFY(!red->page());
+    QVERIFY(page->annotations().empty());
+    QVERIFY(near(pixelAt(page->render(1), page, {150, 150}, 1), Qt::white));
+    page->removeAnnotation(red); // not on the page: nothing happens
+    page->addAnnotation(red);
+    QCOMPARE(red->page(), page);
+    QVERIFY(near(pixelAt(page->render(1), page, {150, 150}, 1), Qt::red));
+
+    // Moving and resizing redraw at once; a moved annotation keeps its look.
+    red->setBounds({300, 100, 50, 50});
+    QImage image = page->render(1);
+    QVERIFY(near(pixelAt(image, page, {325, 125}, 1), Qt::red));
+    QVERIFY(near(pixelAt(image, page, {150, 150}, 1), Qt::white));
+
+    // Drawing order: the last one added is on top; putting one back raises it.
+    auto blue = square({320, 110, 100, 100}, Qt::blue, Qt::blue);
+    page->addAnnotation(blue);
+    QVERIFY(near(pixelAt(page->render(1), page, {340, 130}, 1), Qt::blue));
+    page->removeAnnotation(red);
+    page->addAnnotation(red);
+    QCOMPARE(page->annotations().back(), red);
+    QVERIFY(near(pixelAt(page->render(1), page, {340, 130}, 1), Qt::red));
+    QCOMPARE(page->annotation({340, 130}), red);
+
+    // Leaving one annotation out of the picture, or all of them.
+    image = page->render(1, PdfRenderOptions{true, red});
+    QVERIFY(near(pixelAt(image, page, {340, 130}, 1), Qt::blue));
+    QVERIFY(near(pixelAt(image, page, {310, 105}, 1), Qt::white));
+    image = page->render(1, PdfRenderOptions{false, {}});
+    QVERIFY(near(pixelAt(image, page, {340, 130}, 1), Qt::white));
+
+    // Colour and width changes show at once.
+    blue->setColor(Qt::green);
+    blue->setInteriorColor(QColor());
+    image = page->render(1);
+    QVERIFY(near(pixelAt(image, page, {400, 190}, 1), Qt::white));
+    QVERIFY(showsColorIn(image, page, {418, 150, 2, 20}, Qt::green, 1));
+
+    // An annotation taken off before a save and put back after it survives
+    // (undo after save); one left off is gone from the file.
+    page->removeAnnotation(blue);
+    QVERIFY(doc->write(path("plain.pdf")));
+    QCOMPARE(PdfDocument::open(path("plain.pdf"))->page(0)->annotations().size(), size_t(1));
+    page->addAnnotation(blue);
+    QVERIFY(doc->write(path("plain.pdf")));
+    auto reopened = PdfDocument::open(path("plain.pdf"));
+    QCOMPARE(reopened->page(0)->annotations().size(), size_t(2));
+    QCOMPARE(reopened->page(0)->annotations().back()->color(), QColor(Qt::green));
+    QCOMPARE(qpdfProblems(path("plain.pdf")), QString());
+
+    // An annotation moved to another page follows.
+    QVERIFY(fixtures::writePdf(path("two.pdf"), fixtures::numberedPages(2)));
+    auto two = PdfDocument::open(path("two.pdf"));
+    two->page(0)->addAnnotation(red);
+    QVERIFY(!page->annotation({325, 125}) || page->annotation({325, 125}) != red);
+    two->page(1)->addAnnotation(red);
+    QCOMPARE(red->page(), two->page(1));
+    QVERIFY(two->page(0)->annotations().empty());
+    QVERIFY(two->write(path("two-out.pdf")));
+    QCOMPARE(PdfDocument::open(path("two-out.pdf"))->page(1)->annotations().size(), size_t(1));
+}
+
+void TestEngine::foreignAnnotationsKeepTheirLook()
+{
+    QVERIFY(fixtures::writePdf(path("form.pdf"), {fixtures::pageWithForeignAnnotations()}));
+    auto doc = PdfDocument::open(path("form.pdf"));
+    QVERIFY(doc);
+    auto page = doc->page(0);
+    const auto list = page->annotations();
+    QCOMPARE(list.size(), size_t(2));
+    QCOMPARE(list[0]->type(), QString("Line"));
+    QCOMPARE(list[0]->bounds(), QRectF(98, 298, 204, 104));
+    QCOMPARE(list[0]->color(), QColor(Qt::blue));
+    QCOMPARE(list[1]->type(), QString("Widget"));
+    QCOMPARE(list[1]->bounds(), QRectF(100, 500, 150, 30));
+    QCOMPARE(page->annotation({175, 515}), list[1]);
+
+    QImage image = page->render(1);
+    QVERIFY(near(pixelAt(image, page, {175, 515}, 1), QColor(0, 153, 0)));
+    QVERIFY(near(pixelAt(image, page, {200, 350}, 1), Qt::blue));
+
+    // Moved, each keeps its look at the new place; the field is also made bigger.
+    list[0]->setBounds(list[0]->bounds().translated(200, 0));
+    list[1]->setBounds(QRectF(300, 600, 300, 60));
+    image = page->render(1);
+    QVERIFY(near(pixelAt(image, page, {400, 350}, 1), Qt::blue));
+    QVERIFY(near(pixelAt(image, page, {200, 350}, 1), Qt::white));
+    QVERIFY(near(pixelAt(image, page, {310, 605}, 1), QColor(0, 153, 0)));
+    QVERIFY(near(pixelAt(image, page, {590, 655}, 1), QColor(0, 153, 0)));
+    QVERIFY(near(pixelAt(image, page, {175, 515}, 1), Qt::white));
+
+    QVERIFY(doc->write(path("form-moved.pdf")));
+    QCOMPARE(qpdfProblems(path("form-moved.pdf")), QString());
+    const QImage poppler = popplerPage(path("form-moved.pdf"));
+    QVERIFY(near(pixelAt(poppler, page, {400, 350}, 1), Qt::blue));
+    QVERIFY(near(pixelAt(poppler, page, {590, 655}, 1), QColor(0, 153, 0)));
+    auto reopened = PdfDocument::open(path("form-moved.pdf"));
+    QCOMPARE(reopened->page(0)->annotations()[1]->bounds(), QRectF(300, 600, 300, 60));
+}
+
+void TestEngine::freeTextShowsEveryScript()
+{
+    QVERIFY(fixtures::writePdf(path("scripts.pdf"), {PageSpec{}}));
+    auto doc = PdfDocument::open(path("scripts.pdf"));
+    auto page = doc->page(0);
+    const QStringList samples{QString::fromUtf8("Zażółć gęślą jaźń"), QString::fromUtf8("Καλημέρα κόσμε"),
+                              QString::fromUtf8("Съешь же ещё этих булок")};
+    std::vector<std::shared_ptr<PdfAnnotation>> boxes;
+    for (int i = 0; i < samples.size(); ++i) {
+        auto box = PdfAnnotation::create({72, 600.0 - 60 * i, 400, 40}, PdfAnnotation::FreeText);
+        box->setContents(samples[i]);
+        box->setFont(PdfFont{"Helvetica", 24});
+        box->setFontColor(Qt::black);
+        box->setColor(QColor(0, 0, 0, 0));
+        box->setBorderWidth(0);
+        page->addAnnotation(box);
+        boxes.push_back(box);
+    }
+    QVERIFY(doc->write(path("scripts-out.pdf")));
+    QCOMPARE(qpdfProblems(path("scripts-out.pdf")), QString());
+    auto reopened = PdfDocument::open(path("scripts-out.pdf"));
+    for (int i = 0; i < samples.size(); ++i)
+        QCOMPARE(reopened->page(0)->annotations()[size_t(i)]->contents(), samples[i]);
+
+    // Letters are about as tall as the font size (24 pt = 48 px here); a
+    // missing glyph drawn as a dot would be a few pixels high.
+    const QImage poppler = popplerPage(path("scripts-out.pdf"), 1, 144);
+    const QImage mine = page->render(2);
+    for (int i = 0; i < samples.size(); ++i) {
+        QVERIFY2(inkHeight(poppler, page, boxes[size_t(i)]->bounds(), 2) > 30, qPrintable(samples[i]));
+        QVERIFY2(inkHeight(mine, page, boxes[size_t(i)]->bounds(), 2) > 30, qPrintable(samples[i]));
+    }
+    // Changing the text redraws it.
+    boxes[0]->setContents("..");
+    QVERIFY(inkHeight(page->render(2), page, boxes[0]->bounds(), 2) < 10);
+}
+
+void TestEngine::textSelections()
+{
+    std::vector<PageSpec> pages = fixtures::numberedPages(3);
+    pages[2].rotation = 90;
+    QVERIFY(fixtures::writePdf(path("text.pdf"), pages));
+    auto doc = PdfDocument::open(path("text.pdf"));
+    auto p0 = doc->page(0), p1 = doc->page(1), p2 = doc->page(2);
+    const QString line1 = "The quick brown fox jumps over the lazy dog, line 1 of page 1.";
+    QVERIFY(p0->text().startsWith("Page 1\n" + line1 + "\n"));
+
+    auto line = p0->selectionForLine({200, 683});
+    QVERIFY(line);
+    QCOMPARE(line->string(), line1);
+    const QRectF box = line->bounds(p0);
+    QVERIFY(std::abs(box.left() - 72) < 1);
+    QVERIFY(box.top() < 680 && box.bottom() > 686);
+    QVERIFY(!p0->selectionForLine({300, 100}));
+
+    // Helvetica 12: "The quick " is 55.36 points wide, so a point just after
+    // it lies before "brown".
+    const QPointF startOfLine1(71, 683), afterQuick(72 + 55.36 + 1, 667);
+    const auto drag = PdfSelection::between(p0, startOfLine1, p0, afterQuick);
+    QCOMPARE(drag.string(), line1 + "\nThe quick ");
+    QCOMPARE(PdfSelection::between(p0, afterQuick, p0, startOfLine1).string(), drag.string());
+    QCOMPARE(drag.selectionsByLine().size(), size_t(2));
+    QCOMPARE(drag.pages(), std::vector<std::shared_ptr<PdfPage>>{p0});
+
+    auto word = p0->selectionForWord({72 + 55.36 + 10, 683});
+    QVERIFY(word);
+    QCOMPARE(word->string(), QString("brown"));
+    QVERIFY(!p0->selectionForWord({72 + 55.36 - 1.5, 683}) || p0->selectionForWord({72 + 55.36 - 1.5, 683})->string() != " ");
+
+    const auto font = p0->fontAt(int(p0->text().indexOf("quick")));
+    QVERIFY(font);
+    QCOMPARE(font->name, QString("Helvetica"));
+    QCOMPARE(font->size, 12.0);
+    QCOMPARE(p0->fontAt(0)->size, 24.0);
+    QVERIFY(!p0->fontAt(int(p0->text().indexOf('\n'))));
+
+    // Across pages, including a rotated one, in document order whichever end came first.
+    const auto across = PdfSelection::between(p2, {300, 725}, p0, {71, 667});
+    QCOMPARE(across.pages(), (std::vector<std::shared_ptr<PdfPage>>{p0, p1, p2}));
+    QVERIFY(across.string().startsWith("The quick brown fox jumps over the lazy dog, line 2 of page 1."));
+    QVERIFY2(across.string().endsWith("line 3 of page 2.\nPage 3"), qPrintable(across.string()));
+    QCOMPARE(across.selectionsByLine().size(), size_t(2 + 4 + 1));
+    QVERIFY(across.bounds(p1).contains(QPointF(100, 683)));
+    QVERIFY(across.bounds(p2).contains(QPointF(100, 725)));
+    QVERIFY(!across.bounds(p0).contains(QPointF(100, 722)));
+
+    // On the rotated page the same page-space points find the same text.
+    QCOMPARE(p2->selectionForLine({200, 683})->string(), QString("The quick brown fox jumps over the lazy dog, line 1 of page 3."));
+    QCOMPARE(p2->selectionForWord({72 + 55.36 + 10, 683})->string(), QString("brown"));
+}
+
+void TestEngine::links()
+{
+    std::vector<PageSpec> pages = fixtures::numberedPages(2);
+    // The first page is object 4 in files the builder makes.
+    pages[1].annotations.push_back({"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [4 0 R /XYZ 72 700 0]", QRectF(72, 100, 128, 20), ""});
+    pages[1].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /A << /S /URI /URI (https://example.org/help) >>", QRectF(300, 100, 100, 20), ""});
+    QVERIFY(fixtures::writePdf(path("links.pdf"), pages));
+    auto doc = PdfDocument::open(path("links.pdf"));
+    auto links = doc->page(1)->links();
+    QCOMPARE(links.size(), size_t(2));
+    std::sort(links.begin(), links.end(), [](const PdfLink &a, const PdfLink &b) { return a.bounds.left() < b.bounds.left(); });
+    QCOMPARE(links[0].page, 0);
+    QVERIFY(links[0].url.isEmpty());
+    QCOMPARE(links[0].bounds, QRectF(72, 100, 128, 20));
+    QVERIFY(links[0].point);
+    QCOMPARE(links[0].point->y(), 700.0);
+    QCOMPARE(links[1].url, QString("https://example.org/help"));
+    QCOMPARE(links[1].page, -1);
+    QVERIFY(doc->page(0)->links().empty());
+}
+
+void TestEngine::displayListsRenderOnWorkerThreads()
+{
+    QVERIFY(fixtures::writePdf(path("threads.pdf"), fixtures::numberedPages(4, 30)));
+    auto doc = PdfDocument::open(path("threads.pdf"));
+    std::vector<std::shared_ptr<PdfDisplayList>> lists;
+    std::vector<QImage> expected;
+    for (int i = 0; i < 4; ++i) {
+        doc->page(i)->addAnnotation(square({100, 100, 50, 50}, Qt::red, Qt::red));
+        lists.push_back(doc->page(i)->displayList());
+        QVERIFY(lists.back());
+        QCOMPARE(lists.back()->size(), QSizeF(612, 792));
+        expected.push_back(doc->page(i)->render(1.5));
+    }
+    // The lists outlive the document they came from.
+    doc.reset();
+    std::vector<std::thread> workers;
+    std::atomic<int> mismatches = 0;
+    for (int t = 0; t < 4; ++t)
+        workers.emplace_back([&, t] {
+            QImage reused(918, 1188, QImage::Format_ARGB32_Premultiplied);
+            for (int round = 0; round < 5; ++round) {
+                const size_t i = size_t((t + round) % 4);
+                if (!lists[i]->renderInto(reused, 1.5, {0, 0}) || reused != expected[i].convertToFormat(reused.format()))
+                    ++mismatches;
+            }
+        });
+    for (auto &w : workers)
+        w.join();
+    QCOMPARE(mismatches.load(), 0);
+    const QImage region = lists[0]->render(2, QRectF(100, 600, 100, 100));
+    QCOMPARE(region.size(), QSize(200, 200));
+    QVERIFY(near(region.pixelColor(50, 100), Qt::red)); // display (125, 650) is page (125, 142), in the square
+    QVERIFY(near(region.pixelColor(150, 100), Qt::white));
+}
+
+void TestEngine::writingIsAtomic()
+{
+    QVERIFY(fixtures::writePdf(path("keep.pdf"), fixtures::numberedPages(2)));
+    auto doc = PdfDocument::open(path("keep.pdf"));
+    QVERIFY(!doc->write(path("no-such-folder/out.pdf")));
+    QVERIFY(!doc->write(path("keep.pdf/out.pdf")));
+    QVERIFY(!doc->write(dir_.path()));
+
+    // A folder the user may not write to: the old file is left as it was, and
+    // no temporary file is left behind.
+    QTemporaryDir locked;
+    QVERIFY(QFile::setPermissions(locked.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                                     | QFileDevice::ReadOther | QFileDevice::ExeOther));
+    const QString old = locked.filePath("old.pdf");
+    QVERIFY(QFile::copy(path("keep.pdf"), old));
+    QVERIFY(QFile::setPermissions(old, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther));
+    const QByteArray before = readAll(old);
+    auto oldDoc = PdfDocument::open(old);
+    oldDoc->page(0)->addAnnotation(square({100, 100, 50, 50}, Qt::red));
+    const bool root = geteuid() == 0;
+    if (root)
+        QVERIFY(seteuid(65534) == 0); // as root every folder is writable: act as nobody
+    const bool wroteOver = oldDoc->write(old);
+    const bool wroteNew = oldDoc->write(locked.filePath("new.pdf"));
+    if (root)
+        QVERIFY(seteuid(0) == 0);
+    QVERIFY(!wroteOver);
+    QVERIFY(!wroteNew);
+    QCOMPARE(readAll(old), before);
+    QCOMPARE(QDir(locked.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"old.pdf"});
+
+    // Writing over the file the document came from, twice in one session,
+    // keeps its permissions and a symbolic link pointing at it.
+    const QString target = path("target.pdf"), link = path("link.pdf");
+    QVERIFY(fixtures::writePdf(target, fixtures::numberedPages(2)));
+    QVERIFY(QFile::setPermissions(target, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup));
+    QVERIFY(QFile::link(target, link));
+    auto linked = PdfDocument::open(link);
+    linked->page(0)->addAnnotation(square({100, 100, 50, 50}, Qt::red));
+    QVERIFY(linked->write(link));
+    linked->page(1)->addAnnotation(square({200, 200, 50, 50}, Qt::blue));
+    linked->removePage(0);
+    QVERIFY(linked->write(link));
+    QVERIFY(QFileInfo(link).isSymLink());
+    const auto modeBits = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner | QFileDevice::ReadGroup
+                          | QFileDevice::WriteGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther
+                          | QFileDevice::ExeOther;
+    QCOMPARE(QFile::permissions(target) & modeBits, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup);
+    QCOMPARE(qpdfProblems(target), QString());
+    auto reopened = PdfDocument::open(target);
+    QCOMPARE(reopened->pageCount(), 1);
+    QCOMPARE(firstLine(reopened->page(0)), QString("Page 2"));
+    QCOMPARE(reopened->page(0)->annotations().size(), size_t(1));
 }
 
 QTEST_MAIN(TestEngine)

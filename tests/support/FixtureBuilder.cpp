@@ -34,29 +34,43 @@ QByteArray escaped(const QString &text)
 
 QByteArray buildPdf(const std::vector<PageSpec> &pages)
 {
-    // Objects: 1 catalog, 2 page tree, 3 font, then a page and its contents per page.
-    std::vector<QByteArray> objects;
+    // Objects: 1 catalog, 2 page tree, 3 font, then per page: the page, its
+    // contents, and two objects (dictionary, appearance) per annotation.
+    std::vector<QByteArray> objects(3);
     QByteArray kids;
-    for (size_t i = 0; i < pages.size(); ++i)
-        kids += QByteArray::number(4 + 2 * int(i)) + " 0 R ";
-    objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
-    objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>");
-    objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
-    for (size_t i = 0; i < pages.size(); ++i) {
-        const PageSpec &p = pages[i];
+    for (const PageSpec &p : pages) {
+        const int pageNumber = int(objects.size()) + 1;
+        kids += QByteArray::number(pageNumber) + " 0 R ";
         QByteArray page = "<< /Type /Page /Parent 2 0 R /MediaBox " + rect(p.mediaBox);
         if (p.cropBox)
             page += " /CropBox " + rect(*p.cropBox);
         if (p.rotation)
             page += " /Rotate " + QByteArray::number(p.rotation);
-        page += " /Resources << /Font << /F1 3 0 R >> >> /Contents " + QByteArray::number(5 + 2 * int(i)) + " 0 R >>";
+        page += " /Resources << /Font << /F1 3 0 R >> >> /Contents " + QByteArray::number(pageNumber + 1) + " 0 R";
         QByteArray content;
         for (const TextRun &run : p.text)
             content += "BT /F1 " + num(run.size) + " Tf " + num(run.origin.x()) + ' ' + num(run.origin.y()) + " Td ("
                        + escaped(run.text) + ") Tj ET\n";
-        objects.push_back(page);
+        QByteArray annots;
+        std::vector<QByteArray> extra;
+        for (const RawAnnotation &a : p.annotations) {
+            const int dictNumber = pageNumber + 2 + int(extra.size());
+            annots += QByteArray::number(dictNumber) + " 0 R ";
+            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + " /P " + QByteArray::number(pageNumber) + " 0 R /AP << /N "
+                            + QByteArray::number(dictNumber + 1) + " 0 R >> >>");
+            extra.push_back("<< /Type /XObject /Subtype /Form /BBox " + rect(a.rect) + " /Length "
+                            + QByteArray::number(a.appearance.size()) + " >>\nstream\n" + a.appearance + "\nendstream");
+        }
+        if (!annots.isEmpty())
+            page += " /Annots [" + annots + "]";
+        objects.push_back(page + " >>");
         objects.push_back("<< /Length " + QByteArray::number(content.size()) + " >>\nstream\n" + content + "endstream");
+        objects.insert(objects.end(), extra.begin(), extra.end());
     }
+    objects[0] = "<< /Type /Catalog /Pages 2 0 R >>";
+    objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>";
+    objects[2] = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
+
     QByteArray out = "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n";
     std::vector<qsizetype> offsets;
     for (size_t i = 0; i < objects.size(); ++i) {
@@ -159,6 +173,19 @@ bool writeWithAnnotations(const QString &path)
     page->addAnnotation(stamp);
 
     return doc->write(path);
+}
+
+PageSpec pageWithForeignAnnotations()
+{
+    PageSpec page;
+    page.text.push_back({QStringLiteral("Form"), {72, 720}, 24});
+    page.annotations.push_back({"<< /Type /Annot /Subtype /Line /L [100 300 300 400] /C [0 0 1] /F 4",
+                                QRectF(QPointF(98, 298), QPointF(302, 402)),
+                                "0 0 1 RG 4 w 100 300 m 300 400 l S"});
+    page.annotations.push_back({"<< /Type /Annot /Subtype /Widget /FT /Tx /T (name) /F 4",
+                                QRectF(100, 500, 150, 30),
+                                "0 0.6 0 rg 100 500 150 30 re f"});
+    return page;
 }
 
 bool writeDamaged(const QString &path)

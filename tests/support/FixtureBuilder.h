@@ -20,11 +20,21 @@ struct TextRun {
     qreal size = 12;
 };
 
+// An annotation written as it is into the file, as another program would:
+// its dictionary without the closing ">>" and the content of its appearance
+// stream (drawn in page space, the stream's box being `rect`).
+struct RawAnnotation {
+    QByteArray dictionary;
+    QRectF rect;
+    QByteArray appearance;
+};
+
 struct PageSpec {
     QRectF mediaBox{0, 0, 612, 792};
     std::optional<QRectF> cropBox;
     int rotation = 0;
     std::vector<TextRun> text;
+    std::vector<RawAnnotation> annotations;
 };
 
 // A PDF file made directly, object by object; the text is plain ASCII.
@@ -41,6 +51,10 @@ bool writeEncrypted(const QString &path, const std::vector<PageSpec> &pages, con
 
 // One page with an annotation of every kind the system makes, written by the engine.
 bool writeWithAnnotations(const QString &path);
+
+// A page with a Line annotation and a form field (Widget) made by "another
+// program", each with its own appearance: a blue line and a green box.
+PageSpec pageWithForeignAnnotations();
 
 // A file that starts like a PDF and continues with garbage.
 bool writeDamaged(const QString &path);

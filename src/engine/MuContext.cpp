@@ -7,7 +7,18 @@ namespace {
 
 std::mutex locks[FZ_LOCK_MAX];
 
-void lockFn(void *, int lock) { locks[lock].lock(); }
+// MuPDF takes these locks around every allocation and for very short spells:
+// trying for a moment before sleeping keeps a worker that renders and the
+// thread that records display lists from putting each other to sleep.
+void lockFn(void *, int lock)
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (locks[lock].try_lock())
+            return;
+        __builtin_ia32_pause();
+    }
+    locks[lock].lock();
+}
 void unlockFn(void *, int lock) { locks[lock].unlock(); }
 
 fz_context *baseContext()

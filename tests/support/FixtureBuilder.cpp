@@ -107,6 +107,14 @@ std::vector<PageSpec> numberedPages(int count, int linesPerPage)
     return pages;
 }
 
+QString numberedFile(const QString &folder, const QString &name, int pages)
+{
+    const QString path = folder + QLatin1Char('/') + name;
+    if (!QFile::exists(path))
+        writePdf(path, numberedPages(pages));
+    return path;
+}
+
 bool writeEncrypted(const QString &path, const std::vector<PageSpec> &pages, const QString &password)
 {
     QTemporaryDir dir;

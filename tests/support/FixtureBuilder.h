@@ -46,6 +46,9 @@ bool writePdf(const QString &path, const std::vector<PageSpec> &pages);
 // `linesPerPage` lines of words below it.
 std::vector<PageSpec> numberedPages(int count, int linesPerPage = 3);
 
+// `folder`/`name` holding numberedPages(pages), written unless it is there.
+QString numberedFile(const QString &folder, const QString &name, int pages = 3);
+
 // The same pages written encrypted with a password.
 bool writeEncrypted(const QString &path, const std::vector<PageSpec> &pages, const QString &password);
 

@@ -30,7 +30,7 @@ void PdfViewLayout::relayout()
         rects_.emplace_back(margin + (columnWidth - w) / 2, y, w, h);
         y += h + gap;
     }
-    content_ = sizes_.empty() ? QSize() : QSize(columnWidth + 2 * margin, y - gap + margin);
+    content_ = sizes_.empty() ? QSize(0, 0) : QSize(columnWidth + 2 * margin, y - gap + margin);
 }
 
 qreal PdfViewLayout::fitWidthScale(qreal width) const
@@ -76,8 +76,8 @@ int PdfViewLayout::pageAt(QPointF point, bool nearest) const
 
 std::pair<int, int> PdfViewLayout::pagesBetween(qreal top, qreal bottom) const
 {
-    auto first = std::lower_bound(rects_.begin(), rects_.end(), top,
-                                  [](const QRect &r, qreal y) { return r.top() + r.height() <= y; });
+    auto first =
+        std::lower_bound(rects_.begin(), rects_.end(), top, [](const QRect &r, qreal y) { return r.top() + r.height() <= y; });
     auto end = std::lower_bound(first, rects_.end(), bottom, [](const QRect &r, qreal y) { return r.top() < y; });
     return {int(first - rects_.begin()), int(end - rects_.begin()) - 1};
 }

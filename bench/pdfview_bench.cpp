@@ -1,0 +1,235 @@
+// Page view benchmark: opens a 2,000-page text-heavy file in the view and
+// measures the time to the first painted page, scrolling through every page
+// at 100 % (throughput and the longest user-interface stall), a re-render
+// after a zoom change and peak memory; the same pages are rendered by
+// `mutool draw` as the reference. The last line is a one-line summary.
+#include "FixtureBuilder.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QScrollBar>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <thread>
+
+namespace {
+
+constexpr int pageCount = 2000;
+constexpr int linesPerPage = 42;
+// A document window on a 1920 x 1080 screen.
+constexpr QSize windowSize(1000, 850);
+
+qint64 peakRssMb()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong() / 1024;
+    return -1;
+}
+
+double cpuMs(clockid_t clock)
+{
+    timespec ts{};
+    clock_gettime(clock, &ts);
+    return double(ts.tv_sec) * 1000 + double(ts.tv_nsec) / 1e6;
+}
+
+// How much faster two busy threads get through twice the work than one: about
+// 2 on two free cores, about 1 when the machine gives this process one core.
+double parallelSpeedup()
+{
+    auto spin = [] {
+        volatile double sink = 0;
+        for (long i = 0; i < 60'000'000; ++i)
+            sink = sink + double(i) * 0.5;
+    };
+    QElapsedTimer clock;
+    clock.start();
+    spin();
+    const double one = double(clock.nsecsElapsed());
+    clock.restart();
+    std::thread other(spin);
+    spin();
+    other.join();
+    return 2 * one / double(clock.nsecsElapsed());
+}
+
+// Milliseconds `mutool draw` takes to render every page at 72 dpi, or -1.
+qint64 mutoolMs(const QString &path)
+{
+    QProcess mutool;
+    QElapsedTimer clock;
+    clock.start();
+    mutool.start(QStringLiteral("mutool"), {QStringLiteral("draw"), QStringLiteral("-q"), QStringLiteral("-r"),
+                                            QStringLiteral("72"), path, QStringLiteral("1-%1").arg(pageCount)});
+    if (!mutool.waitForFinished(600000) || mutool.exitStatus() != QProcess::NormalExit || mutool.exitCode() != 0)
+        return -1;
+    return clock.elapsed();
+}
+
+// The view, telling when a paint showed every visible page finished.
+class MeasuredView : public PdfView {
+public:
+    std::function<void()> onCompletePaint;
+
+protected:
+    void paintEvent(QPaintEvent *event) override
+    {
+        PdfView::paintEvent(event);
+        if (isRenderingComplete() && onCompletePaint)
+            QTimer::singleShot(0, this, onCompletePaint);
+    }
+};
+
+// The longest time between two turns of the event loop while it runs.
+class StallMeter : public QObject {
+public:
+    StallMeter()
+    {
+        timer_.setTimerType(Qt::PreciseTimer);
+        timer_.setInterval(1);
+        connect(&timer_, &QTimer::timeout, this, [this] { worst_ = std::max(worst_, clock_.restart()); });
+    }
+    void start()
+    {
+        worst_ = 0;
+        clock_.start();
+        timer_.start();
+    }
+    qint64 stop()
+    {
+        timer_.stop();
+        return std::max(worst_, clock_.elapsed());
+    }
+
+private:
+    QTimer timer_;
+    QElapsedTimer clock_;
+    qint64 worst_ = 0;
+};
+
+// Runs the event loop until the next paint that shows finished pages.
+qint64 waitForCompletePaint(MeasuredView &view)
+{
+    QElapsedTimer clock;
+    clock.start();
+    QEventLoop loop;
+    view.onCompletePaint = [&] { loop.quit(); };
+    QTimer::singleShot(120000, &loop, &QEventLoop::quit);
+    loop.exec();
+    view.onCompletePaint = nullptr;
+    return clock.elapsed();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("bench.pdf"));
+    if (!fixtures::writePdf(path, fixtures::numberedPages(pageCount, linesPerPage))) {
+        std::fprintf(stderr, "cannot write the benchmark file\n");
+        return 1;
+    }
+    std::printf("file: %d pages, %d lines each, %lld KB; view %dx%d\n", pageCount, linesPerPage, QFileInfo(path).size() / 1024,
+                windowSize.width(), windowSize.height());
+    std::printf("machine: %d cores, two threads run %.2fx as fast as one\n", QThread::idealThreadCount(), parallelSpeedup());
+    const qint64 referenceBeforeMs = mutoolMs(path);
+
+    MeasuredView view;
+    view.resize(windowSize);
+    view.setAutoScales(false);
+    view.setScaleFactor(1.0);
+    view.show();
+    app.processEvents();
+
+    // Open to first page painted.
+    QElapsedTimer clock;
+    clock.start();
+    auto doc = PdfDocument::open(path);
+    if (!doc) {
+        std::fprintf(stderr, "cannot open the benchmark file\n");
+        return 1;
+    }
+    view.setDocument(doc);
+    waitForCompletePaint(view);
+    const qint64 firstPaintMs = clock.elapsed();
+    std::printf("open to first page painted: %lld ms\n", firstPaintMs);
+
+    // Scroll through every page, one page per step, each step as soon as the view is painted finished.
+    const qreal pitch =
+        view.convertFromPage(QPointF(0, 792), doc->page(1)).y() - view.convertFromPage(QPointF(0, 792), doc->page(0)).y();
+    QScrollBar *bar = view.verticalScrollBar();
+    StallMeter stalls;
+    QEventLoop scrolling;
+    int steps = 0;
+    view.onCompletePaint = [&] {
+        if (bar->value() >= bar->maximum()) {
+            scrolling.quit();
+            return;
+        }
+        ++steps;
+        bar->setValue(int(std::lround(steps * pitch)));
+    };
+    const double mainCpu = cpuMs(CLOCK_THREAD_CPUTIME_ID), processCpu = cpuMs(CLOCK_PROCESS_CPUTIME_ID);
+    clock.restart();
+    stalls.start();
+    bar->setValue(0);
+    view.viewport()->update();
+    QTimer::singleShot(600000, &scrolling, &QEventLoop::quit);
+    scrolling.exec();
+    const qint64 maxStallMs = stalls.stop();
+    const qint64 scrollMs = clock.elapsed();
+    view.onCompletePaint = nullptr;
+    const double pagesPerSecond = pageCount * 1000.0 / double(std::max<qint64>(scrollMs, 1));
+    std::printf("scroll through %d pages at 100 %%: %lld ms, %.0f pages/s, worst stall %lld ms\n", pageCount, scrollMs,
+                pagesPerSecond, maxStallMs);
+    std::printf("  cpu: %.2f ms per page on the user-interface thread, %.2f ms in all\n",
+                (cpuMs(CLOCK_THREAD_CPUTIME_ID) - mainCpu) / pageCount,
+                (cpuMs(CLOCK_PROCESS_CPUTIME_ID) - processCpu) / pageCount);
+
+    // Re-render after a zoom change, in the middle of the file.
+    view.goToPage(doc->page(pageCount / 2));
+    waitForCompletePaint(view);
+    stalls.start();
+    view.setScaleFactor(1.5);
+    const qint64 zoomMs = waitForCompletePaint(view);
+    const qint64 zoomStallMs = stalls.stop();
+    std::printf("re-render after zoom 100 %% -> 150 %%: %lld ms (worst stall %lld ms)\n", zoomMs, zoomStallMs);
+
+    const qint64 peakMb = peakRssMb();
+    std::printf("peak memory (VmHWM): %lld MB, picture cache limit %lld MB\n", peakMb, view.cacheLimit() >> 20);
+
+    // The reference, timed before and after the view's run: the machine is shared.
+    const qint64 referenceAfterMs = mutoolMs(path);
+    double ratio = 0;
+    if (referenceBeforeMs > 0 && referenceAfterMs > 0) {
+        const double referenceMs = (referenceBeforeMs + referenceAfterMs) / 2.0;
+        const double referencePagesPerSecond = pageCount * 1000.0 / referenceMs;
+        ratio = pagesPerSecond / referencePagesPerSecond;
+        std::printf("mutool draw -r 72, %d pages: %lld ms before, %lld ms after, %.0f pages/s; view / mutool = %.2f\n", pageCount,
+                    referenceBeforeMs, referenceAfterMs, referencePagesPerSecond, ratio);
+    } else {
+        std::printf("mutool draw: not available\n");
+    }
+    std::printf("first_paint_ms=%lld max_stall_ms=%lld pages_per_s=%.0f vs_mutool=%.2f peak_rss_mb=%lld\n", firstPaintMs,
+                maxStallMs, pagesPerSecond, ratio, peakMb);
+    return 0;
+}

@@ -1,0 +1,124 @@
+// Pictures of pages for the view. A page is drawn in tiles at a resolution;
+// tiles are played back from display lists on worker threads and kept in a
+// cache bounded in bytes (least recently used first out). Display lists are
+// recorded here, on the user-interface thread, a few per event-loop turn.
+#pragma once
+
+#include <QElapsedTimer>
+#include <QImage>
+#include <QObject>
+#include <QRect>
+#include <QThreadPool>
+#include <QTimer>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+class PdfDisplayList;
+class PdfPage;
+
+class PageRenderCache : public QObject {
+    Q_OBJECT
+public:
+    // One picture: the pixels `rect` of a page drawn at `scale` device pixels per point.
+    struct Tile {
+        std::shared_ptr<PdfPage> page;
+        qreal scale = 1;
+        QRect rect;
+    };
+    // A kept picture that is not the wanted one (another scale, or the page
+    // changed since): drawn scaled while the wanted one is on its way.
+    struct Picture {
+        qreal scale = 1;
+        QRect rect;
+        QImage image;
+    };
+
+    explicit PageRenderCache(QObject *parent = nullptr);
+    ~PageRenderCache() override;
+
+    qint64 limit() const { return limit_; }
+    void setLimit(qint64 bytes);
+    qint64 bytesUsed() const { return bytes_; }
+    int threadCount() const { return pool_.maxThreadCount(); }
+
+    // Replaces what is wanted, most urgent first. The first `urgent` tiles are
+    // on screen: they are rendered first and never evicted for the others.
+    void request(std::vector<Tile> tiles, int urgent);
+    // The finished picture of a tile as the page is now, or a null image.
+    QImage picture(const Tile &tile);
+    // The other pictures kept for a page, the one closest to `scale` last.
+    std::vector<Picture> stalePictures(const PdfPage *page, qreal scale) const;
+    // True when every urgent tile of the last request has its picture.
+    bool isComplete() const;
+
+    // The page's content changed: its pictures become stale and it is drawn again.
+    void invalidate(const PdfPage *page);
+    // The page left the view: everything kept for it goes.
+    void forget(const PdfPage *page);
+    void clear();
+
+signals:
+    // A picture of the page arrived, or the page turned out not to be drawable.
+    void pictureReady(const PdfPage *page);
+
+private:
+    struct Key {
+        const PdfPage *page;
+        quint64 generation;
+        int scale;
+        int x;
+        int y;
+        auto operator<=>(const Key &) const = default;
+    };
+    struct Entry {
+        std::shared_ptr<PdfPage> page; // keeps the address in the key unique
+        qreal scale;
+        QRect rect;
+        QImage image;
+        quint64 used;
+    };
+    struct Job {
+        quint64 id;
+        std::shared_ptr<std::atomic_bool> cancelled;
+    };
+    struct List {
+        std::shared_ptr<PdfPage> page;
+        std::shared_ptr<PdfDisplayList> list;
+        quint64 generation;
+        quint64 used;
+        bool failed;
+    };
+
+    Key keyOf(const Tile &tile) const;
+    quint64 generationOf(const PdfPage *page) const;
+    void schedule();
+    std::shared_ptr<PdfDisplayList> displayList(const std::shared_ptr<PdfPage> &page, bool &recorded);
+    void start(const Tile &tile, const Key &key, std::shared_ptr<PdfDisplayList> list, bool urgent);
+    void finished(Key key, quint64 jobId, QImage image, bool ok);
+    void store(const Key &key, const Tile &tile, QImage image);
+    void evict();
+    QImage takeBuffer(QSize size);
+    void recycle(QImage image);
+    void cancelJobs(bool all);
+
+    QThreadPool pool_;
+    QTimer scheduleTimer_;
+    qint64 limit_ = 128ll << 20;
+    qint64 bytes_ = 0;
+    quint64 clock_ = 0;
+    quint64 nextJob_ = 1;
+    quint64 nextGeneration_ = 1;
+    std::vector<Tile> wanted_;
+    int urgent_ = 0;
+    std::set<Key> wantedKeys_;
+    std::map<Key, Entry> entries_;
+    std::map<Key, Job> jobs_;
+    std::unordered_map<const PdfPage *, quint64> generations_;
+    std::unordered_map<const PdfPage *, List> lists_;
+    std::vector<QImage> buffers_;
+};

@@ -1,0 +1,643 @@
+#include "PdfView.h"
+
+#include "PageRenderCache.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfViewScrollBar.h"
+
+#include <QPaintEvent>
+#include <QPainter>
+#include <QScrollBar>
+#include <QStyle>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+// Side of a rendered tile, in device pixels: a letter page at 100 % is one tile.
+constexpr int tileSize = 1024;
+// Scrolling by arrow keys and one wheel line, in logical pixels.
+constexpr int lineStep = 20;
+// Lines of context kept when paging down or up.
+constexpr int pageOverlap = 40;
+
+QTransform displayToViewTransform(qreal scale, QPointF topLeft)
+{
+    return QTransform(scale, 0, 0, scale, topLeft.x(), topLeft.y());
+}
+
+} // namespace
+
+PdfView::PdfView(QWidget *parent) : QAbstractScrollArea(parent), cache_(new PageRenderCache(this))
+{
+    setVerticalScrollBar(new PdfViewScrollBar(Qt::Vertical, this));
+    setHorizontalScrollBar(new PdfViewScrollBar(Qt::Horizontal, this));
+    setFrameShape(QFrame::NoFrame);
+    setFocusPolicy(Qt::StrongFocus);
+    viewport()->setMouseTracking(true);
+    viewport()->setAttribute(Qt::WA_OpaquePaintEvent);
+    viewport()->setBackgroundRole(QPalette::Mid);
+    pictureTimer_.setSingleShot(true);
+    pictureTimer_.setInterval(0);
+    connect(&pictureTimer_, &QTimer::timeout, this, &PdfView::requestPictures);
+    connect(cache_, &PageRenderCache::pictureReady, this, &PdfView::pictureArrived);
+    autoScrollTimer_.setInterval(30);
+    connect(&autoScrollTimer_, &QTimer::timeout, this, &PdfView::autoScroll);
+    // Any scroll the user makes by the bars lets the current page follow the view again.
+    for (QScrollBar *bar : {horizontalScrollBar(), verticalScrollBar()})
+        connect(bar, &QScrollBar::actionTriggered, this, [this] { pinned_ = -1; });
+}
+
+PdfView::~PdfView()
+{
+    if (overlay_)
+        overlay_->removeEventFilter(this);
+}
+
+// ---- Document and pages --------------------------------------------------
+
+void PdfView::setDocument(std::shared_ptr<PdfDocument> document)
+{
+    if (document == document_)
+        return;
+    cache_->clear();
+    press_.reset();
+    anchorPage_.reset();
+    const bool hadSelection = selection_.has_value();
+    selection_.reset();
+    document_ = std::move(document);
+    loadPages();
+    // The first page of a new document is announced even if its index equals the old one.
+    const int before = current_;
+    current_ = -1;
+    pinned_ = -1;
+    relayout(Anchor{});
+    horizontalScrollBar()->setValue(0);
+    verticalScrollBar()->setValue(0);
+    updateCurrentPage();
+    if (current_ < 0 && before >= 0)
+        emit currentPageChanged(-1);
+    if (hadSelection)
+        emit selectionChanged();
+    emit documentChanged();
+}
+
+void PdfView::loadPages()
+{
+    pages_.clear();
+    pageToDisplay_.clear();
+    indexOf_.clear();
+    links_.clear();
+    const int count = document_ ? document_->pageCount() : 0;
+    std::vector<QSizeF> sizes;
+    pages_.reserve(size_t(count));
+    sizes.reserve(size_t(count));
+    for (int i = 0; i < count; ++i) {
+        auto page = document_->page(i);
+        if (!page)
+            continue;
+        const QTransform toDisplay = page->pageToDisplay();
+        sizes.push_back(toDisplay.mapRect(page->bounds(PdfBox::Crop)).size());
+        pageToDisplay_.push_back(toDisplay);
+        indexOf_[page.get()] = int(pages_.size());
+        pages_.push_back(std::move(page));
+    }
+    layout_.setPageSizes(std::move(sizes));
+}
+
+void PdfView::reloadPages()
+{
+    const auto oldPages = pages_;
+    const auto oldTransforms = pageToDisplay_;
+    Anchor anchor = anchorAt(QPointF(viewport()->width() / 2.0, 0));
+    const auto anchorPage = anchor.page >= 0 ? pages_[size_t(anchor.page)] : nullptr;
+    loadPages();
+    for (size_t i = 0; i < oldPages.size(); ++i) {
+        const int now = indexOf(oldPages[i]);
+        if (now < 0 || pageToDisplay_[size_t(now)] != oldTransforms[i])
+            cache_->forget(oldPages[i].get());
+    }
+    anchor.page = indexOf(anchorPage);
+    pinned_ = -1;
+    relayout(anchor);
+    if (selection_) {
+        const auto touched = selection_->pages();
+        if (std::any_of(touched.begin(), touched.end(), [this](const auto &page) { return indexOf(page) < 0; }))
+            setCurrentSelection(std::nullopt);
+    }
+    updateCurrentPage();
+}
+
+void PdfView::invalidatePage(const std::shared_ptr<PdfPage> &page)
+{
+    if (indexOf(page) < 0)
+        return;
+    links_.erase(page.get());
+    cache_->invalidate(page.get());
+    pictureTimer_.start();
+    viewport()->update();
+}
+
+int PdfView::indexOf(const std::shared_ptr<PdfPage> &page) const
+{
+    auto it = page ? indexOf_.find(page.get()) : indexOf_.end();
+    return it == indexOf_.end() ? -1 : it->second;
+}
+
+// ---- Layout and scrolling ------------------------------------------------
+
+qreal PdfView::fittedScale() const
+{
+    const QSize room = maximumViewportSize();
+    const auto bounded = [this](qreal s) { return std::clamp(s, minScale_, maxScale_); };
+    qreal scale = bounded(layout_.fitWidthScale(room.width()));
+    if (layout_.contentHeightAt(scale) > room.height() && verticalScrollBarPolicy() != Qt::ScrollBarAlwaysOff) {
+        const bool transient = style()->styleHint(QStyle::SH_ScrollBar_Transient, nullptr, verticalScrollBar());
+        const int bar = transient ? 0 : verticalScrollBar()->sizeHint().width();
+        scale = bounded(layout_.fitWidthScale(room.width() - bar));
+    }
+    return scale;
+}
+
+// Lays the pages out at the fitted scale, or at `scale` (the current one when
+// none), and scrolls so that the anchor stays where it was.
+void PdfView::relayout(const Anchor &anchor, std::optional<qreal> scale)
+{
+    if (relayingOut_)
+        return;
+    relayingOut_ = true;
+    const qreal before = layout_.scale();
+    // Showing or hiding a scroll bar resizes the viewport; settle that here.
+    for (int round = 0; round < 3; ++round) {
+        const QSize viewportSize = viewport()->size();
+        const qreal wanted = autoScales_ ? fittedScale() : std::clamp(scale.value_or(layout_.scale()), minScale_, maxScale_);
+        if (wanted != layout_.scale())
+            layout_.setScale(wanted);
+        updateScrollBars();
+        restore(anchor);
+        if (viewport()->size() == viewportSize)
+            break;
+    }
+    relayingOut_ = false;
+    if (overlay_)
+        overlay_->setGeometry(viewport()->rect());
+    updateCurrentPage();
+    pictureTimer_.start();
+    viewport()->update();
+    if (layout_.scale() != before)
+        emit scaleChanged(layout_.scale());
+    emit geometryChanged();
+}
+
+void PdfView::updateScrollBars()
+{
+    const QSize content = layout_.contentSize();
+    const QSize room = viewport()->size();
+    QScrollBar *h = horizontalScrollBar();
+    QScrollBar *v = verticalScrollBar();
+    h->setRange(0, std::max(0, content.width() - room.width()));
+    h->setPageStep(room.width());
+    h->setSingleStep(lineStep);
+    v->setRange(0, std::max(0, content.height() - room.height()));
+    v->setPageStep(std::max(lineStep, room.height() - pageOverlap));
+    v->setSingleStep(lineStep);
+}
+
+QPoint PdfView::scrollOffset() const
+{
+    return {horizontalScrollBar()->value(), verticalScrollBar()->value()};
+}
+
+// Where the content's origin is in view space: scrolled, and centred when narrower than the view.
+QPointF PdfView::contentOrigin() const
+{
+    const int spare = std::max(0, viewport()->width() - layout_.contentSize().width());
+    return QPointF(spare / 2 - scrollOffset().x(), -scrollOffset().y());
+}
+
+QRectF PdfView::viewRect(int index) const
+{
+    return QRectF(layout_.pageRect(index)).translated(contentOrigin());
+}
+
+QTransform PdfView::displayToView(int index) const
+{
+    return displayToViewTransform(layout_.scale(), viewRect(index).topLeft());
+}
+
+// The size of a page's picture at `scale` device pixels per point.
+QSize PdfView::pagePixels(int index, qreal scale) const
+{
+    const QSizeF size = layout_.pageSize(index) * scale;
+    return QSize(std::max(1, int(std::lround(size.width()))), std::max(1, int(std::lround(size.height()))));
+}
+
+PdfView::Anchor PdfView::anchorAt(QPointF viewPoint) const
+{
+    const int index = layout_.pageAt(viewPoint - contentOrigin(), true);
+    if (index < 0)
+        return Anchor{};
+    return Anchor{index, displayToView(index).inverted().map(viewPoint), viewPoint};
+}
+
+void PdfView::restore(const Anchor &anchor)
+{
+    if (anchor.page < 0 || anchor.page >= layout_.count())
+        return;
+    const QPointF content = QPointF(layout_.pageRect(anchor.page).topLeft()) + anchor.displayPoint * layout_.scale();
+    scrollContentTo(content - anchor.viewPoint);
+}
+
+// Scrolls so that the content point is at the top left of the view.
+void PdfView::scrollContentTo(QPointF contentPoint)
+{
+    const int spare = std::max(0, viewport()->width() - layout_.contentSize().width());
+    horizontalScrollBar()->setValue(int(std::lround(contentPoint.x() + spare / 2)));
+    verticalScrollBar()->setValue(int(std::lround(contentPoint.y())));
+}
+
+void PdfView::scrollContentsBy(int, int dy)
+{
+    if (dy != 0)
+        scrollDirection_ = dy < 0 ? 1 : -1;
+    if (relayingOut_)
+        return;
+    updateCurrentPage();
+    pictureTimer_.start();
+    viewport()->update();
+    emit geometryChanged();
+}
+
+bool PdfView::viewportEvent(QEvent *event)
+{
+    if (event->type() == QEvent::Resize) {
+        if (overlay_)
+            overlay_->setGeometry(viewport()->rect());
+        relayout(anchorAt(QPointF(viewport()->width() / 2.0, 0)));
+    }
+    return QAbstractScrollArea::viewportEvent(event);
+}
+
+// ---- Current page and navigation -------------------------------------------
+
+std::shared_ptr<PdfPage> PdfView::currentPage() const
+{
+    return current_ >= 0 ? pages_[size_t(current_)] : nullptr;
+}
+
+void PdfView::updateCurrentPage()
+{
+    const qreal top = scrollOffset().y();
+    const qreal bottom = top + std::max(1, viewport()->height());
+    const auto [first, last] = layout_.pagesBetween(top, bottom);
+    if (pinned_ >= first && pinned_ <= last) {
+        setCurrent(pinned_);
+        return;
+    }
+    pinned_ = -1;
+    int best = first <= last ? first : (layout_.count() ? 0 : -1);
+    qreal bestShown = -1;
+    for (int i = first; i <= last; ++i) {
+        const QRect r = layout_.pageRect(i);
+        const qreal shown = std::min<qreal>(bottom, r.top() + r.height()) - std::max<qreal>(top, r.top());
+        if (shown > bestShown) {
+            best = i;
+            bestShown = shown;
+        }
+    }
+    setCurrent(best);
+}
+
+void PdfView::setCurrent(int index)
+{
+    if (index == current_)
+        return;
+    current_ = index;
+    emit currentPageChanged(index);
+}
+
+void PdfView::goToPage(const std::shared_ptr<PdfPage> &page)
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return;
+    pinned_ = index;
+    verticalScrollBar()->setValue(layout_.pageRect(index).top());
+    updateCurrentPage();
+}
+
+void PdfView::goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint)
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return;
+    pinned_ = index;
+    const QPointF display = pageToDisplay_[size_t(index)].map(pagePoint);
+    scrollContentTo(QPointF(layout_.pageRect(index).topLeft()) + display * layout_.scale());
+    updateCurrentPage();
+}
+
+// ---- Zoom ----------------------------------------------------------------
+
+void PdfView::setAutoScales(bool enabled)
+{
+    if (enabled == autoScales_)
+        return;
+    autoScales_ = enabled;
+    if (enabled)
+        relayout(anchorAt(QPointF(viewport()->width() / 2.0, 0)));
+    emit autoScalesChanged(enabled);
+}
+
+void PdfView::setScaleFactor(qreal scale)
+{
+    zoomAround(scale, QPointF(viewport()->rect().center()));
+}
+
+void PdfView::zoomAround(qreal scale, QPointF viewPoint)
+{
+    setAutoScales(false);
+    const Anchor anchor = anchorAt(viewPoint);
+    if (std::clamp(scale, minScale_, maxScale_) != layout_.scale())
+        relayout(anchor, scale);
+}
+
+void PdfView::setMinScaleFactor(qreal scale)
+{
+    minScale_ = std::max(scale, 0.01);
+    maxScale_ = std::max(maxScale_, minScale_);
+    relayout(anchorAt(QPointF(viewport()->rect().center())));
+}
+
+void PdfView::setMaxScaleFactor(qreal scale)
+{
+    maxScale_ = std::max(scale, 0.01);
+    minScale_ = std::min(minScale_, maxScale_);
+    relayout(anchorAt(QPointF(viewport()->rect().center())));
+}
+
+bool PdfView::canZoomIn() const
+{
+    return layout_.scale() < maxScale_;
+}
+
+bool PdfView::canZoomOut() const
+{
+    return layout_.scale() > minScale_;
+}
+
+void PdfView::zoomIn()
+{
+    setScaleFactor(layout_.scale() * zoomStep);
+}
+
+void PdfView::zoomOut()
+{
+    setScaleFactor(layout_.scale() / zoomStep);
+}
+
+// ---- Geometry ------------------------------------------------------------
+
+std::shared_ptr<PdfPage> PdfView::pageAt(QPointF viewPoint, bool nearest) const
+{
+    const int index = layout_.pageAt(viewPoint - contentOrigin(), nearest);
+    return index >= 0 ? pages_[size_t(index)] : nullptr;
+}
+
+QPointF PdfView::convertToPage(QPointF viewPoint, const std::shared_ptr<PdfPage> &page) const
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return viewPoint;
+    return (pageToDisplay_[size_t(index)] * displayToView(index)).inverted().map(viewPoint);
+}
+
+QPointF PdfView::convertFromPage(QPointF pagePoint, const std::shared_ptr<PdfPage> &page) const
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return pagePoint;
+    return (pageToDisplay_[size_t(index)] * displayToView(index)).map(pagePoint);
+}
+
+QRectF PdfView::convertFromPage(const QRectF &pageRect, const std::shared_ptr<PdfPage> &page) const
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return pageRect;
+    return (pageToDisplay_[size_t(index)] * displayToView(index)).mapRect(pageRect);
+}
+
+QRectF PdfView::convertToPage(const QRectF &viewRect, const std::shared_ptr<PdfPage> &page) const
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return viewRect;
+    return (pageToDisplay_[size_t(index)] * displayToView(index)).inverted().mapRect(viewRect);
+}
+
+// ---- Selection -------------------------------------------------------------
+
+namespace {
+
+bool sameSelection(const std::optional<PdfSelection> &a, const std::optional<PdfSelection> &b)
+{
+    if (a.has_value() != b.has_value())
+        return false;
+    if (!a)
+        return true;
+    const auto &x = a->lines(), &y = b->lines();
+    return std::equal(x.begin(), x.end(), y.begin(), y.end(),
+                      [](const auto &l, const auto &m) { return l.page == m.page && l.text == m.text && l.bounds == m.bounds; });
+}
+
+} // namespace
+
+void PdfView::setCurrentSelection(std::optional<PdfSelection> selection)
+{
+    if (selection && selection->isEmpty())
+        selection.reset();
+    if (sameSelection(selection, selection_))
+        return;
+    selection_ = std::move(selection);
+    viewport()->update();
+    emit selectionChanged();
+}
+
+// ---- Rendering -------------------------------------------------------------
+
+namespace {
+
+// The tiles of a page of `pixels` device pixels that meet the device-pixel area `area`.
+void appendTiles(std::vector<PageRenderCache::Tile> &tiles, const std::shared_ptr<PdfPage> &page, qreal scale, QSize pixels,
+                 QRectF area)
+{
+    const QRect wanted = area.toAlignedRect().intersected(QRect(QPoint(), pixels));
+    if (wanted.isEmpty())
+        return;
+    for (int ty = wanted.top() / tileSize; ty <= wanted.bottom() / tileSize; ++ty)
+        for (int tx = wanted.left() / tileSize; tx <= wanted.right() / tileSize; ++tx) {
+            const QRect rect(tx * tileSize, ty * tileSize, std::min(tileSize, pixels.width() - tx * tileSize),
+                             std::min(tileSize, pixels.height() - ty * tileSize));
+            const bool known =
+                std::any_of(tiles.begin(), tiles.end(), [&](const auto &t) { return t.page == page && t.rect == rect; });
+            if (!known)
+                tiles.push_back({page, scale, rect});
+        }
+}
+
+} // namespace
+
+void PdfView::requestPictures()
+{
+    pictureTimer_.stop();
+    const qreal dpr = viewport()->devicePixelRatioF();
+    requestedRatio_ = dpr;
+    const qreal scale = layout_.scale() * dpr;
+    const QRectF visible = viewport()->rect();
+    // Look ahead two views in the direction of the last scroll, half a view the other way.
+    const qreal forward = 2 * visible.height(), backward = visible.height() / 2;
+    const bool down = scrollDirection_ >= 0;
+    const QRectF ahead =
+        visible.adjusted(-visible.width() / 2, down ? -backward : -forward, visible.width() / 2, down ? forward : backward);
+    std::vector<PageRenderCache::Tile> tiles;
+    auto addPages = [&](QRectF area, int from, int to, int step) {
+        for (int i = from; step > 0 ? i <= to : i >= to; i += step) {
+            const QRectF page = viewRect(i);
+            const QRectF part = area.intersected(page).translated(-page.topLeft());
+            appendTiles(tiles, pages_[size_t(i)], scale, pagePixels(i, scale), QRectF(part.topLeft() * dpr, part.size() * dpr));
+        }
+    };
+    const QPointF origin = contentOrigin();
+    const auto [first, last] = layout_.pagesBetween(visible.top() - origin.y(), visible.bottom() - origin.y());
+    if (first <= last)
+        addPages(visible, first, last, 1);
+    const int urgent = int(tiles.size());
+    const auto [aheadFirst, aheadLast] = layout_.pagesBetween(ahead.top() - origin.y(), ahead.bottom() - origin.y());
+    if (aheadFirst <= aheadLast) {
+        const auto below = [&] { addPages(ahead, std::max(first, aheadFirst), aheadLast, 1); };
+        const auto above = [&] { addPages(ahead, std::min(first - 1, aheadLast), aheadFirst, -1); };
+        down ? (below(), above()) : (above(), below());
+    }
+    cache_->request(std::move(tiles), urgent);
+    updateCompleteness();
+}
+
+// Repaints the page if it is on screen (every page without one) and tells when
+// the visible pages are all finished.
+void PdfView::pictureArrived(const PdfPage *page)
+{
+    auto index = page ? indexOf_.find(page) : indexOf_.end();
+    if (index == indexOf_.end())
+        viewport()->update();
+    else
+        viewport()->update(viewRect(index->second).toAlignedRect().intersected(viewport()->rect()));
+    updateCompleteness();
+}
+
+// Announces, a turn later (this may run while painting), that the visible pages are finished.
+void PdfView::updateCompleteness()
+{
+    const bool complete = cache_->isComplete();
+    const bool finished = complete && !complete_;
+    complete_ = complete;
+    if (finished)
+        QTimer::singleShot(0, this, [this] {
+            if (isRenderingComplete())
+                emit renderingComplete();
+        });
+}
+
+bool PdfView::isRenderingComplete() const
+{
+    return complete_ && !pictureTimer_.isActive();
+}
+
+qint64 PdfView::cacheLimit() const
+{
+    return cache_->limit();
+}
+
+void PdfView::setCacheLimit(qint64 bytes)
+{
+    cache_->setLimit(bytes);
+    pictureTimer_.start();
+}
+
+void PdfView::paintEvent(QPaintEvent *event)
+{
+    // After a scroll (or a move to a screen of another pixel density), ask for
+    // the new pictures first: those already made are painted at once.
+    if (pictureTimer_.isActive() || viewport()->devicePixelRatioF() != requestedRatio_)
+        requestPictures();
+    QPainter painter(viewport());
+    const QPointF origin = contentOrigin();
+    const QRect exposed = event->rect();
+    const auto [first, last] = layout_.pagesBetween(exposed.top() - origin.y(), exposed.bottom() + 1 - origin.y());
+    QRegion background(exposed);
+    for (int i = first; i <= last; ++i)
+        background -= viewRect(i).toAlignedRect();
+    for (const QRect &r : background)
+        painter.fillRect(r, palette().color(QPalette::Mid));
+    for (int i = first; i <= last; ++i) {
+        paintPage(painter, i, exposed);
+        paintSelection(painter, i);
+    }
+}
+
+void PdfView::paintPage(QPainter &painter, int index, const QRectF &exposed)
+{
+    const QRectF page = viewRect(index);
+    const QColor shadow = palette().color(QPalette::Dark);
+    painter.fillRect(QRectF(page.right(), page.top() + 2, 1, page.height()), shadow);
+    painter.fillRect(QRectF(page.left() + 2, page.bottom(), page.width() - 1, 1), shadow);
+    const QRectF area = exposed.intersected(page);
+    if (area.isEmpty())
+        return;
+    const qreal dpr = viewport()->devicePixelRatioF();
+    const qreal scale = layout_.scale() * dpr;
+    const auto &pdfPage = pages_[size_t(index)];
+    std::vector<PageRenderCache::Tile> tiles;
+    const QRectF part = area.translated(-page.topLeft());
+    appendTiles(tiles, pdfPage, scale, pagePixels(index, scale), QRectF(part.topLeft() * dpr, part.size() * dpr));
+    std::vector<QImage> images;
+    bool missing = false;
+    for (const auto &tile : tiles) {
+        images.push_back(cache_->picture(tile));
+        missing = missing || images.back().isNull();
+    }
+    painter.save();
+    painter.setClipRect(area);
+    if (missing) {
+        // A white page, then older pictures stretched, until the current ones arrive.
+        painter.fillRect(page, Qt::white);
+        for (const auto &stale : cache_->stalePictures(pdfPage.get(), scale)) {
+            const qreal factor = layout_.scale() / stale.scale;
+            const QRectF target(page.topLeft() + QPointF(stale.rect.topLeft()) * factor, QSizeF(stale.rect.size()) * factor);
+            if (target.intersects(area))
+                painter.drawImage(target, stale.image);
+        }
+    }
+    for (size_t i = 0; i < tiles.size(); ++i)
+        if (!images[i].isNull())
+            painter.drawImage(QRectF(page.topLeft() + QPointF(tiles[i].rect.topLeft()) / dpr, QSizeF(tiles[i].rect.size()) / dpr),
+                              images[i]);
+    painter.restore();
+}
+
+void PdfView::paintSelection(QPainter &painter, int index)
+{
+    if (!selection_)
+        return;
+    QColor color = palette().color(QPalette::Highlight);
+    color.setAlpha(90);
+    const auto &page = pages_[size_t(index)];
+    // One region, so that where line boxes overlap the tint is not doubled.
+    QRegion region;
+    for (const auto &line : selection_->lines())
+        if (line.page == page)
+            region += convertFromPage(line.bounds, page).toAlignedRect();
+    for (const QRect &rect : region)
+        painter.fillRect(rect, color);
+}

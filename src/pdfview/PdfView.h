@@ -1,0 +1,217 @@
+// The page view: every page of a document in one continuous, vertically
+// scrolling column, zoomable, with text selection, link clicks and pages
+// rendered off the user-interface thread.
+//
+// View space is the viewport's coordinate system (logical pixels, origin at
+// the top left of the visible area, y down); an overlay laid over the viewport
+// shares it. Page space is PDF points of one page (origin lower left, y up).
+// At scale 1 one point is one logical pixel.
+#pragma once
+
+#include "PdfSelection.h"
+#include "PdfTypes.h"
+#include "PdfViewLayout.h"
+
+#include <QAbstractScrollArea>
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QTimer>
+
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+class PageRenderCache;
+class PdfDocument;
+class PdfPage;
+
+class PdfView : public QAbstractScrollArea {
+    Q_OBJECT
+    Q_PROPERTY(bool autoScales READ autoScales WRITE setAutoScales NOTIFY autoScalesChanged)
+    Q_PROPERTY(qreal scaleFactor READ scaleFactor WRITE setScaleFactor NOTIFY scaleChanged)
+    Q_PROPERTY(qreal minScaleFactor READ minScaleFactor WRITE setMinScaleFactor)
+    Q_PROPERTY(qreal maxScaleFactor READ maxScaleFactor WRITE setMaxScaleFactor)
+
+public:
+    // Factor of one zoom step.
+    static constexpr qreal zoomStep = 1.25;
+
+    explicit PdfView(QWidget *parent = nullptr);
+    ~PdfView() override;
+
+    // Shows a document from its first page (none empties the view). Showing
+    // the document already shown changes nothing.
+    void setDocument(std::shared_ptr<PdfDocument> document);
+    std::shared_ptr<PdfDocument> document() const { return document_; }
+    // The page list changed (pages inserted, removed, moved or rotated): lays
+    // the pages out again, keeping the zoom and, if it is still there, the
+    // page at the top of the view.
+    void reloadPages();
+    // The page's content changed (its annotations): it is rendered again.
+    void invalidatePage(const std::shared_ptr<PdfPage> &page);
+
+    // The page that takes up most of the view (or the one last gone to).
+    std::shared_ptr<PdfPage> currentPage() const;
+    int currentPageIndex() const { return current_; }
+    // Scrolls so that the top of the page is at the top of the view.
+    void goToPage(const std::shared_ptr<PdfPage> &page);
+    // Scrolls so that a page-space point is at the top left of the view (as
+    // far as the scroll range allows).
+    void goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint);
+
+    // Fit-to-width: the widest page fills the view's width, also after resizes.
+    bool autoScales() const { return autoScales_; }
+    void setAutoScales(bool enabled);
+    // 1 is 100 %. Setting a scale switches fit-to-width off; the value is kept
+    // within the bounds. The point at the centre of the view stays in place.
+    qreal scaleFactor() const { return layout_.scale(); }
+    void setScaleFactor(qreal scale);
+    qreal minScaleFactor() const { return minScale_; }
+    void setMinScaleFactor(qreal scale);
+    qreal maxScaleFactor() const { return maxScale_; }
+    void setMaxScaleFactor(qreal scale);
+    bool canZoomIn() const;
+    bool canZoomOut() const;
+
+    // The page under a view point; with `nearest`, the closest page when the
+    // point lies between or beside pages. None when no page is shown.
+    std::shared_ptr<PdfPage> pageAt(QPointF viewPoint, bool nearest) const;
+    QPointF convertToPage(QPointF viewPoint, const std::shared_ptr<PdfPage> &page) const;
+    QPointF convertFromPage(QPointF pagePoint, const std::shared_ptr<PdfPage> &page) const;
+    QRectF convertFromPage(const QRectF &pageRect, const std::shared_ptr<PdfPage> &page) const;
+    QRectF convertToPage(const QRectF &viewRect, const std::shared_ptr<PdfPage> &page) const;
+
+    // The text selection, none when nothing is selected.
+    std::optional<PdfSelection> currentSelection() const { return selection_; }
+    void setCurrentSelection(std::optional<PdfSelection> selection);
+
+    // Lays `overlay` exactly over the visible area: it becomes a child of the
+    // viewport (deleted with the view) and follows its size. If it implements
+    // PdfViewOverlay it gets only the events it wants; a plain widget gets
+    // every event first. Either way, what it ignores goes on to the view as
+    // for any child widget. A replaced overlay is hidden and given back
+    // without a parent; none removes the overlay.
+    void setOverlay(QWidget *overlay);
+    QWidget *overlay() const { return overlay_; }
+
+    // Bytes of page pictures kept (plus a few spare buffers and what is on screen).
+    qint64 cacheLimit() const;
+    void setCacheLimit(qint64 bytes);
+    // True when every visible page shows its final picture; renderingComplete()
+    // tells when that becomes so (a turn of the event loop later).
+    bool isRenderingComplete() const;
+
+public slots:
+    void zoomIn();
+    void zoomOut();
+    // Copies the selected text to the clipboard.
+    void copy();
+
+signals:
+    void documentChanged();
+    void currentPageChanged(int pageIndex);
+    void autoScalesChanged(bool autoScales);
+    void scaleChanged(qreal scale);
+    // Anything that moves pages on screen: scrolling, zooming, resizing, relayout.
+    void geometryChanged();
+    void selectionChanged();
+    void renderingComplete();
+
+protected:
+    bool viewportEvent(QEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
+    void scrollContentsBy(int dx, int dy) override;
+    void paintEvent(QPaintEvent *event) override;
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseDoubleClickEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void wheelEvent(QWheelEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
+
+private:
+    // A page and a point of it in display space (points, y down): what must
+    // stay in place at a view point while the layout changes.
+    struct Anchor {
+        int page = -1;
+        QPointF displayPoint;
+        QPointF viewPoint;
+    };
+    struct Press {
+        std::shared_ptr<PdfPage> page;
+        QPointF pagePoint;
+        QPointF viewPoint;
+        std::optional<PdfLink> link;
+        bool dragging = false;
+    };
+
+    // Layout and scrolling.
+    void loadPages();
+    void relayout(const Anchor &anchor, std::optional<qreal> scale = std::nullopt);
+    qreal fittedScale() const;
+    void updateScrollBars();
+    QPoint scrollOffset() const;
+    QPointF contentOrigin() const;
+    QRectF viewRect(int index) const;
+    Anchor anchorAt(QPointF viewPoint) const;
+    void restore(const Anchor &anchor);
+    void scrollContentTo(QPointF contentPoint);
+    void updateCurrentPage();
+    void setCurrent(int index);
+    int indexOf(const std::shared_ptr<PdfPage> &page) const;
+    QTransform displayToView(int index) const;
+    QSize pagePixels(int index, qreal scale) const;
+
+    // Rendering.
+    void requestPictures();
+    void paintPage(QPainter &painter, int index, const QRectF &exposed);
+    void paintSelection(QPainter &painter, int index);
+    void pictureArrived(const PdfPage *page);
+    void updateCompleteness();
+
+    // Input (PdfViewInput.cpp).
+    bool routeOverlayEvent(QEvent *event);
+    void selectTo(QPointF viewPoint);
+    void selectUnit(QPointF viewPoint, bool line);
+    std::optional<PdfLink> linkAt(QPointF viewPoint);
+    void activate(const PdfLink &link);
+    void updateCursor(QPointF viewPoint);
+    void autoScroll();
+    void zoomAround(qreal scale, QPointF viewPoint);
+
+    std::shared_ptr<PdfDocument> document_;
+    std::vector<std::shared_ptr<PdfPage>> pages_;
+    std::vector<QTransform> pageToDisplay_;
+    std::unordered_map<const PdfPage *, int> indexOf_;
+    PdfViewLayout layout_;
+    int current_ = -1;
+    // The page last gone to stays current while it is on screen, until the user scrolls.
+    int pinned_ = -1;
+    bool autoScales_ = true;
+    qreal minScale_ = 0.1;
+    qreal maxScale_ = 8.0;
+    bool relayingOut_ = false;
+
+    PageRenderCache *cache_;
+    // 1 after scrolling down, -1 after scrolling up: where to render ahead.
+    int scrollDirection_ = 1;
+    QTimer pictureTimer_;
+    qreal requestedRatio_ = 0; // device pixel ratio of the last request
+    bool complete_ = true;
+
+    std::optional<PdfSelection> selection_;
+    std::optional<Press> press_;
+    // Where the last selection started, for extending it with Shift.
+    std::shared_ptr<PdfPage> anchorPage_;
+    QPointF anchorPoint_;
+    QElapsedTimer lastDoubleClick_;
+    QPointF lastDoubleClickPos_;
+    QTimer autoScrollTimer_;
+    QPointF lastMousePos_;
+    std::unordered_map<const PdfPage *, std::vector<PdfLink>> links_;
+
+    QPointer<QWidget> overlay_;
+    bool overlayHasMouse_ = false;
+    bool viewHasMouse_ = false;
+};

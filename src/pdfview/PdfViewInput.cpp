@@ -1,0 +1,352 @@
+// PdfView: pointer and keyboard input, text selection, links and the overlay.
+#include "PdfView.h"
+
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfViewOverlay.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QKeyEvent>
+#include <QMouseEvent>
+#include <QScrollBar>
+#include <QStyleHints>
+#include <QUrl>
+#include <QWheelEvent>
+
+#include <cmath>
+
+namespace {
+
+// Link targets handed to the desktop; anything else (files, scripts) is ignored.
+bool isOpenableUrl(const QUrl &url)
+{
+    static const QStringList schemes{QStringLiteral("http"), QStringLiteral("https"), QStringLiteral("mailto"),
+                                     QStringLiteral("ftp")};
+    return url.isValid() && schemes.contains(url.scheme().toLower());
+}
+
+} // namespace
+
+// ---- Overlay -----------------------------------------------------------------
+
+void PdfView::setOverlay(QWidget *overlay)
+{
+    if (overlay_ == overlay)
+        return;
+    if (overlay_) {
+        overlay_->removeEventFilter(this);
+        overlay_->hide();
+        overlay_->setParent(nullptr);
+    }
+    overlay_ = overlay;
+    overlayHasMouse_ = viewHasMouse_ = false;
+    if (!overlay)
+        return;
+    overlay->setParent(viewport());
+    overlay->setGeometry(viewport()->rect());
+    overlay->installEventFilter(this);
+    overlay->show();
+    overlay->raise();
+}
+
+bool PdfView::eventFilter(QObject *watched, QEvent *event)
+{
+    if (overlay_ && watched == overlay_)
+        return routeOverlayEvent(event);
+    return QAbstractScrollArea::eventFilter(watched, event);
+}
+
+// Input that reaches the overlay goes on to the view when the overlay does not
+// want it; true means the view took it.
+bool PdfView::routeOverlayEvent(QEvent *event)
+{
+    auto *client = dynamic_cast<PdfViewOverlay *>(overlay_.data());
+    auto declined = [&] { return client && !client->wantsEvent(event); };
+    switch (event->type()) {
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonDblClick: {
+        auto *mouse = static_cast<QMouseEvent *>(event);
+        if (!overlayHasMouse_ && !viewHasMouse_)
+            (declined() ? viewHasMouse_ : overlayHasMouse_) = true;
+        if (!viewHasMouse_)
+            return false;
+        if (event->type() == QEvent::MouseButtonPress)
+            mousePressEvent(mouse);
+        else
+            mouseDoubleClickEvent(mouse);
+        return true;
+    }
+    case QEvent::MouseMove: {
+        auto *mouse = static_cast<QMouseEvent *>(event);
+        if (overlayHasMouse_ || (!viewHasMouse_ && !declined()))
+            return false;
+        mouseMoveEvent(mouse);
+        return true;
+    }
+    case QEvent::MouseButtonRelease: {
+        auto *mouse = static_cast<QMouseEvent *>(event);
+        const bool toView = viewHasMouse_;
+        if (mouse->buttons() == Qt::NoButton)
+            overlayHasMouse_ = viewHasMouse_ = false;
+        if (toView)
+            mouseReleaseEvent(mouse);
+        return toView;
+    }
+    case QEvent::Wheel:
+        if (!declined())
+            return false;
+        wheelEvent(static_cast<QWheelEvent *>(event));
+        return true;
+    case QEvent::KeyPress:
+        if (!declined())
+            return false;
+        keyPressEvent(static_cast<QKeyEvent *>(event));
+        return true;
+    default:
+        return false;
+    }
+}
+
+// ---- Pointer -------------------------------------------------------------------
+
+void PdfView::mousePressEvent(QMouseEvent *event)
+{
+    if (event->button() != Qt::LeftButton) {
+        event->ignore();
+        return;
+    }
+    setFocus(Qt::MouseFocusReason);
+    const QPointF pos = event->position();
+    // A third press soon after a double click selects the line.
+    const bool tripleClick = lastDoubleClick_.isValid() &&
+                             lastDoubleClick_.elapsed() < QGuiApplication::styleHints()->mouseDoubleClickInterval() &&
+                             (pos - lastDoubleClickPos_).manhattanLength() < QApplication::startDragDistance();
+    lastDoubleClick_.invalidate();
+    press_.reset();
+    if (tripleClick) {
+        selectUnit(pos, true);
+        return;
+    }
+    auto page = pageAt(pos, true);
+    if (!page)
+        return;
+    press_ = Press{page, convertToPage(pos, page), pos, linkAt(pos), false};
+    if (event->modifiers().testFlag(Qt::ShiftModifier) && selection_ && anchorPage_) {
+        press_->page = anchorPage_;
+        press_->pagePoint = anchorPoint_;
+        press_->link.reset();
+        press_->dragging = true;
+        selectTo(pos);
+        return;
+    }
+    anchorPage_ = press_->page;
+    anchorPoint_ = press_->pagePoint;
+}
+
+void PdfView::mouseDoubleClickEvent(QMouseEvent *event)
+{
+    if (event->button() != Qt::LeftButton) {
+        event->ignore();
+        return;
+    }
+    press_.reset();
+    selectUnit(event->position(), false);
+    lastDoubleClick_.start();
+    lastDoubleClickPos_ = event->position();
+}
+
+void PdfView::mouseMoveEvent(QMouseEvent *event)
+{
+    const QPointF pos = event->position();
+    if (!press_ || !event->buttons().testFlag(Qt::LeftButton)) {
+        updateCursor(pos);
+        return;
+    }
+    if (!press_->dragging && (pos - press_->viewPoint).manhattanLength() >= QApplication::startDragDistance()) {
+        press_->dragging = true;
+        press_->link.reset();
+    }
+    if (!press_->dragging)
+        return;
+    lastMousePos_ = pos;
+    selectTo(pos);
+    const bool outside = pos.y() < 0 || pos.y() > viewport()->height();
+    if (outside && !autoScrollTimer_.isActive())
+        autoScrollTimer_.start();
+    else if (!outside)
+        autoScrollTimer_.stop();
+}
+
+void PdfView::mouseReleaseEvent(QMouseEvent *event)
+{
+    if (event->button() != Qt::LeftButton) {
+        event->ignore();
+        return;
+    }
+    if (!press_)
+        return;
+    autoScrollTimer_.stop();
+    const Press press = std::move(*press_);
+    press_.reset();
+    if (press.dragging) {
+        QClipboard *clipboard = QGuiApplication::clipboard();
+        if (selection_ && clipboard->supportsSelection())
+            clipboard->setText(selection_->string(), QClipboard::Selection);
+    } else if (press.link) {
+        activate(*press.link);
+    } else {
+        setCurrentSelection(std::nullopt);
+    }
+}
+
+void PdfView::selectTo(QPointF viewPoint)
+{
+    auto page = pageAt(viewPoint, true);
+    if (!press_ || !page)
+        return;
+    setCurrentSelection(PdfSelection::between(press_->page, press_->pagePoint, page, convertToPage(viewPoint, page)));
+}
+
+void PdfView::selectUnit(QPointF viewPoint, bool line)
+{
+    auto page = pageAt(viewPoint, true);
+    if (!page)
+        return;
+    const QPointF point = convertToPage(viewPoint, page);
+    setCurrentSelection(line ? page->selectionForLine(point) : page->selectionForWord(point));
+    anchorPage_ = page;
+    anchorPoint_ = point;
+}
+
+// While a selection is dragged beyond the top or bottom edge, the view scrolls towards the pointer.
+void PdfView::autoScroll()
+{
+    if (!press_ || !press_->dragging) {
+        autoScrollTimer_.stop();
+        return;
+    }
+    const qreal y = lastMousePos_.y();
+    const qreal beyond = y < 0 ? y : std::max(0.0, y - viewport()->height());
+    verticalScrollBar()->setValue(verticalScrollBar()->value() + int(std::lround(beyond / 2 + (beyond > 0 ? 1 : -1))));
+    selectTo(lastMousePos_);
+}
+
+void PdfView::copy()
+{
+    if (selection_ && !selection_->string().isEmpty())
+        QGuiApplication::clipboard()->setText(selection_->string());
+}
+
+// ---- Links and cursor ----------------------------------------------------------
+
+std::optional<PdfLink> PdfView::linkAt(QPointF viewPoint)
+{
+    auto page = pageAt(viewPoint, false);
+    if (!page)
+        return std::nullopt;
+    auto it = links_.find(page.get());
+    if (it == links_.end())
+        it = links_.emplace(page.get(), page->links()).first;
+    const QPointF point = convertToPage(viewPoint, page);
+    for (const PdfLink &link : it->second)
+        if (link.bounds.contains(point))
+            return link;
+    return std::nullopt;
+}
+
+void PdfView::activate(const PdfLink &link)
+{
+    if (link.page >= 0) {
+        auto target = document_ ? document_->page(link.page) : nullptr;
+        if (link.point)
+            goToPoint(target, *link.point);
+        else
+            goToPage(target);
+        return;
+    }
+    const QUrl url(link.url);
+    if (isOpenableUrl(url))
+        QDesktopServices::openUrl(url);
+}
+
+void PdfView::updateCursor(QPointF viewPoint)
+{
+    Qt::CursorShape shape = Qt::ArrowCursor;
+    if (linkAt(viewPoint)) {
+        shape = Qt::PointingHandCursor;
+    } else if (auto page = pageAt(viewPoint, false)) {
+        if (page->selectionForLine(convertToPage(viewPoint, page)))
+            shape = Qt::IBeamCursor;
+    }
+    if (viewport()->cursor().shape() != shape)
+        viewport()->setCursor(shape);
+}
+
+// ---- Wheel and keys ------------------------------------------------------------
+
+void PdfView::wheelEvent(QWheelEvent *event)
+{
+    if (event->modifiers().testFlag(Qt::ControlModifier)) {
+        const int steps = event->angleDelta().y();
+        if (steps != 0)
+            zoomAround(layout_.scale() * std::pow(zoomStep, steps / 120.0), event->position());
+        event->accept();
+        return;
+    }
+    pinned_ = -1;
+    QAbstractScrollArea::wheelEvent(event);
+}
+
+void PdfView::keyPressEvent(QKeyEvent *event)
+{
+    if (event->matches(QKeySequence::Copy)) {
+        copy();
+        return;
+    }
+    if (event->matches(QKeySequence::ZoomIn)) {
+        zoomIn();
+        return;
+    }
+    if (event->matches(QKeySequence::ZoomOut)) {
+        zoomOut();
+        return;
+    }
+    QScrollBar *v = verticalScrollBar();
+    QScrollBar *h = horizontalScrollBar();
+    const bool shift = event->modifiers().testFlag(Qt::ShiftModifier);
+    switch (event->key()) {
+    case Qt::Key_Up:
+        v->triggerAction(QAbstractSlider::SliderSingleStepSub);
+        break;
+    case Qt::Key_Down:
+        v->triggerAction(QAbstractSlider::SliderSingleStepAdd);
+        break;
+    case Qt::Key_Left:
+        h->triggerAction(QAbstractSlider::SliderSingleStepSub);
+        break;
+    case Qt::Key_Right:
+        h->triggerAction(QAbstractSlider::SliderSingleStepAdd);
+        break;
+    case Qt::Key_PageUp:
+        v->triggerAction(QAbstractSlider::SliderPageStepSub);
+        break;
+    case Qt::Key_PageDown:
+        v->triggerAction(QAbstractSlider::SliderPageStepAdd);
+        break;
+    case Qt::Key_Space:
+        v->triggerAction(shift ? QAbstractSlider::SliderPageStepSub : QAbstractSlider::SliderPageStepAdd);
+        break;
+    case Qt::Key_Home:
+        v->triggerAction(QAbstractSlider::SliderToMinimum);
+        break;
+    case Qt::Key_End:
+        v->triggerAction(QAbstractSlider::SliderToMaximum);
+        break;
+    default:
+        QAbstractScrollArea::keyPressEvent(event);
+        return;
+    }
+    event->accept();
+}

@@ -1,0 +1,683 @@
+#include "FixtureBuilder.h"
+#include "PageRenderCache.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+#include "PdfViewOverlay.h"
+
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QScrollBar>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+// Rendering waits are generous: tests must not fail on a slow machine.
+constexpr int renderTimeoutMs = 60000;
+
+// Helvetica advance widths (per 1000 units) of the characters used below.
+qreal helveticaWidth(const QString &text, qreal size)
+{
+    static const QHash<QChar, int> widths{{'T', 611}, {'h', 556}, {'e', 556}, {' ', 278}, {'q', 556}, {'u', 556}, {'i', 222},
+                                          {'c', 500}, {'k', 500}, {'b', 556}, {'r', 333}, {'o', 556}, {'w', 722}, {'n', 556},
+                                          {'f', 278}, {'x', 500}, {'P', 667}, {'a', 556}, {'g', 556}, {'1', 556}, {'2', 556}};
+    qreal sum = 0;
+    for (QChar c : text)
+        sum += widths.value(c, 0);
+    return sum * size / 1000;
+}
+
+void sendMouse(QWidget *target, QEvent::Type type, QPointF pos, Qt::MouseButtons buttons, Qt::KeyboardModifiers modifiers = {})
+{
+    const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
+    QMouseEvent event(type, pos, target->mapToGlobal(pos), button, buttons, modifiers);
+    QApplication::sendEvent(target, &event);
+}
+
+void drag(QWidget *target, QPointF from, QPointF to, Qt::KeyboardModifiers modifiers = {})
+{
+    sendMouse(target, QEvent::MouseButtonPress, from, Qt::LeftButton, modifiers);
+    sendMouse(target, QEvent::MouseMove, (from + to) / 2, Qt::LeftButton, modifiers);
+    sendMouse(target, QEvent::MouseMove, to, Qt::LeftButton, modifiers);
+    sendMouse(target, QEvent::MouseButtonRelease, to, Qt::NoButton, modifiers);
+}
+
+void click(QWidget *target, QPointF pos)
+{
+    sendMouse(target, QEvent::MouseButtonPress, pos, Qt::LeftButton);
+    sendMouse(target, QEvent::MouseButtonRelease, pos, Qt::NoButton);
+}
+
+void wheel(QWidget *target, QPointF pos, int delta, Qt::KeyboardModifiers modifiers = {})
+{
+    QWheelEvent event(pos, target->mapToGlobal(pos), QPoint(), QPoint(0, delta), Qt::NoButton, modifiers, Qt::NoScrollPhase,
+                      false);
+    QApplication::sendEvent(target, &event);
+}
+
+// The selected text, or a marker when nothing is selected.
+QString selectedText(const PdfView &view)
+{
+    const auto selection = view.currentSelection();
+    return selection ? selection->string() : QStringLiteral("<no selection>");
+}
+
+// The view-space rectangle of a page.
+QRectF pageRect(const PdfView &view, const std::shared_ptr<PdfPage> &page)
+{
+    return view.convertFromPage(page->bounds(PdfBox::Crop), page);
+}
+
+// An overlay that takes pointer events inside `claimed` and the Delete key.
+class TestOverlay : public QWidget, public PdfViewOverlay {
+public:
+    QRectF claimed;
+    QList<QEvent::Type> received;
+
+    bool wantsEvent(const QEvent *event) override
+    {
+        if (event->type() == QEvent::KeyPress)
+            return static_cast<const QKeyEvent *>(event)->key() == Qt::Key_Delete;
+        if (auto *pointer = dynamic_cast<const QSinglePointEvent *>(event))
+            return claimed.contains(pointer->position());
+        return false;
+    }
+
+protected:
+    void mousePressEvent(QMouseEvent *) override { received << QEvent::MouseButtonPress; }
+    void mouseMoveEvent(QMouseEvent *) override { received << QEvent::MouseMove; }
+    void mouseReleaseEvent(QMouseEvent *) override { received << QEvent::MouseButtonRelease; }
+    void keyPressEvent(QKeyEvent *) override { received << QEvent::KeyPress; }
+    void wheelEvent(QWheelEvent *) override { received << QEvent::Wheel; }
+};
+
+class PlainOverlay : public QWidget {
+protected:
+    void mousePressEvent(QMouseEvent *event) override { event->accept(); }
+    void mouseMoveEvent(QMouseEvent *event) override { event->accept(); }
+};
+
+} // namespace
+
+class TestPdfView : public QObject {
+    Q_OBJECT
+public slots:
+    void openUrl(const QUrl &url) { openedUrls << url; }
+
+private slots:
+    void init();
+    void cleanup();
+    void fitWidthAndScaleBounds();
+    void geometryOnRotatedAndMixedPages_data();
+    void geometryOnRotatedAndMixedPages();
+    void currentPageFollowsNavigation();
+    void keyboardAndWheelScrolling();
+    void textSelectionByDragging();
+    void wordLineAndCopy();
+    void linksGoToPagesAndOpenUrls();
+    void renderingAndInvalidation();
+    void reloadAfterPageChanges();
+    void cacheStaysWithinItsLimit();
+    void overlayChoosesItsEvents();
+
+private:
+    std::shared_ptr<PdfDocument> open(const std::vector<fixtures::PageSpec> &pages);
+    void showView(int width = 600, int height = 500);
+
+    QTemporaryDir dir_;
+    int files_ = 0;
+    std::unique_ptr<PdfView> view_;
+    QList<QUrl> openedUrls;
+};
+
+void TestPdfView::init()
+{
+    view_ = std::make_unique<PdfView>();
+    openedUrls.clear();
+}
+
+void TestPdfView::cleanup()
+{
+    view_.reset();
+}
+
+std::shared_ptr<PdfDocument> TestPdfView::open(const std::vector<fixtures::PageSpec> &pages)
+{
+    const QString path = dir_.filePath(QStringLiteral("f%1.pdf").arg(files_++));
+    if (!fixtures::writePdf(path, pages))
+        return nullptr;
+    return PdfDocument::open(path);
+}
+
+void TestPdfView::showView(int width, int height)
+{
+    view_->resize(width, height);
+    view_->show();
+    QVERIFY(QTest::qWaitForWindowExposed(view_.get()));
+}
+
+void TestPdfView::fitWidthAndScaleBounds()
+{
+    std::vector<fixtures::PageSpec> pages(3);
+    pages[1].rotation = 90; // shown 792 wide: the widest page
+    pages[2].mediaBox = QRectF(0, 0, 300, 400);
+    auto doc = open(pages);
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView(700, 500);
+    QWidget *viewport = view_->viewport();
+
+    // Fit to width: the widest page spans the viewport less the margins; all pages are centred.
+    QVERIFY(view_->autoScales());
+    const QRectF widest = pageRect(*view_, doc->page(1));
+    QCOMPARE(qRound(widest.width()), viewport->width() - 2 * PdfViewLayout::margin);
+    QCOMPARE(view_->horizontalScrollBar()->maximum(), 0);
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(qAbs(pageRect(*view_, doc->page(i)).center().x() - viewport->width() / 2.0) <= 1);
+    QVERIFY(pageRect(*view_, doc->page(0)).bottom() < pageRect(*view_, doc->page(1)).top());
+
+    // Fit follows resizes until it is switched off.
+    const qreal fitted = view_->scaleFactor();
+    view_->resize(900, 500);
+    QTRY_VERIFY(view_->scaleFactor() > fitted);
+    QSignalSpy autoSpy(view_.get(), &PdfView::autoScalesChanged);
+    QSignalSpy scaleSpy(view_.get(), &PdfView::scaleChanged);
+    view_->setScaleFactor(1.0);
+    QCOMPARE(autoSpy.count(), 1);
+    QVERIFY(!view_->autoScales());
+    QCOMPARE(scaleSpy.count(), 1);
+    view_->resize(600, 500);
+    QTest::qWait(20);
+    QCOMPARE(view_->scaleFactor(), 1.0);
+
+    // Bounds, steps and the zoom signals.
+    view_->setMinScaleFactor(0.5);
+    view_->setMaxScaleFactor(2.0);
+    view_->setScaleFactor(10);
+    QCOMPARE(view_->scaleFactor(), 2.0);
+    QVERIFY(!view_->canZoomIn());
+    view_->zoomOut();
+    QCOMPARE(view_->scaleFactor(), 2.0 / PdfView::zoomStep);
+    view_->setScaleFactor(0.01);
+    QCOMPARE(view_->scaleFactor(), 0.5);
+    QVERIFY(!view_->canZoomOut());
+    view_->zoomIn();
+    QCOMPARE(view_->scaleFactor(), 0.5 * PdfView::zoomStep);
+    // Narrower than the view, the column is centred.
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(qAbs(pageRect(*view_, doc->page(i)).center().x() - viewport->width() / 2.0) <= 2);
+    view_->setMinScaleFactor(0.8); // raising the lower bound lifts the scale with it
+    QCOMPARE(view_->scaleFactor(), 0.8);
+    QCOMPARE(scaleSpy.last().at(0).toReal(), 0.8);
+
+    // Switching fit back on re-fits within the bounds.
+    view_->setMinScaleFactor(0.1);
+    view_->setMaxScaleFactor(8);
+    view_->setAutoScales(true);
+    QCOMPARE(qRound(pageRect(*view_, doc->page(1)).width()), viewport->width() - 2 * PdfViewLayout::margin);
+}
+
+void TestPdfView::geometryOnRotatedAndMixedPages_data()
+{
+    QTest::addColumn<qreal>("scale");
+    QTest::newRow("50%") << 0.5;
+    QTest::newRow("100%") << 1.0;
+    QTest::newRow("250%") << 2.5;
+}
+
+void TestPdfView::geometryOnRotatedAndMixedPages()
+{
+    QFETCH(qreal, scale);
+    // Each page: rotation, and an offset crop box on one of them.
+    std::vector<fixtures::PageSpec> pages(5);
+    pages[1].rotation = 90;
+    pages[2].mediaBox = QRectF(0, 0, 400, 300);
+    pages[2].cropBox = QRectF(50, 40, 250, 200);
+    pages[2].rotation = 180;
+    pages[3].rotation = 270;
+    pages[4].mediaBox = QRectF(0, 0, 200, 200);
+    auto doc = open(pages);
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView(500, 400);
+    view_->setScaleFactor(scale);
+
+    // Where the top-left corner of the upright page must appear once rotated clockwise.
+    const QList<int> rotations{0, 90, 180, 270, 0};
+    for (int i = 0; i < 5; ++i) {
+        auto page = doc->page(i);
+        view_->goToPage(page);
+        const QRectF crop = page->bounds(PdfBox::Crop);
+        const QRectF shown = pageRect(*view_, page);
+        const QSizeF expected = rotations[i] % 180 ? crop.size().transposed() * scale : crop.size() * scale;
+        QVERIFY2(qAbs(shown.width() - expected.width()) <= 1 && qAbs(shown.height() - expected.height()) <= 1,
+                 qPrintable(QString::number(i)));
+
+        const QPointF corner = view_->convertFromPage(crop.topLeft() + QPointF(0, crop.height()), page); // (x0, y1)
+        const QPointF want = rotations[i] == 0     ? shown.topLeft()
+                             : rotations[i] == 90  ? shown.topRight()
+                             : rotations[i] == 180 ? shown.bottomRight()
+                                                   : shown.bottomLeft();
+        QVERIFY2((corner - want).manhattanLength() <= 1, qPrintable(QString::number(i)));
+
+        // Round trips, inside and outside the page.
+        for (QPointF p : {crop.center(), crop.topLeft() + QPointF(10, 20), QPointF(-30, 900)}) {
+            const QPointF back = view_->convertToPage(view_->convertFromPage(p, page), page);
+            QVERIFY((back - p).manhattanLength() < 1e-6);
+        }
+        const QRectF box(crop.left() + 10, crop.top() + 20, 30, 40);
+        const QRectF roundTrip = view_->convertToPage(view_->convertFromPage(box, page), page);
+        QVERIFY(qAbs(roundTrip.left() - box.left()) < 1e-6 && qAbs(roundTrip.width() - box.width()) < 1e-6);
+
+        // Hit testing on the page, beside it and between pages.
+        QCOMPARE(view_->pageAt(shown.center(), false), page);
+        QCOMPARE(view_->pageAt(shown.topLeft() + QPointF(1, 1), false), page);
+        QCOMPARE(view_->pageAt(QPointF(shown.left() - 3, shown.center().y()), false), nullptr);
+        QCOMPARE(view_->pageAt(QPointF(shown.left() - 3, shown.center().y()), true), page);
+        QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 2), false), nullptr);
+        QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 2), true), page);
+        if (i > 0)
+            QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.top() - 2), true), page);
+    }
+    // Beyond the last page, the nearest is the last page.
+    auto last = doc->page(4);
+    const QRectF shown = pageRect(*view_, last);
+    QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 500), true), last);
+    QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 500), false), nullptr);
+}
+
+void TestPdfView::currentPageFollowsNavigation()
+{
+    auto doc = open(fixtures::numberedPages(10));
+    QVERIFY(doc);
+    QSignalSpy pageSpy(view_.get(), &PdfView::currentPageChanged);
+    QSignalSpy docSpy(view_.get(), &PdfView::documentChanged);
+    view_->setDocument(doc);
+    showView();
+    QCOMPARE(docSpy.count(), 1);
+    QCOMPARE(view_->currentPage(), doc->page(0));
+    QCOMPARE(pageSpy.last().at(0).toInt(), 0);
+
+    // Going to a page puts its top edge at the top of the view, and only that page becomes current.
+    pageSpy.clear();
+    view_->goToPage(doc->page(5));
+    QCOMPARE(view_->currentPage(), doc->page(5));
+    QCOMPARE(pageSpy.count(), 1);
+    QCOMPARE(pageSpy.last().at(0).toInt(), 5);
+    QVERIFY(qAbs(pageRect(*view_, doc->page(5)).top()) <= 1);
+
+    // The bridge's way: the point (0, page height) of a page.
+    view_->goToPoint(doc->page(3), QPointF(0, doc->page(3)->bounds().height()));
+    QCOMPARE(view_->currentPageIndex(), 3);
+    QVERIFY(qAbs(pageRect(*view_, doc->page(3)).top()) <= 1);
+
+    // A point inside a zoomed page goes to the top left of the view.
+    view_->setScaleFactor(2.0);
+    view_->goToPoint(doc->page(7), QPointF(200, 400));
+    QVERIFY((view_->convertFromPage(QPointF(200, 400), doc->page(7)) - QPointF(0, 0)).manhattanLength() <= 2);
+    QCOMPARE(view_->currentPageIndex(), 7);
+
+    // The last page cannot reach the top of the view; it is current all the same.
+    view_->setScaleFactor(0.3);
+    view_->goToPage(doc->page(9));
+    QCOMPARE(view_->currentPageIndex(), 9);
+
+    // Scrolling the view itself makes the page that fills most of it current.
+    view_->setScaleFactor(1.0);
+    pageSpy.clear();
+    const int top = qRound(view_->convertFromPage(QPointF(0, 792), doc->page(2)).y()) + view_->verticalScrollBar()->value();
+    view_->verticalScrollBar()->setValue(top + 300); // 492 of 792 points of page 2 remain above 500 pixels
+    QCOMPARE(view_->currentPageIndex(), 2);
+    view_->verticalScrollBar()->setValue(top + 600);
+    QCOMPARE(view_->currentPageIndex(), 3);
+    QCOMPARE(pageSpy.count(), 2);
+
+    // Without a document there is nothing current.
+    view_->setDocument(nullptr);
+    QCOMPARE(view_->currentPage(), nullptr);
+    QCOMPARE(view_->currentPageIndex(), -1);
+    QCOMPARE(view_->pageAt(QPointF(100, 100), true), nullptr);
+}
+
+void TestPdfView::keyboardAndWheelScrolling()
+{
+    auto doc = open(fixtures::numberedPages(6));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.0);
+    QScrollBar *v = view_->verticalScrollBar();
+    v->setValue(0);
+
+    QTest::keyClick(view_.get(), Qt::Key_Down);
+    QVERIFY(v->value() > 0);
+    const int afterLine = v->value();
+    QTest::keyClick(view_.get(), Qt::Key_PageDown);
+    const int page = v->value() - afterLine;
+    QVERIFY(page > view_->viewport()->height() / 2 && page <= view_->viewport()->height());
+    QTest::keyClick(view_.get(), Qt::Key_Space);
+    QCOMPARE(v->value(), afterLine + 2 * page);
+    QTest::keyClick(view_.get(), Qt::Key_Space, Qt::ShiftModifier);
+    QTest::keyClick(view_.get(), Qt::Key_PageUp);
+    QCOMPARE(v->value(), afterLine);
+    QTest::keyClick(view_.get(), Qt::Key_End);
+    QCOMPARE(v->value(), v->maximum());
+    QCOMPARE(view_->currentPageIndex(), 5);
+    QTest::keyClick(view_.get(), Qt::Key_Home);
+    QCOMPARE(v->value(), 0);
+    QCOMPARE(view_->currentPageIndex(), 0);
+
+    // The wheel scrolls; with Ctrl it zooms and keeps the page point under the pointer.
+    QSignalSpy geometrySpy(view_.get(), &PdfView::geometryChanged);
+    wheel(view_->viewport(), QPointF(200, 200), -120);
+    QVERIFY(v->value() > 0);
+    QVERIFY(geometrySpy.count() > 0);
+    const QPointF pointer(250, 300);
+    auto under = view_->pageAt(pointer, true);
+    const QPointF before = view_->convertToPage(pointer, under);
+    wheel(view_->viewport(), pointer, 120, Qt::ControlModifier);
+    QVERIFY(qAbs(view_->scaleFactor() - PdfView::zoomStep) < 1e-9);
+    QVERIFY((view_->convertFromPage(before, under) - pointer).manhattanLength() <= 2);
+}
+
+void TestPdfView::textSelectionByDragging()
+{
+    auto doc = open(fixtures::numberedPages(3));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.5);
+    auto first = doc->page(0), second = doc->page(1);
+    QWidget *viewport = view_->viewport();
+    QSignalSpy spy(view_.get(), &PdfView::selectionChanged);
+
+    // Line 1 starts at (72, 680); "The quick brown fox" ends where the following space begins.
+    const qreal foxEnd = 72 + helveticaWidth(QStringLiteral("The quick brown fox"), 12);
+    const QPointF start = view_->convertFromPage(QPointF(70, 684), first);
+    const QPointF end = view_->convertFromPage(QPointF(foxEnd + 1, 684), first);
+    drag(viewport, start, end);
+    QVERIFY(view_->currentSelection());
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick brown fox"));
+    QVERIFY(spy.count() >= 1);
+
+    // The same words dragged from right to left.
+    drag(viewport, end, start);
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick brown fox"));
+
+    // Across pages: from line 3 of the first page to the heading of the second.
+    view_->setScaleFactor(0.5);
+    const QPointF lineThree = view_->convertFromPage(QPointF(70, 652), first);
+    const QPointF heading = view_->convertFromPage(QPointF(72 + helveticaWidth(QStringLiteral("Page 2"), 24) + 10, 728), second);
+    drag(viewport, lineThree, heading);
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick brown fox jumps over the lazy dog, line 3 of page 1.\nPage 2"));
+    QCOMPARE(view_->currentSelection()->pages().size(), size_t(2));
+
+    // Shift-click extends from the start of the last selection.
+    const QPointF secondLine =
+        view_->convertFromPage(QPointF(72 + helveticaWidth(QStringLiteral("The quick"), 12) + 1, 668), second);
+    sendMouse(viewport, QEvent::MouseButtonPress, secondLine, Qt::LeftButton, Qt::ShiftModifier);
+    sendMouse(viewport, QEvent::MouseButtonRelease, secondLine, Qt::NoButton, Qt::ShiftModifier);
+    QVERIFY(selectedText(*view_).endsWith(QStringLiteral("line 1 of page 2.\nThe quick")));
+
+    // The highlight is painted over the selected text, and only there.
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    const PdfSelection selection = *view_->currentSelection();
+    const auto &lines = selection.lines();
+    auto fullLine =
+        std::find_if(lines.begin(), lines.end(), [&](const auto &l) { return l.page == second && l.text.endsWith("page 2."); });
+    QVERIFY(fullLine != lines.end());
+    const QRectF selected = view_->convertFromPage(fullLine->bounds, second);
+    auto whiteShare = [&](const QImage &image, QRectF area) {
+        int white = 0, all = 0;
+        for (int y = int(area.top()) + 1; y < int(area.bottom()); ++y)
+            for (int x = int(area.left()) + 1; x < int(area.right()); ++x, ++all)
+                white += image.pixel(x, y) == qRgb(255, 255, 255);
+        return all ? qreal(white) / all : 0.0;
+    };
+    QImage shot = viewport->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    QCOMPARE(whiteShare(shot, selected), 0.0);
+
+    // A click without a drag clears the selection; so does setting none.
+    spy.clear();
+    click(viewport, view_->convertFromPage(QPointF(300, 300), first));
+    QVERIFY(!view_->currentSelection());
+    QCOMPARE(spy.count(), 1);
+    shot = viewport->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    QVERIFY(whiteShare(shot, selected) > 0.1);
+    view_->setCurrentSelection(first->selectionForAll());
+    QCOMPARE(spy.count(), 2);
+    view_->setCurrentSelection(std::nullopt);
+    QVERIFY(!view_->currentSelection());
+    QCOMPARE(spy.count(), 3);
+}
+
+void TestPdfView::wordLineAndCopy()
+{
+    auto doc = open(fixtures::numberedPages(1));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    auto page = doc->page(0);
+    QWidget *viewport = view_->viewport();
+    // Inside "brown" on line 2.
+    const QPointF brown = view_->convertFromPage(QPointF(72 + helveticaWidth(QStringLiteral("The quick br"), 12), 668), page);
+
+    QTest::mouseDClick(viewport, Qt::LeftButton, {}, brown.toPoint());
+    QCOMPARE(selectedText(*view_), QStringLiteral("brown"));
+    QTest::mouseClick(viewport, Qt::LeftButton, {}, brown.toPoint());
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick brown fox jumps over the lazy dog, line 2 of page 1."));
+
+    view_->setFocus();
+    QTest::keyClick(view_.get(), Qt::Key_C, Qt::ControlModifier);
+    QCOMPARE(QGuiApplication::clipboard()->text(), selectedText(*view_));
+}
+
+void TestPdfView::linksGoToPagesAndOpenUrls()
+{
+    // Page objects are numbered 4 + 2 × index until the first annotation; the
+    // links sit on the last page and lead back to the second one (object 6).
+    std::vector<fixtures::PageSpec> pages = fixtures::numberedPages(3);
+    pages[2].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [6 0 R /XYZ 0 792 null]", {72, 100, 100, 30}, ""});
+    pages[2].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /A << /S /URI /URI (https://example.org/manual) >>",
+         {200, 100, 100, 30},
+         ""});
+    pages[2].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /A << /S /URI /URI (file:///bin/true) >>", {320, 100, 100, 30}, ""});
+    auto doc = open(pages);
+    QVERIFY(doc);
+    QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "openUrl");
+    QDesktopServices::setUrlHandler(QStringLiteral("file"), this, "openUrl");
+    auto unset = qScopeGuard([] {
+        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+        QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
+    });
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.0);
+    auto last = doc->page(2);
+    view_->goToPage(last);
+
+    click(view_->viewport(), view_->convertFromPage(QPointF(250, 115), last));
+    QCOMPARE(openedUrls, QList<QUrl>{QUrl(QStringLiteral("https://example.org/manual"))});
+    click(view_->viewport(), view_->convertFromPage(QPointF(370, 115), last));
+    QCOMPARE(openedUrls.size(), 1); // a file link is not handed to the desktop
+
+    // A drag that starts on a link selects instead of following it.
+    view_->goToPage(last);
+    drag(view_->viewport(), view_->convertFromPage(QPointF(100, 115), last), view_->convertFromPage(QPointF(300, 690), last));
+    QCOMPARE(view_->currentPageIndex(), 2);
+
+    click(view_->viewport(), view_->convertFromPage(QPointF(100, 115), last));
+    QCOMPARE(view_->currentPageIndex(), 1);
+    QVERIFY(qAbs(pageRect(*view_, doc->page(1)).top()) <= 1);
+}
+
+void TestPdfView::renderingAndInvalidation()
+{
+    auto doc = open(fixtures::numberedPages(2));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.0);
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    auto page = doc->page(0);
+    QWidget *viewport = view_->viewport();
+    auto colourAt = [&](QPointF pagePoint) {
+        return viewport->grab().toImage().pixelColor(view_->convertFromPage(pagePoint, page).toPoint());
+    };
+    // The heading is drawn (dark pixels inside "Page 1"), the rest of the page is white.
+    const QRectF heading = view_->convertFromPage(QRectF(72, 720, helveticaWidth(QStringLiteral("Page 1"), 24), 17), page);
+    const QImage shot = viewport->grab().toImage();
+    int dark = 0;
+    for (int y = int(heading.top()); y < int(heading.bottom()); ++y)
+        for (int x = int(heading.left()); x < int(heading.right()); ++x)
+            dark += qGray(shot.pixel(x, y)) < 100;
+    QVERIFY(dark > 50);
+    QCOMPARE(colourAt(QPointF(300, 400)), QColor(Qt::white));
+
+    // A new annotation shows only once the page is invalidated.
+    auto square = PdfAnnotation::create(QRectF(250, 350, 100, 100), PdfAnnotation::Square);
+    square->setColor(Qt::blue);
+    square->setInteriorColor(Qt::blue);
+    page->addAnnotation(square);
+    view_->update();
+    QTest::qWait(50);
+    QCOMPARE(colourAt(QPointF(300, 400)), QColor(Qt::white));
+    QSignalSpy done(view_.get(), &PdfView::renderingComplete);
+    view_->invalidatePage(page);
+    QVERIFY(!view_->isRenderingComplete());
+    QVERIFY(done.wait(renderTimeoutMs));
+    QTRY_COMPARE_WITH_TIMEOUT(colourAt(QPointF(300, 400)), QColor(Qt::blue), renderTimeoutMs);
+
+    // A zoom renders sharper pictures: after it, a new picture at the new scale.
+    view_->setScaleFactor(2.0);
+    view_->goToPoint(page, QPointF(200, 450));
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    QCOMPARE(colourAt(QPointF(300, 400)), QColor(Qt::blue));
+    QCOMPARE(colourAt(QPointF(240, 400)), QColor(Qt::white));
+}
+
+void TestPdfView::reloadAfterPageChanges()
+{
+    auto doc = open(fixtures::numberedPages(5));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(0.8);
+    auto third = doc->page(2), fourth = doc->page(3);
+    view_->goToPage(fourth);
+    view_->setCurrentSelection(doc->page(1)->selectionForAll());
+
+    // Removing a page that holds the selection: the column closes up, the zoom
+    // stays, the page shown at the top stays there, the selection goes.
+    QVERIFY(doc->removePage(1));
+    view_->reloadPages();
+    QCOMPARE(view_->scaleFactor(), 0.8);
+    QCOMPARE(view_->currentPage(), fourth);
+    QVERIFY(qAbs(pageRect(*view_, fourth).top()) <= 1);
+    QVERIFY(!view_->currentSelection());
+    QVERIFY(qAbs(pageRect(*view_, third).bottom() + PdfViewLayout::gap - pageRect(*view_, fourth).top()) <= 1);
+
+    // A rotated page is laid out on its side.
+    third->setRotation(90);
+    view_->reloadPages();
+    QVERIFY(qAbs(pageRect(*view_, third).width() - 792 * 0.8) <= 1);
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+}
+
+void TestPdfView::cacheStaysWithinItsLimit()
+{
+    auto doc = open(fixtures::numberedPages(8));
+    QVERIFY(doc);
+    PageRenderCache cache;
+    const QRect whole(0, 0, 612, 792);
+    const qint64 onePage = 612 * 792 * 4;
+    cache.setLimit(3 * onePage);
+    auto tile = [&](int i, qreal scale = 1.0) { return PageRenderCache::Tile{doc->page(i), scale, whole}; };
+    for (int i = 0; i < 8; ++i) {
+        cache.request({tile(i)}, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+        QVERIFY(cache.bytesUsed() <= 3 * onePage);
+    }
+    QVERIFY(!cache.picture(tile(7)).isNull());
+    QVERIFY(cache.picture(tile(0)).isNull());
+    QCOMPARE(cache.picture(tile(7)).size(), whole.size());
+
+    // Invalidation makes the picture stale; it is kept to draw until the new one arrives.
+    cache.invalidate(doc->page(7).get());
+    QVERIFY(cache.picture(tile(7)).isNull());
+    QCOMPARE(cache.stalePictures(doc->page(7).get(), 1.0).size(), size_t(1));
+    QVERIFY(!cache.isComplete());
+    QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+    QVERIFY(!cache.picture(tile(7)).isNull());
+
+    // Wanted tiles beyond the limit are not rendered ahead; those on screen always are.
+    cache.setLimit(onePage);
+    cache.request({tile(1), tile(2), tile(3)}, 2);
+    QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+    QVERIFY(!cache.picture(tile(1)).isNull() && !cache.picture(tile(2)).isNull());
+    QTest::qWait(100);
+    QVERIFY(cache.picture(tile(3)).isNull());
+}
+
+void TestPdfView::overlayChoosesItsEvents()
+{
+    auto doc = open(fixtures::numberedPages(3));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.0);
+    auto page = doc->page(0);
+    TestOverlay overlay;
+    view_->setOverlay(&overlay);
+    QCOMPARE(overlay.parentWidget(), view_->viewport());
+    QCOMPARE(overlay.geometry(), view_->viewport()->rect());
+    view_->resize(640, 420);
+    QTRY_COMPARE(overlay.geometry(), view_->viewport()->rect());
+
+    // The overlay claims an area below the first lines; a drag elsewhere selects text.
+    overlay.claimed = view_->convertFromPage(QRectF(300, 600, 200, 60), page);
+    const QPointF start = view_->convertFromPage(QPointF(70, 684), page);
+    drag(&overlay, start, view_->convertFromPage(QPointF(72 + helveticaWidth(QStringLiteral("The quick"), 12) + 1, 684), page));
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick"));
+    QVERIFY(overlay.received.isEmpty());
+
+    // A press the overlay takes brings it the moves and the release, even outside its area.
+    drag(&overlay, overlay.claimed.center(), start);
+    QCOMPARE(overlay.received,
+             (QList<QEvent::Type>{QEvent::MouseButtonPress, QEvent::MouseMove, QEvent::MouseMove, QEvent::MouseButtonRelease}));
+    QCOMPARE(selectedText(*view_), QStringLiteral("The quick"));
+
+    // And a press it declines keeps going to the view when the pointer enters its area.
+    overlay.received.clear();
+    drag(&overlay, start, overlay.claimed.center());
+    QVERIFY(overlay.received.isEmpty());
+    QVERIFY(selectedText(*view_).startsWith(QStringLiteral("The quick brown fox jumps over the lazy dog, line 1")));
+
+    // Keys and wheel: Delete is the overlay's, the rest scroll the view.
+    overlay.setFocus();
+    QTest::keyClick(&overlay, Qt::Key_Delete);
+    QCOMPARE(overlay.received, QList<QEvent::Type>{QEvent::KeyPress});
+    QTest::keyClick(&overlay, Qt::Key_PageDown);
+    QVERIFY(view_->verticalScrollBar()->value() > 0);
+    const int scrolled = view_->verticalScrollBar()->value();
+    wheel(&overlay, QPointF(5, 5), -120);
+    QVERIFY(view_->verticalScrollBar()->value() > scrolled);
+    QCOMPARE(overlay.received.size(), 1);
+
+    // A plain widget as overlay gets everything first; what it accepts stays with it.
+    view_->setCurrentSelection(std::nullopt);
+    PlainOverlay plain;
+    view_->setOverlay(&plain);
+    drag(&plain, start, view_->convertFromPage(QPointF(150, 684), page));
+    QVERIFY(!view_->currentSelection());
+    view_->setOverlay(nullptr);
+}
+
+QTEST_MAIN(TestPdfView)
+#include "tst_pdfview.moc"

@@ -1,0 +1,37 @@
+#include "AnnotationFactory.h"
+
+#include "PdfAnnotation.h"
+#include "PdfPage.h"
+
+namespace AnnotationFactory {
+
+void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add)
+{
+    const auto lines = selection.selectionsByLine();
+    for (const auto &page : selection.pages()) {
+        std::vector<QRectF> boxes;
+        for (const auto &line : lines) {
+            const auto pages = line.pages();
+            if (std::find(pages.begin(), pages.end(), page) != pages.end())
+                boxes.push_back(line.bounds(page));
+        }
+        if (boxes.empty())
+            continue;
+        QRectF united;
+        for (const QRectF &r : boxes)
+            united = united.united(r);
+        // Upper left, upper right, lower left, lower right of each line, from
+        // the union's lower left corner (page space has y up).
+        QVector<QPointF> points;
+        const QPointF origin = united.topLeft();
+        for (const QRectF &r : boxes)
+            points << QPointF(r.left(), r.bottom()) - origin << QPointF(r.right(), r.bottom()) - origin
+                   << QPointF(r.left(), r.top()) - origin << QPointF(r.right(), r.top()) - origin;
+        auto annotation = PdfAnnotation::create(united, subtype);
+        annotation->setColor(color);
+        annotation->setQuadrilateralPoints(points);
+        add(annotation, page);
+    }
+}
+
+} // namespace AnnotationFactory

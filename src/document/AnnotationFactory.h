@@ -1,0 +1,24 @@
+// Builders of annotations, without state.
+#pragma once
+
+#include "PdfSelection.h"
+
+#include <QColor>
+#include <QString>
+
+#include <functional>
+#include <memory>
+
+class PdfAnnotation;
+class PdfPage;
+
+namespace AnnotationFactory {
+
+using AddStep = std::function<void(const std::shared_ptr<PdfAnnotation> &, const std::shared_ptr<PdfPage> &)>;
+
+// One markup annotation (Highlight, Underline or StrikeOut) per page the
+// selection touches, covering each selected line of that page with four
+// points; each is handed to `add` with its page.
+void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add);
+
+} // namespace AnnotationFactory

@@ -1,0 +1,184 @@
+// The document model's operations that change annotations and pages.
+#include "AnnotationFactory.h"
+#include "DocumentModel.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+
+namespace {
+
+// Takes the annotation off its page and puts it back: it is drawn anew, on top.
+void reseat(DocumentModel *model, const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (!model)
+        return;
+    if (auto page = annotation->page()) {
+        page->removeAnnotation(annotation);
+        page->addAnnotation(annotation);
+    }
+}
+
+void count(DocumentModel *model)
+{
+    if (model)
+        model->setHistoryVersion(model->historyVersion() + 1);
+}
+
+} // namespace
+
+void DocumentModel::record(EditHistory::Edit edit) { history_.record(std::move(edit)); }
+
+void DocumentModel::changed()
+{
+    setIsDirty(true);
+    setHistoryVersion(historyVersion_ + 1);
+}
+
+void DocumentModel::deselectIfSelected(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (selectedAnnotation_ == annotation)
+        setSelectedAnnotation(nullptr);
+}
+
+void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
+                                  bool recordUndo)
+{
+    if (!annotation || !page)
+        return;
+    page->addAnnotation(annotation);
+    if (recordUndo) {
+        QPointer<DocumentModel> model(this);
+        record({[model, annotation, page] {
+                    page->removeAnnotation(annotation);
+                    if (model)
+                        model->deselectIfSelected(annotation);
+                    count(model);
+                },
+                [model, annotation, page] {
+                    page->addAnnotation(annotation);
+                    count(model);
+                }});
+    }
+    changed();
+}
+
+void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    auto page = annotation ? annotation->page() : nullptr;
+    if (!page)
+        return;
+    page->removeAnnotation(annotation);
+    deselectIfSelected(annotation);
+    QPointer<DocumentModel> model(this);
+    record({[model, annotation, page] {
+                page->addAnnotation(annotation);
+                count(model);
+            },
+            [model, annotation, page] {
+                page->removeAnnotation(annotation);
+                if (model)
+                    model->deselectIfSelected(annotation);
+                count(model);
+            }});
+    changed();
+}
+
+void DocumentModel::recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds,
+                                       const QRectF &oldBounds)
+{
+    QPointer<DocumentModel> model(this);
+    auto setBounds = [model, annotation](const QRectF &bounds) {
+        annotation->setBounds(bounds);
+        reseat(model, annotation);
+        count(model);
+    };
+    record({[setBounds, oldBounds] { setBounds(oldBounds); }, [setBounds, newBounds] { setBounds(newBounds); }});
+    changed();
+}
+
+void DocumentModel::setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds,
+                                        const QRectF &oldBounds)
+{
+    if (!annotation)
+        return;
+    annotation->setBounds(newBounds);
+    reseat(this, annotation);
+    recordBoundsChange(annotation, newBounds, oldBounds);
+}
+
+void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
+                                         const QRectF &newBounds, const QRectF &oldBounds)
+{
+    if (!annotation)
+        return;
+    annotation->setBounds(newBounds);
+    if (annotation->page())
+        reseat(this, annotation);
+    else if (page)
+        page->addAnnotation(annotation); // the overlay took it off its page during the drag
+    recordBoundsChange(annotation, newBounds, oldBounds);
+}
+
+void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText,
+                                          const QString &oldText)
+{
+    if (!annotation)
+        return;
+    annotation->setContents(newText);
+    reseat(this, annotation);
+    QPointer<DocumentModel> model(this);
+    auto setContents = [model, annotation](const QString &text) {
+        annotation->setContents(text);
+        reseat(model, annotation);
+        count(model);
+    };
+    record({[setContents, oldText] { setContents(oldText); }, [setContents, newText] { setContents(newText); }});
+    changed();
+}
+
+void DocumentModel::applyMarkup(const QString &subtype, const QColor &color)
+{
+    PdfView *view = activePDFView_;
+    if (!view)
+        return;
+    const auto selection = view->currentSelection();
+    if (!selection || selection->string().isEmpty())
+        return;
+    QPointer<DocumentModel> model(this);
+    AnnotationFactory::applyMarkup(subtype, *selection, color,
+                                   [model](const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page) {
+                                       if (model)
+                                           model->addAnnotation(annotation, page, true);
+                                   });
+    view->setCurrentSelection(std::nullopt);
+    setHasTextSelection(false);
+}
+
+void DocumentModel::rotateCurrentPage(int degrees)
+{
+    if (!pdfDocument_ || pdfDocument_->pageCount() == 0)
+        return;
+    if (auto page = pdfDocument_->page(currentPageIndex_)) {
+        int rotation = (page->rotation() + degrees) % 360;
+        if (rotation < 0)
+            rotation += 360;
+        page->setRotation(rotation);
+    }
+    markPageStructureChanged();
+}
+
+void DocumentModel::markPageStructureChanged()
+{
+    setIsDirty(true);
+    setPageMutationCount(pageMutationCount_ + 1);
+    if (!pdfDocument_)
+        return;
+    const int pageCount = pdfDocument_->pageCount();
+    setCurrentPageIndex(std::min(currentPageIndex_, std::max(pageCount - 1, 0)));
+    QSet<int> kept;
+    for (int index : selectedPageIndices_)
+        if (index < pageCount)
+            kept.insert(index);
+    setSelectedPageIndices(kept);
+}

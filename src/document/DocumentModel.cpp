@@ -1,0 +1,236 @@
+#include "DocumentModel.h"
+
+#include "FilePanel.h"
+#include "PdfDocument.h"
+#include "PdfView.h"
+
+#include <QFileInfo>
+#include <QTimer>
+
+DocumentModel::DocumentModel(QObject *parent) : DocumentModel(RecentDocuments(), parent) {}
+
+DocumentModel::DocumentModel(RecentDocuments recent, QObject *parent)
+    : QObject(parent), recentURLs_(recent.list()), recent_(std::move(recent))
+{
+}
+
+DocumentModel::~DocumentModel() = default;
+
+QString DocumentModel::openFailedMessage(const QString &fileName)
+{
+    return tr("Couldn't open ") + fileName + tr(". It may not be a PDF, or the file may be damaged.");
+}
+
+QString DocumentModel::wrongPasswordMessage() { return tr("That password didn't open the file. Check it and try again."); }
+
+QString DocumentModel::saveFailedMessage(const QString &fileName)
+{
+    return tr("Couldn't save changes to ") + fileName
+           + tr(". The file may be locked, or in a folder you don't have permission to change. Use File > Save As to put a "
+                "copy somewhere else.");
+}
+
+QString DocumentModel::saveAsFailedMessage() { return tr("Couldn't save the PDF there. Pick a different folder and try again."); }
+
+// Setters: every write is announced.
+void DocumentModel::setPdfDocument(std::shared_ptr<PdfDocument> document)
+{
+    pdfDocument_ = std::move(document);
+    emit pdfDocumentChanged();
+}
+
+void DocumentModel::setFileURL(const QString &path)
+{
+    fileURL_ = path;
+    emit fileURLChanged();
+}
+
+void DocumentModel::setIsDirty(bool dirty)
+{
+    isDirty_ = dirty;
+    emit isDirtyChanged();
+}
+
+void DocumentModel::setCurrentPageIndex(int index)
+{
+    currentPageIndex_ = index;
+    emit currentPageIndexChanged();
+}
+
+void DocumentModel::setSelectedPageIndices(const QSet<int> &indices)
+{
+    selectedPageIndices_ = indices;
+    emit selectedPageIndicesChanged();
+}
+
+void DocumentModel::setPageMutationCount(int count)
+{
+    pageMutationCount_ = count;
+    emit pageMutationCountChanged();
+}
+
+void DocumentModel::setHasTextSelection(bool selection)
+{
+    hasTextSelection_ = selection;
+    emit hasTextSelectionChanged();
+}
+
+void DocumentModel::setPendingSignatureImage(const QImage &image)
+{
+    pendingSignatureImage_ = image;
+    emit pendingSignatureImageChanged();
+}
+
+void DocumentModel::setSelectedAnnotation(std::shared_ptr<PdfAnnotation> annotation)
+{
+    selectedAnnotation_ = std::move(annotation);
+    emit selectedAnnotationChanged();
+}
+
+void DocumentModel::setHistoryVersion(int version)
+{
+    historyVersion_ = version;
+    emit historyVersionChanged();
+}
+
+void DocumentModel::setRecentURLs(const QStringList &paths)
+{
+    recentURLs_ = paths;
+    emit recentURLsChanged();
+}
+
+void DocumentModel::setErrorMessage(const QString &message)
+{
+    errorMessage_ = message;
+    emit errorMessageChanged();
+}
+
+void DocumentModel::setLockedDocument(std::shared_ptr<PdfDocument> document)
+{
+    lockedDocument_ = std::move(document);
+    emit lockedDocumentChanged();
+}
+
+void DocumentModel::setLockedURL(const QString &path)
+{
+    lockedURL_ = path;
+    emit lockedURLChanged();
+}
+
+QString DocumentModel::displayName() const
+{
+    return fileURL_.isEmpty() ? tr("Untitled") : QFileInfo(fileURL_).fileName();
+}
+
+void DocumentModel::attach(PdfView *pdfView)
+{
+    activePDFView_ = pdfView;
+    disconnect(selectionObserver_);
+    if (!pdfView)
+        return;
+    // The view's selection reaches hasTextSelection one turn of the event loop later.
+    selectionObserver_ = connect(pdfView, &PdfView::selectionChanged, this, [this, view = QPointer<PdfView>(pdfView)] {
+        QTimer::singleShot(0, this, [this, view] {
+            const auto selection = view ? view->currentSelection() : std::nullopt;
+            setHasTextSelection(selection && !selection->string().isEmpty());
+        });
+    });
+}
+
+void DocumentModel::open(const QString &path)
+{
+    auto document = PdfDocument::open(path);
+    if (!document) {
+        setErrorMessage(openFailedMessage(QFileInfo(path).fileName()));
+        return;
+    }
+    if (document->isLocked()) {
+        setLockedDocument(document);
+        setLockedURL(path);
+        return;
+    }
+    finishOpen(document, path);
+}
+
+void DocumentModel::finishOpen(std::shared_ptr<PdfDocument> document, const QString &path)
+{
+    show(std::move(document), path, false);
+    recent_.add(path);
+    setRecentURLs(recent_.list());
+}
+
+// The common start of every document shown: its state begins afresh.
+void DocumentModel::show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty)
+{
+    setPdfDocument(std::move(document));
+    setFileURL(path);
+    setIsDirty(dirty);
+    setCurrentPageIndex(0);
+    setSelectedPageIndices({});
+    setSelectedAnnotation(nullptr);
+    history_.clear();
+    setHistoryVersion(historyVersion_ + 1);
+    setPageMutationCount(pageMutationCount_ + 1);
+}
+
+void DocumentModel::unlockPendingDocument(const QString &password)
+{
+    if (!lockedDocument_ || lockedURL_.isEmpty())
+        return;
+    if (!lockedDocument_->unlock(password)) {
+        setErrorMessage(wrongPasswordMessage());
+        return;
+    }
+    auto document = lockedDocument_;
+    const QString path = lockedURL_;
+    setLockedDocument(nullptr);
+    setLockedURL({});
+    finishOpen(document, path);
+}
+
+void DocumentModel::setDocument(std::shared_ptr<PdfDocument> document, const QString &path)
+{
+    // A document that exists only in memory counts as unsaved.
+    show(std::move(document), path, path.isEmpty());
+}
+
+void DocumentModel::save()
+{
+    if (!pdfDocument_ || fileURL_.isEmpty())
+        return;
+    if (pdfDocument_->write(fileURL_))
+        setIsDirty(false);
+    else
+        setErrorMessage(saveFailedMessage(QFileInfo(fileURL_).fileName()));
+}
+
+void DocumentModel::promptOpen()
+{
+    if (!filePanel_)
+        return;
+    const QStringList chosen = filePanel_->chooseFilesToOpen(FilePanel::Content::Pdf, false);
+    if (!chosen.isEmpty())
+        open(chosen.first());
+}
+
+void DocumentModel::promptSaveAs()
+{
+    if (!pdfDocument_ || !filePanel_)
+        return;
+    const QString proposed = fileURL_.isEmpty() ? tr("Untitled.pdf") : QFileInfo(fileURL_).fileName();
+    const QString chosen = filePanel_->chooseFileToSave(proposed);
+    if (chosen.isEmpty())
+        return;
+    if (pdfDocument_->write(chosen)) {
+        setFileURL(chosen);
+        setIsDirty(false);
+    } else {
+        setErrorMessage(saveAsFailedMessage());
+    }
+}
+
+void DocumentModel::clearRecentDocuments()
+{
+    recent_.clear();
+    setRecentURLs({});
+}

@@ -1,0 +1,153 @@
+// The state of the open document, shared by every view of the application:
+// the document and its file, unsaved changes, the current and selected pages,
+// the selected annotation, the undo history, the recent files, a document
+// waiting for its password and the one error message the window shows.
+//
+// Each published value has a getter, a setter and a <name>Changed signal; a
+// setter announces every write, also one that does not change the value.
+// Operations report failures the user must know about through errorMessage.
+#pragma once
+
+#include "EditHistory.h"
+#include "RecentDocuments.h"
+
+#include <QColor>
+#include <QImage>
+#include <QMetaObject>
+#include <QObject>
+#include <QPointer>
+#include <QRectF>
+#include <QSet>
+#include <QStringList>
+
+#include <memory>
+
+class FilePanel;
+class PdfAnnotation;
+class PdfDocument;
+class PdfPage;
+class PdfView;
+
+class DocumentModel : public QObject {
+    Q_OBJECT
+public:
+    explicit DocumentModel(QObject *parent = nullptr);
+    DocumentModel(RecentDocuments recent, QObject *parent = nullptr);
+    ~DocumentModel() override;
+
+    // Published state.
+    std::shared_ptr<PdfDocument> pdfDocument() const { return pdfDocument_; }
+    void setPdfDocument(std::shared_ptr<PdfDocument> document);
+    // The file the document is saved to; empty when there is none.
+    QString fileURL() const { return fileURL_; }
+    void setFileURL(const QString &path);
+    bool isDirty() const { return isDirty_; }
+    void setIsDirty(bool dirty);
+    int currentPageIndex() const { return currentPageIndex_; }
+    void setCurrentPageIndex(int index);
+    QSet<int> selectedPageIndices() const { return selectedPageIndices_; }
+    void setSelectedPageIndices(const QSet<int> &indices);
+    int pageMutationCount() const { return pageMutationCount_; }
+    void setPageMutationCount(int count);
+    bool hasTextSelection() const { return hasTextSelection_; }
+    void setHasTextSelection(bool selection);
+    QImage pendingSignatureImage() const { return pendingSignatureImage_; }
+    void setPendingSignatureImage(const QImage &image);
+    std::shared_ptr<PdfAnnotation> selectedAnnotation() const { return selectedAnnotation_; }
+    void setSelectedAnnotation(std::shared_ptr<PdfAnnotation> annotation);
+    int historyVersion() const { return historyVersion_; }
+    void setHistoryVersion(int version);
+    QStringList recentURLs() const { return recentURLs_; }
+    void setRecentURLs(const QStringList &paths);
+    // The message the window shows; empty when there is none.
+    QString errorMessage() const { return errorMessage_; }
+    void setErrorMessage(const QString &message);
+    std::shared_ptr<PdfDocument> lockedDocument() const { return lockedDocument_; }
+    void setLockedDocument(std::shared_ptr<PdfDocument> document);
+    QString lockedURL() const { return lockedURL_; }
+    void setLockedURL(const QString &path);
+
+    // The file name of fileURL, or "Untitled".
+    QString displayName() const;
+    QPointer<PdfView> activePDFView() const { return activePDFView_; }
+    EditHistory &history() { return history_; }
+    // The desktop's recent-files list the model reads and adds to.
+    RecentDocuments &recentDocuments() { return recent_; }
+    // Where the file choosers come from; the application sets the real one.
+    void setFilePanel(std::shared_ptr<FilePanel> panel) { filePanel_ = std::move(panel); }
+    std::shared_ptr<FilePanel> filePanel() const { return filePanel_; }
+
+    // Document operations.
+    void attach(PdfView *pdfView);
+    void open(const QString &path);
+    void unlockPendingDocument(const QString &password);
+    void setDocument(std::shared_ptr<PdfDocument> document, const QString &path);
+    void save();
+    void promptOpen();
+    void promptSaveAs();
+    // Empties this application's entries of the recent-files list ("Clear Menu").
+    void clearRecentDocuments();
+
+    // Annotation and page mutations; each annotation change is one undoable step.
+    void addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page, bool recordUndo);
+    void removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
+    void setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
+    void commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
+                              const QRectF &newBounds, const QRectF &oldBounds);
+    void setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText, const QString &oldText);
+    void applyMarkup(const QString &subtype, const QColor &color);
+    void rotateCurrentPage(int degrees);
+    void markPageStructureChanged();
+
+    // The user-visible messages.
+    static QString openFailedMessage(const QString &fileName);
+    static QString wrongPasswordMessage();
+    static QString saveFailedMessage(const QString &fileName);
+    static QString saveAsFailedMessage();
+
+signals:
+    void pdfDocumentChanged();
+    void fileURLChanged();
+    void isDirtyChanged();
+    void currentPageIndexChanged();
+    void selectedPageIndicesChanged();
+    void pageMutationCountChanged();
+    void hasTextSelectionChanged();
+    void pendingSignatureImageChanged();
+    void selectedAnnotationChanged();
+    void historyVersionChanged();
+    void recentURLsChanged();
+    void errorMessageChanged();
+    void lockedDocumentChanged();
+    void lockedURLChanged();
+
+private:
+    void finishOpen(std::shared_ptr<PdfDocument> document, const QString &path);
+    void show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty);
+    void deselectIfSelected(const std::shared_ptr<PdfAnnotation> &annotation);
+    void record(EditHistory::Edit edit);
+    void recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
+    void changed();
+    void updateTextSelection();
+
+    std::shared_ptr<PdfDocument> pdfDocument_;
+    QString fileURL_;
+    bool isDirty_ = false;
+    int currentPageIndex_ = 0;
+    QSet<int> selectedPageIndices_;
+    int pageMutationCount_ = 0;
+    bool hasTextSelection_ = false;
+    QImage pendingSignatureImage_;
+    std::shared_ptr<PdfAnnotation> selectedAnnotation_;
+    int historyVersion_ = 0;
+    QStringList recentURLs_;
+    QString errorMessage_;
+    std::shared_ptr<PdfDocument> lockedDocument_;
+    QString lockedURL_;
+
+    QPointer<PdfView> activePDFView_;
+    QMetaObject::Connection selectionObserver_;
+    EditHistory history_;
+    RecentDocuments recent_;
+    std::shared_ptr<FilePanel> filePanel_;
+};

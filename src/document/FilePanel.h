@@ -1,0 +1,19 @@
+// The file choosers the system shows, behind one small interface so that
+// tests can script the user's answers instead of showing real dialogs.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+class FilePanel {
+public:
+    enum class Content { Pdf, Image };
+
+    virtual ~FilePanel() = default;
+    // Existing files of one content type; empty when the user cancels.
+    virtual QStringList chooseFilesToOpen(Content content, bool multiple) = 0;
+    // Where to write a PDF, proposing a file name; empty when the user cancels.
+    virtual QString chooseFileToSave(const QString &proposedName) = 0;
+    // A folder to write into; empty when the user cancels.
+    virtual QString chooseFolder() = 0;
+};

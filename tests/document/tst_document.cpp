@@ -1,0 +1,510 @@
+#include "ActAsNobody.h"
+#include "DocumentModel.h"
+#include "FixtureBuilder.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+#include "ScriptedFilePanel.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+std::shared_ptr<PdfAnnotation> box(QRectF bounds = {100, 100, 50, 50})
+{
+    auto a = PdfAnnotation::create(bounds, PdfAnnotation::Square);
+    a->setColor(Qt::red);
+    a->setBorderWidth(2);
+    return a;
+}
+
+// What the Undo and Redo commands do around the history.
+void undoCommand(DocumentModel &model)
+{
+    model.history().performUndo();
+    model.setIsDirty(true);
+    model.setHistoryVersion(model.historyVersion() + 1);
+}
+
+void redoCommand(DocumentModel &model)
+{
+    model.history().performRedo();
+    model.setIsDirty(true);
+    model.setHistoryVersion(model.historyVersion() + 1);
+}
+
+} // namespace
+
+class TestDocumentModel : public QObject {
+    Q_OBJECT
+private slots:
+    void init();
+    void openingFailuresLeaveTheOpenDocument();
+    void passwordProtectedFiles();
+    void adoptingAndSaving();
+    void saveAsAndThePanels();
+    void everyWriteIsAnnounced();
+    void undoAndRedoSequences();
+    void undoOfAChangeOnADeletedPage();
+    void mutationsAndTheSelection();
+    void markupFromTheViewSelection();
+    void textSelectionFollowsTheAttachedView();
+    void pageStructureChanges();
+
+private:
+    QString fixture(const QString &name, int pages = 3);
+    QTemporaryDir dir_;
+    std::unique_ptr<DocumentModel> model_;
+    std::shared_ptr<ScriptedFilePanel> panel_;
+    QString recentStore_;
+    int run_ = 0;
+};
+
+QString TestDocumentModel::fixture(const QString &name, int pages) { return fixtures::numberedFile(dir_.path(), name, pages); }
+
+void TestDocumentModel::init()
+{
+    recentStore_ = dir_.filePath(QString("recently-used-%1.xbel").arg(++run_));
+    model_ = std::make_unique<DocumentModel>(RecentDocuments(recentStore_));
+    panel_ = std::make_shared<ScriptedFilePanel>();
+    model_->setFilePanel(panel_);
+}
+
+void TestDocumentModel::openingFailuresLeaveTheOpenDocument()
+{
+    DocumentModel &m = *model_;
+    QCOMPARE(m.displayName(), QString("Untitled"));
+    const QString first = fixture("Report.pdf");
+    m.open(first);
+    QVERIFY(m.pdfDocument());
+    QCOMPARE(m.fileURL(), first);
+    QCOMPARE(m.displayName(), QString("Report.pdf"));
+    QCOMPARE(m.recentURLs(), QStringList{first});
+    m.addAnnotation(box(), m.pdfDocument()->page(0), true);
+    const auto open = m.pdfDocument();
+
+    QVERIFY(fixtures::writeFile(dir_.filePath("notes.txt"), "hello"));
+    m.open(dir_.filePath("notes.txt"));
+    QCOMPARE(m.errorMessage(), QString("Couldn't open notes.txt. It may not be a PDF, or the file may be damaged."));
+    QVERIFY(fixtures::writeDamaged(dir_.filePath("broken.pdf")));
+    m.open(dir_.filePath("broken.pdf"));
+    QCOMPARE(m.errorMessage(), QString("Couldn't open broken.pdf. It may not be a PDF, or the file may be damaged."));
+    QCOMPARE(m.pdfDocument(), open);
+    QCOMPARE(m.fileURL(), first);
+    QVERIFY(m.isDirty());
+    QCOMPARE(m.history().undoStack().size(), size_t(1));
+    QCOMPARE(m.recentURLs(), QStringList{first});
+}
+
+void TestDocumentModel::passwordProtectedFiles()
+{
+    DocumentModel &m = *model_;
+    const QString plain = fixture("plain.pdf");
+    m.open(plain);
+    m.addAnnotation(box(), m.pdfDocument()->page(0), true);
+    m.setCurrentPageIndex(2);
+    const auto shown = m.pdfDocument();
+    const int mutations = m.pageMutationCount();
+
+    const QString locked = dir_.filePath("Locked.pdf");
+    QVERIFY(fixtures::writeEncrypted(locked, fixtures::numberedPages(2), "sesame"));
+    m.open(locked);
+    QVERIFY(m.lockedDocument());
+    QCOMPARE(m.lockedURL(), locked);
+    QCOMPARE(m.pdfDocument(), shown); // still shown until the password is accepted
+    QCOMPARE(m.fileURL(), plain);
+
+    m.unlockPendingDocument("wrong");
+    QCOMPARE(m.errorMessage(), QString("That password didn't open the file. Check it and try again."));
+    QVERIFY(m.lockedDocument());
+    QCOMPARE(m.lockedURL(), locked);
+    QCOMPARE(m.pdfDocument(), shown);
+
+    m.setErrorMessage({});
+    m.unlockPendingDocument("sesame");
+    QVERIFY(!m.lockedDocument());
+    QVERIFY(m.lockedURL().isEmpty());
+    QVERIFY(m.errorMessage().isEmpty());
+    QCOMPARE(m.fileURL(), locked);
+    QCOMPARE(m.pdfDocument()->pageCount(), 2);
+    QCOMPARE(m.currentPageIndex(), 0);
+    QVERIFY(!m.isDirty());
+    QVERIFY(m.history().undoStack().empty());
+    QCOMPARE(m.pageMutationCount(), mutations + 1);
+    QCOMPARE(m.recentURLs().value(0), locked);
+
+    m.unlockPendingDocument("sesame"); // nothing pending: nothing happens
+    QCOMPARE(m.fileURL(), locked);
+}
+
+void TestDocumentModel::adoptingAndSaving()
+{
+    DocumentModel &m = *model_;
+    auto built = PdfDocument::create();
+    QVERIFY(built->insert(PdfDocument::open(fixture("source.pdf"))->page(0)->copy(), 0));
+    m.setDocument(built, {});
+    QVERIFY(m.isDirty());
+    QCOMPARE(m.displayName(), QString("Untitled"));
+    m.save(); // no file: nothing, and no message
+    QVERIFY(m.isDirty());
+    QVERIFY(m.errorMessage().isEmpty());
+    QVERIFY(m.recentURLs().isEmpty()); // adopting does not touch the recent files
+
+    const QString merged = dir_.filePath("Merged.pdf");
+    QVERIFY(built->write(merged));
+    m.setDocument(built, merged);
+    QVERIFY(!m.isDirty());
+    m.addAnnotation(box(), built->page(0), true);
+    m.save();
+    QVERIFY(!m.isDirty());
+    QCOMPARE(m.history().undoStack().size(), size_t(1)); // saving keeps the history
+    QCOMPARE(PdfDocument::open(merged)->page(0)->annotations().size(), size_t(1));
+
+    // A folder the user may not change: the message names the file, the file stays.
+    QTemporaryDir locked;
+    QFile::setPermissions(locked.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                             | QFileDevice::ReadOther | QFileDevice::ExeOther);
+    const QString report = locked.filePath("Report.pdf");
+    QVERIFY(fixtures::writePdf(report, fixtures::numberedPages(1)));
+    QFile::setPermissions(report, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther);
+    m.open(report);
+    m.addAnnotation(box(), m.pdfDocument()->page(0), true);
+    const QByteArray before = [&] {
+        QFile f(report);
+        f.open(QIODevice::ReadOnly);
+        return f.readAll();
+    }();
+    {
+        ActAsNobody nobody;
+        QVERIFY(nobody.ok());
+        m.save();
+    }
+    QCOMPARE(m.errorMessage(), QString("Couldn't save changes to Report.pdf. The file may be locked, or in a folder you don't "
+                                       "have permission to change. Use File > Save As to put a copy somewhere else."));
+    QVERIFY(m.isDirty());
+    QFile f(report);
+    QVERIFY(f.open(QIODevice::ReadOnly));
+    QCOMPARE(f.readAll(), before);
+}
+
+void TestDocumentModel::saveAsAndThePanels()
+{
+    DocumentModel &m = *model_;
+    m.promptSaveAs(); // no document: no panel
+    QVERIFY(panel_->requests.empty());
+
+    panel_->openAnswers.push_back({fixture("Chosen.pdf")});
+    m.promptOpen();
+    QCOMPARE(panel_->requests.size(), size_t(1));
+    QCOMPARE(panel_->requests[0].content, FilePanel::Content::Pdf);
+    QVERIFY(!panel_->requests[0].multiple);
+    QCOMPARE(m.displayName(), QString("Chosen.pdf"));
+    m.promptOpen(); // cancelled
+    QCOMPARE(m.displayName(), QString("Chosen.pdf"));
+
+    m.addAnnotation(box(), m.pdfDocument()->page(0), true);
+    panel_->saveAnswers.push_back(dir_.filePath("no-such-folder/Copy.pdf"));
+    m.promptSaveAs();
+    QCOMPARE(panel_->requests.back().proposedName, QString("Chosen.pdf"));
+    QCOMPARE(m.errorMessage(), QString("Couldn't save the PDF there. Pick a different folder and try again."));
+    QCOMPARE(m.fileURL(), fixture("Chosen.pdf"));
+    QVERIFY(m.isDirty());
+
+    m.promptSaveAs(); // cancelled: nothing
+    QCOMPARE(m.fileURL(), fixture("Chosen.pdf"));
+    panel_->saveAnswers.push_back(dir_.filePath("Copy.pdf"));
+    m.promptSaveAs();
+    QCOMPARE(m.fileURL(), dir_.filePath("Copy.pdf"));
+    QVERIFY(!m.isDirty());
+    QCOMPARE(m.recentURLs(), QStringList{fixture("Chosen.pdf")}); // save-as adds no recent entry
+
+    m.setDocument(PdfDocument::create(), {});
+    m.promptSaveAs();
+    QCOMPARE(panel_->requests.back().proposedName, QString("Untitled.pdf"));
+
+    m.clearRecentDocuments();
+    QVERIFY(m.recentURLs().isEmpty());
+    QVERIFY(RecentDocuments(recentStore_).list().isEmpty());
+}
+
+void TestDocumentModel::everyWriteIsAnnounced()
+{
+    DocumentModel &m = *model_;
+    QSignalSpy dirty(&m, &DocumentModel::isDirtyChanged);
+    QSignalSpy page(&m, &DocumentModel::currentPageIndexChanged);
+    QSignalSpy error(&m, &DocumentModel::errorMessageChanged);
+    m.setIsDirty(false);
+    m.setIsDirty(false);
+    m.setCurrentPageIndex(0);
+    m.setErrorMessage({});
+    QCOMPARE(dirty.count(), 2);
+    QCOMPARE(page.count(), 1);
+    QCOMPARE(error.count(), 1);
+}
+
+void TestDocumentModel::undoAndRedoSequences()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("edits.pdf"));
+    auto page = m.pdfDocument()->page(0);
+    undoCommand(m); // nothing to undo
+    QVERIFY(m.history().undoStack().empty() && m.history().redoStack().empty());
+
+    auto a = box({10, 10, 20, 20}), b = box({50, 50, 20, 20}), c = box({90, 90, 20, 20});
+    const int version = m.historyVersion();
+    m.addAnnotation(a, page, true);
+    m.addAnnotation(b, page, true);
+    QCOMPARE(m.historyVersion(), version + 2);
+    undoCommand(m);
+    QCOMPARE(m.historyVersion(), version + 4); // once in the action, once in the command
+    undoCommand(m);
+    redoCommand(m);
+    QCOMPARE(m.history().undoStack().size(), size_t(1));
+    QCOMPARE(m.history().redoStack().size(), size_t(1));
+    QCOMPARE(a->page(), page);
+    QVERIFY(!b->page());
+
+    m.addAnnotation(c, page, true); // a new change empties the redo list
+    QVERIFY(m.history().redoStack().empty());
+    QCOMPARE(page->annotations(), (std::vector<std::shared_ptr<PdfAnnotation>>{a, c}));
+
+    // Saved, then undone back to the saved state: still unsaved.
+    m.save();
+    QVERIFY(!m.isDirty());
+    undoCommand(m);
+    QVERIFY(m.isDirty());
+
+    // A thousand nudges, all undoable, back to the very first rectangle.
+    const QRectF start = a->bounds();
+    for (int i = 0; i < 1000; ++i) {
+        const QRectF old = a->bounds();
+        m.setAnnotationBounds(a, old.translated(1, 0), old);
+    }
+    QCOMPARE(a->bounds(), start.translated(1000, 0));
+    for (int i = 0; i < 1000; ++i)
+        undoCommand(m);
+    QCOMPARE(a->bounds(), start);
+    QCOMPARE(m.history().redoStack().size(), size_t(1000));
+    redoCommand(m);
+    QCOMPARE(a->bounds(), start.translated(1, 0));
+}
+
+void TestDocumentModel::undoOfAChangeOnADeletedPage()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("pages.pdf", 3));
+    auto doc = m.pdfDocument();
+    auto page = doc->page(1);
+    auto a = box();
+    m.addAnnotation(a, page, true);
+    QVERIFY(doc->removePage(1));
+    m.markPageStructureChanged();
+    m.setIsDirty(false);
+    undoCommand(m);
+    QVERIFY(m.isDirty());
+    QCOMPARE(m.history().redoStack().size(), size_t(1));
+    QVERIFY(!a->page());
+    QCOMPARE(doc->pageCount(), 2);
+    for (int i = 0; i < doc->pageCount(); ++i)
+        QVERIFY(doc->page(i)->annotations().empty());
+    redoCommand(m);
+    QCOMPARE(a->page(), page); // back on the detached page, not on the document
+    QVERIFY(!page->document());
+}
+
+void TestDocumentModel::mutationsAndTheSelection()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("mutations.pdf"));
+    auto page = m.pdfDocument()->page(0);
+    auto a = box({10, 10, 20, 20}), b = box({200, 200, 30, 30});
+    m.addAnnotation(a, page, true);
+    m.addAnnotation(b, page, true);
+
+    m.setSelectedAnnotation(a);
+    m.removeAnnotation(a);
+    QVERIFY(!m.selectedAnnotation());
+    QVERIFY(!a->page());
+    undoCommand(m);
+    QCOMPARE(a->page(), page);
+    QVERIFY(!m.selectedAnnotation());
+    redoCommand(m);
+    QVERIFY(!a->page());
+
+    // Removing an annotation that is on no page records nothing.
+    const size_t records = m.history().undoStack().size();
+    m.setIsDirty(false);
+    m.removeAnnotation(a);
+    QCOMPARE(m.history().undoStack().size(), records);
+    QVERIFY(!m.isDirty());
+
+    // Changed bounds or text put the annotation on top; undo restores exactly.
+    undoCommand(m);
+    m.addAnnotation(box({300, 300, 10, 10}), page, true);
+    m.setAnnotationBounds(a, {12.5, 10, 20, 20}, {10, 10, 20, 20});
+    QCOMPARE(page->annotations().back(), a);
+    undoCommand(m);
+    QCOMPARE(a->bounds(), QRectF(10, 10, 20, 20));
+    redoCommand(m);
+    QCOMPARE(a->bounds(), QRectF(12.5, 10, 20, 20));
+
+    auto text = PdfAnnotation::create({100, 400, 200, 30}, PdfAnnotation::FreeText);
+    text->setContents("before");
+    m.addAnnotation(text, page, true);
+    text->setContents("after");
+    m.setAnnotationContents(text, "after", "before");
+    m.addAnnotation(box({0, 0, 5, 5}), page, true);
+    undoCommand(m);
+    undoCommand(m);
+    QCOMPARE(text->contents(), QString("before"));
+    QCOMPARE(page->annotations().back(), text);
+
+    // A drag that took the annotation off its page puts it back where it took place.
+    page->removeAnnotation(b);
+    m.commitAnnotationDrag(b, page, {220, 220, 30, 30}, {200, 200, 30, 30});
+    QCOMPARE(b->page(), page);
+    QCOMPARE(b->bounds(), QRectF(220, 220, 30, 30));
+    undoCommand(m);
+    QCOMPARE(b->bounds(), QRectF(200, 200, 30, 30));
+    QCOMPARE(page->annotations().back(), b);
+
+    // Added without recording: unsaved, counted, not undoable.
+    const size_t before = m.history().undoStack().size();
+    const int version = m.historyVersion();
+    m.setIsDirty(false);
+    m.addAnnotation(box(), page, false);
+    QVERIFY(m.isDirty());
+    QCOMPARE(m.historyVersion(), version + 1);
+    QCOMPARE(m.history().undoStack().size(), before);
+}
+
+void TestDocumentModel::markupFromTheViewSelection()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("markup.pdf", 2));
+    PdfView view;
+    view.resize(600, 800);
+    view.setDocument(m.pdfDocument());
+    m.attach(&view);
+    auto p0 = m.pdfDocument()->page(0), p1 = m.pdfDocument()->page(1);
+
+    // Two lines on one page: one highlight with eight points.
+    view.setCurrentSelection(PdfSelection::between(p0, {71, 683}, p0, {300, 667}));
+    m.setHasTextSelection(true);
+    m.applyMarkup(PdfAnnotation::Highlight, QColor(255, 255, 0, 128));
+    QCOMPARE(p0->annotations().size(), size_t(1));
+    const auto highlight = p0->annotations().front();
+    QCOMPARE(highlight->type(), PdfAnnotation::Highlight);
+    QCOMPARE(highlight->quadrilateralPoints().size(), 8);
+    QCOMPARE(highlight->color().alpha(), 128);
+    const QRectF u = highlight->bounds();
+    const auto q = highlight->quadrilateralPoints();
+    QVERIFY(q[0].y() > q[2].y() && q[1].x() > q[0].x()); // upper left, upper right, lower left
+    QVERIFY(std::abs(q[0].y() - u.height()) < 0.01 && std::abs(q[6].y()) < 0.01);
+    QVERIFY(!view.currentSelection());
+    QVERIFY(!m.hasTextSelection());
+
+    // Over a page break: one per page, two undo steps.
+    const size_t records = m.history().undoStack().size();
+    view.setCurrentSelection(PdfSelection::between(p0, {71, 651}, p1, {200, 725}));
+    m.applyMarkup(PdfAnnotation::Underline, Qt::blue);
+    QCOMPARE(m.history().undoStack().size(), records + 2);
+    QCOMPARE(p0->annotations().size(), size_t(2));
+    QCOMPARE(p1->annotations().size(), size_t(1));
+    QCOMPARE(p1->annotations().front()->quadrilateralPoints().size(), 4);
+
+    // No selection, or no view: nothing.
+    m.applyMarkup(PdfAnnotation::StrikeOut, Qt::red);
+    QCOMPARE(m.history().undoStack().size(), records + 2);
+    view.setCurrentSelection(PdfSelection::between(p0, {400, 300}, p0, {500, 200})); // no text there
+    m.applyMarkup(PdfAnnotation::StrikeOut, Qt::red);
+    QCOMPARE(m.history().undoStack().size(), records + 2);
+}
+
+void TestDocumentModel::textSelectionFollowsTheAttachedView()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("selection.pdf", 1));
+    PdfView first, second;
+    first.setDocument(m.pdfDocument());
+    second.setDocument(m.pdfDocument());
+    auto page = m.pdfDocument()->page(0);
+    const PdfSelection words = PdfSelection::between(page, {71, 683}, page, {200, 683});
+
+    m.attach(&first);
+    first.setCurrentSelection(words);
+    QVERIFY(!m.hasTextSelection()); // one turn of the event loop later
+    QTRY_VERIFY(m.hasTextSelection());
+    first.setCurrentSelection(std::nullopt);
+    QTRY_VERIFY(!m.hasTextSelection());
+
+    m.attach(&second);
+    first.setCurrentSelection(words);
+    QTest::qWait(20);
+    QVERIFY(!m.hasTextSelection()); // only the attached view counts
+    second.setCurrentSelection(words);
+    QTRY_VERIFY(m.hasTextSelection());
+    QCOMPARE(m.activePDFView().data(), &second);
+}
+
+void TestDocumentModel::pageStructureChanges()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("five.pdf", 5));
+    auto doc = m.pdfDocument();
+    int mutations = m.pageMutationCount();
+    const size_t records = m.history().undoStack().size();
+
+    m.rotateCurrentPage(-90);
+    QCOMPARE(doc->page(0)->rotation(), 270);
+    for (int i = 0; i < 4; ++i)
+        m.rotateCurrentPage(90);
+    QCOMPARE(doc->page(0)->rotation(), 270);
+    m.rotateCurrentPage(90);
+    QCOMPARE(doc->page(0)->rotation(), 0);
+    QCOMPARE(m.pageMutationCount(), mutations + 6);
+    QVERIFY(m.isDirty());
+    QCOMPARE(m.history().undoStack().size(), records);
+
+    m.setCurrentPageIndex(4);
+    m.setSelectedPageIndices({1, 4});
+    QVERIFY(doc->removePage(4));
+    QSignalSpy current(&m, &DocumentModel::currentPageIndexChanged);
+    m.markPageStructureChanged();
+    QCOMPARE(m.currentPageIndex(), 3);
+    QCOMPARE(m.selectedPageIndices(), QSet<int>{1});
+    m.markPageStructureChanged(); // written again even when unchanged
+    QCOMPARE(current.count(), 2);
+
+    m.setCurrentPageIndex(-2);
+    m.setSelectedPageIndices({-1, 2});
+    m.markPageStructureChanged();
+    QCOMPARE(m.currentPageIndex(), -2);
+    QCOMPARE(m.selectedPageIndices(), (QSet<int>{-1, 2}));
+
+    m.setCurrentPageIndex(7); // a stale index: no rotation, still announced
+    mutations = m.pageMutationCount();
+    m.rotateCurrentPage(90);
+    QCOMPARE(m.pageMutationCount(), mutations + 1);
+    QCOMPARE(m.currentPageIndex(), 3);
+
+    while (doc->pageCount() > 0)
+        doc->removePage(0);
+    m.setCurrentPageIndex(3);
+    m.markPageStructureChanged();
+    QCOMPARE(m.currentPageIndex(), 0);
+    mutations = m.pageMutationCount();
+    m.rotateCurrentPage(90); // no pages: nothing
+    QCOMPARE(m.pageMutationCount(), mutations);
+}
+
+int runDocumentModelTests(int argc, char **argv)
+{
+    TestDocumentModel test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_document.moc"

@@ -1,0 +1,51 @@
+// A file panel for tests: it answers with scripted choices instead of showing
+// a dialog, and remembers what it was asked.
+#pragma once
+
+#include "FilePanel.h"
+
+#include <deque>
+#include <vector>
+
+class ScriptedFilePanel : public FilePanel {
+public:
+    struct Request {
+        enum class Kind { Open, Save, Folder } kind;
+        Content content = Content::Pdf;
+        bool multiple = false;
+        QString proposedName;
+    };
+
+    // Answers given in order; an empty answer (or none left) is a cancel.
+    std::deque<QStringList> openAnswers;
+    std::deque<QString> saveAnswers;
+    std::deque<QString> folderAnswers;
+    std::vector<Request> requests;
+
+    QStringList chooseFilesToOpen(Content content, bool multiple) override
+    {
+        requests.push_back({Request::Kind::Open, content, multiple, {}});
+        return next(openAnswers);
+    }
+    QString chooseFileToSave(const QString &proposedName) override
+    {
+        requests.push_back({Request::Kind::Save, Content::Pdf, false, proposedName});
+        return next(saveAnswers);
+    }
+    QString chooseFolder() override
+    {
+        requests.push_back({Request::Kind::Folder, Content::Pdf, false, {}});
+        return next(folderAnswers);
+    }
+
+private:
+    template <class T>
+    static T next(std::deque<T> &answers)
+    {
+        if (answers.empty())
+            return T();
+        T answer = answers.front();
+        answers.pop_front();
+        return answer;
+    }
+};

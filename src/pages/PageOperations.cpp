@@ -1,0 +1,184 @@
+#include "PageOperations.h"
+
+#include "PdfDocument.h"
+#include "PdfPage.h"
+
+#include <algorithm>
+
+namespace PageOperations {
+namespace {
+
+bool goOn(const Progress &progress, qint64 done, qint64 total)
+{
+    return !progress || progress(done, total);
+}
+
+// Places a fresh copy of `page` at `at`; false when there is no page or the
+// engine cannot place the copy.
+bool placeCopy(const std::shared_ptr<PdfPage> &page, PdfDocument &into, qint64 at)
+{
+    if (!page)
+        return false;
+    auto copy = page->copy();
+    return copy && into.insert(copy, int(at));
+}
+
+std::shared_ptr<PdfPage> pageAt(const std::shared_ptr<PdfDocument> &document, qint64 index)
+{
+    if (!document || index < 0 || index >= document->pageCount())
+        return nullptr;
+    return document->page(int(index));
+}
+
+// A new document holding copies of `pages` in their order, pages that cannot
+// be copied left out; null when the progress report says stop. The copies go
+// in from the last to the first, each at the front: finding the place for a
+// page costs the engine a walk along the page list up to it, so appending
+// one by one would make building a long document quadratic in its length.
+std::shared_ptr<PdfDocument> build(const std::vector<std::shared_ptr<PdfPage>> &pages, const Progress &progress, qint64 &done,
+                                   qint64 total)
+{
+    auto result = PdfDocument::create();
+    if (!result)
+        return nullptr;
+    for (auto it = pages.rbegin(); it != pages.rend(); ++it) {
+        placeCopy(*it, *result, 0);
+        if (!goOn(progress, ++done, total))
+            return nullptr;
+    }
+    return result;
+}
+
+} // namespace
+
+std::shared_ptr<PdfDocument> merge(const std::vector<std::shared_ptr<PdfDocument>> &documents, const Progress &progress)
+{
+    std::vector<std::shared_ptr<PdfPage>> pages;
+    for (const auto &document : documents)
+        for (int i = 0; document && i < document->pageCount(); ++i)
+            pages.push_back(document->page(i));
+    qint64 done = 0;
+    return build(pages, progress, done, qint64(pages.size()));
+}
+
+std::vector<std::shared_ptr<PdfDocument>> splitEveryPage(const std::shared_ptr<PdfDocument> &document, const Progress &progress)
+{
+    std::vector<std::shared_ptr<PdfDocument>> result;
+    const int count = document ? document->pageCount() : 0;
+    for (int i = 0; i < count; ++i) {
+        auto single = PdfDocument::create();
+        if (single && placeCopy(document->page(i), *single, 0))
+            result.push_back(single);
+        if (!goOn(progress, i + 1, count))
+            return {};
+    }
+    return result;
+}
+
+std::vector<std::shared_ptr<PdfDocument>> splitByRanges(const std::shared_ptr<PdfDocument> &document,
+                                                        const std::vector<PageRange> &ranges, const Progress &progress)
+{
+    // Indices outside the document yield no page, so only those inside are visited.
+    const qint64 count = document ? document->pageCount() : 0;
+    std::vector<std::vector<std::shared_ptr<PdfPage>>> parts;
+    qint64 total = 0;
+    for (const auto &range : ranges) {
+        parts.emplace_back();
+        for (qint64 i = std::max<qint64>(range.lower, 0); i <= std::min<qint64>(range.upper, count - 1); ++i)
+            parts.back().push_back(document->page(int(i)));
+        total += qint64(parts.back().size());
+    }
+    std::vector<std::shared_ptr<PdfDocument>> result;
+    qint64 done = 0;
+    for (const auto &pages : parts) {
+        // Every range gives its document, also one whose pages were all skipped.
+        auto part = build(pages, progress, done, total);
+        if (!part)
+            return {};
+        result.push_back(part);
+    }
+    return result;
+}
+
+std::shared_ptr<PdfDocument> extractPages(const std::shared_ptr<PdfDocument> &document, const std::vector<qint64> &indices,
+                                          const Progress &progress)
+{
+    std::vector<qint64> sorted = indices;
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<std::shared_ptr<PdfPage>> pages;
+    for (qint64 index : sorted)
+        pages.push_back(pageAt(document, index));
+    qint64 done = 0;
+    return build(pages, progress, done, qint64(pages.size()));
+}
+
+bool insertPages(const std::shared_ptr<PdfDocument> &source, const std::shared_ptr<PdfDocument> &destination, qint64 at,
+                 const Progress &progress)
+{
+    if (!source || !destination)
+        return true;
+    // Taken first, so that inserting a document into itself copies its pages as they were.
+    std::vector<std::shared_ptr<PdfPage>> pages;
+    for (int i = 0; i < source->pageCount(); ++i)
+        pages.push_back(source->page(i));
+    const qint64 start = std::clamp<qint64>(at, 0, destination->pageCount());
+    qint64 placed = 0, done = 0;
+    for (const auto &page : pages) {
+        if (placeCopy(page, *destination, start + placed))
+            ++placed;
+        if (!goOn(progress, ++done, qint64(pages.size()))) {
+            while (placed-- > 0)
+                destination->removePage(int(start));
+            return false;
+        }
+    }
+    return true;
+}
+
+std::vector<qint64> movedOrder(qint64 count, const std::set<qint64> &offsets, qint64 toOffset)
+{
+    std::vector<qint64> before, moved, after;
+    for (qint64 i = 0; i < count; ++i) {
+        if (offsets.count(i))
+            moved.push_back(i);
+        else
+            (i < toOffset ? before : after).push_back(i);
+    }
+    before.insert(before.end(), moved.begin(), moved.end());
+    before.insert(before.end(), after.begin(), after.end());
+    return before;
+}
+
+void movePages(const std::shared_ptr<PdfDocument> &document, const std::set<qint64> &offsets, qint64 toOffset)
+{
+    if (!document)
+        return;
+    const int count = document->pageCount();
+    const qint64 gap = std::clamp<qint64>(toOffset, 0, count);
+    std::vector<std::shared_ptr<PdfPage>> moving;
+    qint64 movingBeforeGap = 0;
+    for (qint64 index : offsets) {
+        if (index < 0 || index >= count)
+            continue;
+        moving.push_back(document->page(int(index)));
+        movingBeforeGap += index < gap ? 1 : 0;
+    }
+    // Taking out only the moved pages and putting them back into the gap
+    // gives the order of the move rule, at a cost that follows the number of
+    // pages moved rather than the length of the document.
+    const qint64 start = gap - movingBeforeGap;
+    bool inPlace = true;
+    for (size_t k = 0; k < moving.size(); ++k)
+        inPlace = inPlace && moving[k]->index() == start + qint64(k);
+    if (inPlace)
+        return;
+    for (auto it = offsets.rbegin(); it != offsets.rend(); ++it)
+        if (*it >= 0 && *it < count)
+            document->removePage(int(*it));
+    qint64 at = start;
+    for (const auto &page : moving)
+        if (page && document->insert(page, int(at)))
+            ++at;
+}
+
+} // namespace PageOperations

@@ -1,0 +1,138 @@
+#include "CommandMenu.h"
+
+#include "DocumentModel.h"
+#include "PdfView.h"
+
+#include <QApplication>
+#include <QFileInfo>
+#include <QMainWindow>
+#include <QMenuBar>
+#include <QToolBar>
+
+CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindowAction)
+    : QObject(window), model_(model), newWindow_(std::move(newWindowAction))
+{
+    QMenuBar *bar = window->menuBar();
+    QMenu *file = bar->addMenu(tr("&File"));
+    newWindow = add(file, tr("New Window"), {QKeySequence(QKeySequence::New)}, &CommandMenu::performNewWindow);
+    open = add(file, tr("Open..."), {QKeySequence(QKeySequence::Open)}, &CommandMenu::performOpen);
+    openRecent = file->addMenu(tr("Open Recent"));
+    connect(openRecent, &QMenu::aboutToShow, this, &CommandMenu::rebuildRecent);
+    file->addSeparator();
+    save = add(file, tr("Save"), {QKeySequence(QKeySequence::Save)}, &CommandMenu::performSave);
+    // Some desktops define no standard key for Save As or Redo: bind them here.
+    saveAs = add(file, tr("Save As…"), {QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S)}, &CommandMenu::performSaveAs);
+    file->addSeparator();
+    quit = add(file, tr("Quit"), {QKeySequence(Qt::CTRL | Qt::Key_Q)}, &CommandMenu::performQuit);
+
+    QMenu *edit = bar->addMenu(tr("&Edit"));
+    undo = add(edit, tr("Undo"), {QKeySequence(Qt::CTRL | Qt::Key_Z)}, &CommandMenu::performUndo);
+    redo = add(edit, tr("Redo"), {QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z)}, &CommandMenu::performRedo);
+    edit->addSeparator();
+    deleteSelection = add(edit, tr("Delete Selection"), {QKeySequence(Qt::Key_Backspace), QKeySequence(Qt::Key_Delete)},
+                          &CommandMenu::performDelete);
+
+    QMenu *view = bar->addMenu(tr("&View"));
+    for (QToolBar *toolBar : window->findChildren<QToolBar *>())
+        view->addAction(toolBar->toggleViewAction());
+    view->addSeparator();
+    actualSize = add(view, tr("Actual Size"), {QKeySequence(Qt::CTRL | Qt::Key_0)}, &CommandMenu::performActualSize);
+    zoomIn = add(view, tr("Zoom In"), {QKeySequence(Qt::CTRL | Qt::Key_Equal), QKeySequence(Qt::CTRL | Qt::Key_Plus)},
+                 &CommandMenu::performZoomIn);
+    zoomOut = add(view, tr("Zoom Out"), {QKeySequence(Qt::CTRL | Qt::Key_Minus)}, &CommandMenu::performZoomOut);
+
+    for (auto signal : {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
+                        &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged,
+                        &DocumentModel::recentURLsChanged})
+        connect(model_, signal, this, &CommandMenu::update);
+    connect(model_, &DocumentModel::recentURLsChanged, this, &CommandMenu::rebuildRecent);
+    rebuildRecent();
+    update();
+}
+
+QAction *CommandMenu::add(QMenu *menu, const QString &title, const QList<QKeySequence> &keys, void (CommandMenu::*slot)())
+{
+    QAction *action = menu->addAction(title);
+    action->setShortcuts(keys);
+    connect(action, &QAction::triggered, this, slot);
+    return action;
+}
+
+void CommandMenu::update()
+{
+    const bool hasDocument = model_->pdfDocument() != nullptr;
+    undo->setEnabled(!model_->history().undoStack().empty());
+    redo->setEnabled(!model_->history().redoStack().empty());
+    deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr);
+    save->setEnabled(!model_->fileURL().isEmpty() && model_->isDirty());
+    saveAs->setEnabled(hasDocument);
+    actualSize->setEnabled(hasDocument);
+    zoomIn->setEnabled(hasDocument);
+    zoomOut->setEnabled(hasDocument);
+    openRecent->setEnabled(!model_->recentURLs().isEmpty());
+}
+
+void CommandMenu::rebuildRecent()
+{
+    openRecent->clear();
+    const QStringList recent = model_->recentURLs();
+    for (const QString &path : recent) {
+        QAction *item = openRecent->addAction(QFileInfo(path).fileName());
+        item->setToolTip(path);
+        connect(item, &QAction::triggered, this, [this, path] { model_->open(path); });
+    }
+    if (!recent.isEmpty()) {
+        openRecent->addSeparator();
+        connect(openRecent->addAction(tr("Clear Menu")), &QAction::triggered, model_, &DocumentModel::clearRecentDocuments);
+    }
+    openRecent->setEnabled(!recent.isEmpty());
+}
+
+void CommandMenu::performUndo()
+{
+    model_->history().performUndo();
+    model_->setIsDirty(true);
+    model_->setHistoryVersion(model_->historyVersion() + 1);
+}
+
+void CommandMenu::performRedo()
+{
+    model_->history().performRedo();
+    model_->setIsDirty(true);
+    model_->setHistoryVersion(model_->historyVersion() + 1);
+}
+
+void CommandMenu::performDelete()
+{
+    if (auto annotation = model_->selectedAnnotation())
+        model_->removeAnnotation(annotation);
+}
+
+void CommandMenu::performNewWindow()
+{
+    if (newWindow_)
+        newWindow_();
+}
+
+void CommandMenu::performOpen() { model_->promptOpen(); }
+void CommandMenu::performSave() { model_->save(); }
+void CommandMenu::performSaveAs() { model_->promptSaveAs(); }
+void CommandMenu::performQuit() { QApplication::closeAllWindows(); }
+
+void CommandMenu::performActualSize()
+{
+    if (PdfView *view = model_->activePDFView())
+        view->setScaleFactor(1.0);
+}
+
+void CommandMenu::performZoomIn()
+{
+    if (PdfView *view = model_->activePDFView())
+        view->zoomIn();
+}
+
+void CommandMenu::performZoomOut()
+{
+    if (PdfView *view = model_->activePDFView())
+        view->zoomOut();
+}

@@ -1,0 +1,54 @@
+// The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
+// Selection), File (New Window, Open..., Open Recent, Save, Save As…) and View
+// (Actual Size, Zoom In, Zoom Out). Enabling follows the model.
+#pragma once
+
+#include <QObject>
+
+#include <functional>
+
+class DocumentModel;
+class QAction;
+class QMainWindow;
+class QMenu;
+
+class CommandMenu : public QObject {
+    Q_OBJECT
+public:
+    CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindow);
+
+    QAction *undo = nullptr;
+    QAction *redo = nullptr;
+    QAction *deleteSelection = nullptr;
+    QAction *newWindow = nullptr;
+    QAction *open = nullptr;
+    QAction *save = nullptr;
+    QAction *saveAs = nullptr;
+    QAction *quit = nullptr;
+    QAction *actualSize = nullptr;
+    QAction *zoomIn = nullptr;
+    QAction *zoomOut = nullptr;
+    QMenu *openRecent = nullptr;
+
+    // Re-evaluates every command's enabling from the model.
+    void update();
+    // Fills "Open Recent" from the model's recent files.
+    void rebuildRecent();
+
+private:
+    QAction *add(QMenu *menu, const QString &title, const QList<QKeySequence> &keys, void (CommandMenu::*slot)());
+    void performUndo();
+    void performRedo();
+    void performDelete();
+    void performNewWindow();
+    void performOpen();
+    void performSave();
+    void performSaveAs();
+    void performQuit();
+    void performActualSize();
+    void performZoomIn();
+    void performZoomOut();
+
+    DocumentModel *model_;
+    std::function<void()> newWindow_;
+};

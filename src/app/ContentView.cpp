@@ -1,0 +1,410 @@
+#include "ContentView.h"
+
+#include "CommandMenu.h"
+#include "DocumentModel.h"
+#include "ExtractPagesSheet.h"
+#include "Icons.h"
+#include "InsertPagesSheet.h"
+#include "MergeSheet.h"
+#include "PagesMenu.h"
+#include "PasswordSheet.h"
+#include "PdfViewBridge.h"
+#include "SplitSheet.h"
+#include "ThumbnailSidebarView.h"
+#include "ToolSettings.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPushButton>
+#include <QSplitter>
+#include <QStackedWidget>
+#include <QTimer>
+#include <QToolBar>
+#include <QVBoxLayout>
+
+namespace {
+
+QWidget *stretch()
+{
+    auto *spacer = new QWidget;
+    spacer->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    return spacer;
+}
+
+} // namespace
+
+ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, QWidget *parent)
+    : QMainWindow(parent), model_(model), toolSettings_(new ToolSettings(this))
+{
+    setMinimumSize(minimumWidth, minimumHeight);
+    resize(1100, 800);
+    setAcceptDrops(true);
+    buildToolbar();
+
+    sidebar_ = new QWidget;
+    sidebar_->setMinimumWidth(140);
+    sidebar_->setMaximumWidth(240);
+    auto *sidebarLayout = new QVBoxLayout(sidebar_);
+    sidebarLayout->setContentsMargins(0, 0, 0, 0);
+    thumbnailSidebar_ = new ThumbnailSidebarView(model_);
+    sidebarLayout->addWidget(thumbnailSidebar_);
+
+    documentPane_ = new QWidget;
+    auto *paneLayout = new QVBoxLayout(documentPane_);
+    paneLayout->setContentsMargins(0, 0, 0, 0);
+    bridge_ = new PdfViewBridge(model_, toolSettings_, documentPane_);
+    paneLayout->addWidget(bridge_);
+    banner_ = buildBanner();
+    banner_->setParent(documentPane_);
+    documentPane_->installEventFilter(this);
+
+    emptyState_ = buildEmptyState();
+    documentArea_ = new QStackedWidget;
+    documentArea_->addWidget(emptyState_);
+    documentArea_->addWidget(documentPane_);
+
+    auto *split = new QSplitter(Qt::Horizontal);
+    split->addWidget(sidebar_);
+    split->addWidget(documentArea_);
+    split->setStretchFactor(1, 1);
+    split->setSizes({170, 930});
+    setCentralWidget(split);
+
+    commands_ = new CommandMenu(model_, this, std::move(newWindow));
+    // The toolbar buttons do what the menu commands do, under the same rules.
+    auto mirror = [](QAction *button, QAction *command) {
+        connect(button, &QAction::triggered, command, &QAction::trigger);
+        connect(command, &QAction::enabledChanged, button, &QAction::setEnabled);
+        button->setEnabled(command->isEnabled());
+    };
+    mirror(tbOpen_, commands_->open);
+    mirror(tbSave_, commands_->save);
+    mirror(tbUndo_, commands_->undo);
+    mirror(tbRedo_, commands_->redo);
+    mirror(tbSaveAs_, commands_->saveAs);
+
+    connect(model_, &DocumentModel::isDirtyChanged, this, &ContentView::updateTitle);
+    connect(model_, &DocumentModel::fileURLChanged, this, &ContentView::updateTitle);
+    connect(model_, &DocumentModel::pdfDocumentChanged, this, &ContentView::updateDocumentArea);
+    connect(model_, &DocumentModel::pendingSignatureImageChanged, this, &ContentView::updateBanner);
+    connect(toolSettings_, &ToolSettings::currentToolChanged, this, &ContentView::updateBanner);
+    connect(model_, &DocumentModel::errorMessageChanged, this, &ContentView::updateErrorAlert);
+    connect(model_, &DocumentModel::lockedURLChanged, this, &ContentView::updatePasswordSheet);
+    connect(this, &ContentView::sheetFlagsChanged, this, &ContentView::updateSheets);
+    updateTitle();
+    updateDocumentArea();
+    updateBanner();
+}
+
+ContentView::~ContentView() = default;
+
+void ContentView::buildToolbar()
+{
+    QToolBar *bar = addToolBar(tr("Toolbar"));
+    bar->setObjectName("mainToolbar");
+    bar->setMovable(false);
+    bar->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    auto make = [&](const QString &title, const QString &icon, const QString &help) {
+        QAction *action = new QAction(Icons::get(icon), title, this);
+        action->setToolTip(help);
+        action->setStatusTip(help);
+        bar->addAction(action);
+        return action;
+    };
+    tbOpen_ = make(tr("Open"), "document-open", tr("Open a PDF"));
+    tbSave_ = make(tr("Save"), "document-save", tr("Save"));
+    bar->addWidget(stretch());
+    toolGroup_ = new QWidget;
+    toolGroup_->setLayout(new QHBoxLayout);
+    toolGroup_->layout()->setContentsMargins(0, 0, 0, 0);
+    bar->addWidget(toolGroup_);
+    bar->addWidget(stretch());
+    tbUndo_ = make(tr("Undo"), "edit-undo", tr("Undo"));
+    tbRedo_ = make(tr("Redo"), "edit-redo", tr("Redo"));
+    pagesMenu_ = new QWidget;
+    pagesMenu_->setLayout(new QHBoxLayout);
+    pagesMenu_->layout()->setContentsMargins(0, 0, 0, 0);
+    pagesMenuButton_ = new PagesMenu(
+        model_, {[this](bool show) { setShowMergeSheet(show); }, [this](bool show) { setShowSplitSheet(show); },
+                 [this](bool show) { setShowInsertSheet(show); }, [this](bool show) { setShowExtractSheet(show); }});
+    pagesMenuButton_->setIcon(Icons::get("edit-copy"));
+    pagesMenu_->layout()->addWidget(pagesMenuButton_);
+    bar->addWidget(pagesMenu_);
+    tbSaveAs_ = make(tr("Save As"), "document-save-as", tr("Save As…"));
+}
+
+QWidget *ContentView::buildEmptyState()
+{
+    auto *panel = new QWidget;
+    panel->setAcceptDrops(true);
+    auto *icon = new QLabel;
+    icon->setPixmap(Icons::get("x-office-document").pixmap(44, 44));
+    icon->setEnabled(false);
+    auto *title = new QLabel(tr("No PDF Open"));
+    QFont titleFont = title->font();
+    titleFont.setPointSizeF(titleFont.pointSizeF() * 1.6);
+    titleFont.setBold(true);
+    title->setFont(titleFont);
+    auto *hint = new QLabel(tr("Drop a PDF here, or use Open."));
+    hint->setEnabled(false);
+    auto *open = new QPushButton(tr("Open PDF…"));
+    open->setDefault(true);
+    QPalette accent = open->palette();
+    accent.setColor(QPalette::Button, accent.color(QPalette::Highlight));
+    accent.setColor(QPalette::ButtonText, accent.color(QPalette::HighlightedText));
+    open->setPalette(accent);
+    auto *merge = new QPushButton(tr("Merge PDFs…"));
+    connect(open, &QPushButton::clicked, model_, &DocumentModel::promptOpen);
+    connect(merge, &QPushButton::clicked, this, [this] { setShowMergeSheet(true); });
+
+    auto *buttons = new QHBoxLayout;
+    buttons->setSpacing(10);
+    buttons->addWidget(open);
+    buttons->addWidget(merge);
+    auto *column = new QVBoxLayout;
+    column->setSpacing(12);
+    column->addWidget(icon, 0, Qt::AlignHCenter);
+    column->addWidget(title, 0, Qt::AlignHCenter);
+    column->addWidget(hint, 0, Qt::AlignHCenter);
+    column->addSpacing(4);
+    column->addLayout(buttons);
+    auto *layout = new QVBoxLayout(panel);
+    layout->addStretch(1);
+    layout->addLayout(column);
+    layout->setAlignment(column, Qt::AlignHCenter);
+    layout->addStretch(1);
+    return panel;
+}
+
+QWidget *ContentView::buildBanner()
+{
+    auto *banner = new QFrame;
+    banner->setAutoFillBackground(true);
+    QPalette translucent = banner->palette();
+    QColor background = translucent.color(QPalette::Window);
+    background.setAlpha(225);
+    translucent.setColor(QPalette::Window, background);
+    banner->setPalette(translucent);
+    bannerIcon_ = new QLabel;
+    bannerLabel_ = new QLabel;
+    bannerLabel_->setWordWrap(true);
+    bannerCancel_ = new QPushButton(tr("Cancel"));
+    bannerCancel_->setFlat(true);
+    connect(bannerCancel_, &QPushButton::clicked, this, [this] { model_->setPendingSignatureImage({}); });
+    auto *row = new QHBoxLayout(banner);
+    row->setContentsMargins(8, 8, 8, 8);
+    row->addWidget(bannerIcon_);
+    row->addWidget(bannerLabel_, 1);
+    row->addWidget(bannerCancel_);
+    return banner;
+}
+
+void ContentView::updateTitle()
+{
+    setWindowTitle(model_->displayName() + (model_->isDirty() ? tr(" — Edited") : QString()));
+}
+
+void ContentView::updateDocumentArea()
+{
+    documentArea_->setCurrentWidget(model_->pdfDocument() ? documentPane_ : emptyState_);
+}
+
+bool ContentView::showsEmptyState() const { return documentArea_->currentWidget() == emptyState_; }
+
+QString ContentView::bannerText() const { return banner_->isHidden() ? QString() : bannerLabel_->text(); }
+
+void ContentView::updateBanner()
+{
+    if (!model_->pendingSignatureImage().isNull()) {
+        bannerIcon_->setPixmap(Icons::get("document-sign").pixmap(16, 16));
+        bannerLabel_->setText(tr("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel."));
+        bannerCancel_->show();
+        banner_->show();
+    } else if (toolSettings_->currentTool() == AnnotationTool::editText) {
+        bannerIcon_->setPixmap(Icons::get("edit-rename").pixmap(16, 16));
+        bannerLabel_->setText(tr("Click text to edit it in place, or empty space to add text. Editing covers the original — "
+                                 "it isn't erased from the file."));
+        bannerCancel_->hide();
+        banner_->show();
+    } else {
+        bannerLabel_->clear();
+        banner_->hide();
+    }
+    placeBanner();
+}
+
+// The banner lies over the top of the page view, the full width.
+void ContentView::placeBanner()
+{
+    const int height = banner_->heightForWidth(documentPane_->width());
+    banner_->setGeometry(0, 0, documentPane_->width(), height > 0 ? height : banner_->sizeHint().height());
+    banner_->raise();
+}
+
+bool ContentView::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == documentPane_ && event->type() == QEvent::Resize)
+        placeBanner();
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void ContentView::updateErrorAlert()
+{
+    const QString message = model_->errorMessage();
+    if (message.isEmpty()) {
+        if (alert_)
+            alert_->done(QMessageBox::Ok);
+        return;
+    }
+    if (alert_) {
+        alert_->setText(message);
+        return;
+    }
+    // Over the sheet this window shows, if any, so that both stay usable.
+    QWidget *owner = this;
+    for (QWidget *w = QApplication::activeModalWidget(); w; w = w->parentWidget())
+        if (w->parentWidget() == this) {
+            owner = QApplication::activeModalWidget();
+            break;
+        }
+    alert_ = new QMessageBox(QMessageBox::Warning, tr("Couldn't finish that"), message, QMessageBox::NoButton, owner);
+    alert_->addButton(tr("OK"), QMessageBox::RejectRole);
+    alert_->setWindowModality(Qt::WindowModal);
+    alert_->setAttribute(Qt::WA_DeleteOnClose);
+    connect(alert_, &QMessageBox::finished, this, [this] {
+        alert_ = nullptr;
+        if (!model_->errorMessage().isEmpty())
+            model_->setErrorMessage({});
+    });
+    alert_->open();
+}
+
+void ContentView::updatePasswordSheet()
+{
+    if (model_->lockedURL().isEmpty()) {
+        if (passwordSheet_)
+            passwordSheet_->done(QDialog::Accepted);
+        return;
+    }
+    if (passwordSheet_)
+        return;
+    passwordSheet_ = new PasswordSheet(model_, this);
+    passwordSheet_->setAttribute(Qt::WA_DeleteOnClose);
+    passwordSheet_->open();
+}
+
+void ContentView::updateSheets()
+{
+    presentSheet(showMergeSheet_, mergeSheet_, [this] { return new MergeSheet(model_, this); }, &ContentView::setShowMergeSheet);
+    presentSheet(showSplitSheet_, splitSheet_, [this] { return new SplitSheet(model_, this); }, &ContentView::setShowSplitSheet);
+    presentSheet(showInsertSheet_, insertSheet_, [this] { return new InsertPagesSheet(model_, this); },
+                 &ContentView::setShowInsertSheet);
+    presentSheet(showExtractSheet_, extractSheet_, [this] { return new ExtractPagesSheet(model_, this); },
+                 &ContentView::setShowExtractSheet);
+}
+
+// A sheet is made afresh each time its flag turns true, and its flag turns
+// false when it closes; a flag cleared from outside closes the sheet.
+void ContentView::presentSheet(bool wanted, QPointer<QDialog> &sheet, const std::function<QDialog *()> &make,
+                               void (ContentView::*setFlag)(bool))
+{
+    if (wanted && !sheet) {
+        QDialog *dialog = make();
+        sheet = dialog;
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        connect(dialog, &QDialog::finished, this, [this, dialog, &sheet, setFlag] {
+            if (sheet == dialog)
+                sheet = nullptr;
+            (this->*setFlag)(false);
+        });
+        dialog->open();
+    } else if (!wanted && sheet) {
+        QDialog *dialog = sheet;
+        sheet = nullptr;
+        dialog->reject();
+    }
+}
+
+void ContentView::setShowMergeSheet(bool show)
+{
+    showMergeSheet_ = show;
+    emit sheetFlagsChanged();
+}
+
+void ContentView::setShowSplitSheet(bool show)
+{
+    showSplitSheet_ = show;
+    emit sheetFlagsChanged();
+}
+
+void ContentView::setShowInsertSheet(bool show)
+{
+    showInsertSheet_ = show;
+    emit sheetFlagsChanged();
+}
+
+void ContentView::setShowExtractSheet(bool show)
+{
+    showExtractSheet_ = show;
+    emit sheetFlagsChanged();
+}
+
+void ContentView::setShowSignatureSheet(bool show)
+{
+    showSignatureSheet_ = show;
+    emit sheetFlagsChanged();
+}
+
+bool ContentView::handleDrop(const QMimeData *data)
+{
+    if (!data)
+        return false;
+    for (const QUrl &url : data->urls()) {
+        if (!url.isLocalFile())
+            continue;
+        const QString path = url.toLocalFile();
+        // Opened on a later turn of the event loop, like a drop that arrives late.
+        if (QFileInfo(path).suffix().toLower() == QLatin1String("pdf"))
+            QTimer::singleShot(0, model_, [model = model_, path] { model->open(path); });
+        return true;
+    }
+    return false;
+}
+
+void ContentView::dragEnterEvent(QDragEnterEvent *event)
+{
+    if (event->mimeData()->hasUrls())
+        event->acceptProposedAction();
+}
+
+void ContentView::dropEvent(QDropEvent *event)
+{
+    if (handleDrop(event->mimeData()))
+        event->acceptProposedAction();
+    else
+        event->ignore();
+}
+
+void ContentView::showEvent(QShowEvent *event)
+{
+    QMainWindow::showEvent(event);
+    if (!shown_) {
+        shown_ = true;
+        emit firstShown();
+    }
+}
+
+void ContentView::closeEvent(QCloseEvent *event)
+{
+    // A password sheet closed with its window abandons the pending file.
+    if (passwordSheet_)
+        passwordSheet_->reject();
+    QMainWindow::closeEvent(event);
+}

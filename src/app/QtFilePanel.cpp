@@ -1,0 +1,57 @@
+#include "QtFilePanel.h"
+
+#include <QApplication>
+#include <QFileDialog>
+#include <QStandardPaths>
+
+namespace {
+
+QString startFolder() { return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation); }
+
+} // namespace
+
+// The panel belongs to the given window, or else to the window in front.
+QWidget *QtFilePanel::owner() const { return window_ ? window_.data() : QApplication::activeWindow(); }
+
+namespace {
+
+} // namespace
+
+QStringList QtFilePanel::chooseFilesToOpen(Content content, bool multiple)
+{
+    QFileDialog dialog(owner(), content == Content::Pdf ? QObject::tr("Open") : QObject::tr("Choose an Image"), startFolder());
+    dialog.setWindowModality(Qt::WindowModal);
+    dialog.setAcceptMode(QFileDialog::AcceptOpen);
+    dialog.setFileMode(multiple ? QFileDialog::ExistingFiles : QFileDialog::ExistingFile);
+    if (content == Content::Pdf)
+        dialog.setMimeTypeFilters({"application/pdf"});
+    else
+        dialog.setNameFilter(QObject::tr("Images (*.png *.jpg *.jpeg *.tif *.tiff)"));
+    return dialog.exec() == QDialog::Accepted ? dialog.selectedFiles() : QStringList();
+}
+
+QString QtFilePanel::chooseFileToSave(const QString &proposedName)
+{
+    QFileDialog dialog(owner(), QObject::tr("Save"), startFolder());
+    dialog.setWindowModality(Qt::WindowModal);
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    dialog.setFileMode(QFileDialog::AnyFile);
+    dialog.setMimeTypeFilters({"application/pdf"});
+    dialog.setDefaultSuffix("pdf");
+    dialog.selectFile(proposedName);
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return {};
+    return dialog.selectedFiles().first();
+}
+
+QString QtFilePanel::chooseFolder()
+{
+    QFileDialog dialog(owner(), QObject::tr("Choose a Folder"), startFolder());
+    dialog.setWindowModality(Qt::WindowModal);
+    dialog.setFileMode(QFileDialog::Directory);
+    dialog.setOption(QFileDialog::ShowDirsOnly);
+    dialog.setLabelText(QFileDialog::Accept, QObject::tr("Choose Folder"));
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return {};
+    return dialog.selectedFiles().first();
+}

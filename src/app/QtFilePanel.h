@@ -1,0 +1,22 @@
+// The file choosers of the desktop (Qt's file dialogs), window-modal over the
+// window they belong to.
+#pragma once
+
+#include "FilePanel.h"
+
+#include <QPointer>
+#include <QWidget>
+
+class QtFilePanel : public FilePanel {
+public:
+    explicit QtFilePanel(QWidget *window = nullptr) : window_(window) {}
+    void setWindow(QWidget *window) { window_ = window; }
+
+    QStringList chooseFilesToOpen(Content content, bool multiple) override;
+    QString chooseFileToSave(const QString &proposedName) override;
+    QString chooseFolder() override;
+
+private:
+    QWidget *owner() const;
+    QPointer<QWidget> window_;
+};

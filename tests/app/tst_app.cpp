@@ -1,0 +1,403 @@
+// The application shell driven as a user would: commands and toolbar buttons,
+// drops, the password sheet, the error alert and the page view bridge.
+#include "CommandMenu.h"
+#include "ContentView.h"
+#include "DocumentModel.h"
+#include "FixtureBuilder.h"
+#include "PasswordSheet.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+#include "PdfViewBridge.h"
+#include "ToolSettings.h"
+#include "VelloraApp.h"
+
+#include <QAction>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class TestApp : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void commandsAndButtonsFollowTheModel();
+    void recentFilesMenu();
+    void titleAndEmptyState();
+    void drops();
+    void commandLineAndHandedFiles();
+    void errorAlert();
+    void passwordSheet();
+    void hintBanner();
+    void currentPageInStepBothWays();
+    void zoomIsFittedThenFrozen();
+
+private:
+    QString fixture(const QString &name, int pages = 3);
+    QTemporaryDir dir_;
+    std::unique_ptr<DocumentModel> model_;
+    std::unique_ptr<ContentView> window_;
+    int run_ = 0;
+};
+
+QString TestApp::fixture(const QString &name, int pages) { return fixtures::numberedFile(dir_.path(), name, pages); }
+
+void TestApp::initTestCase() { qputenv("XDG_DATA_HOME", dir_.filePath("data").toLocal8Bit()); }
+
+void TestApp::init()
+{
+    model_ = std::make_unique<DocumentModel>(RecentDocuments(dir_.filePath(QString("recent-%1.xbel").arg(++run_))));
+    window_ = std::make_unique<ContentView>(model_.get());
+    window_->show();
+    QVERIFY(QTest::qWaitForWindowExposed(window_.get()));
+}
+
+void TestApp::cleanup()
+{
+    window_.reset();
+    model_.reset();
+}
+
+void TestApp::commandsAndButtonsFollowTheModel()
+{
+    DocumentModel &m = *model_;
+    CommandMenu *c = window_->commands();
+    auto enabled = [&] {
+        return QList<bool>{c->undo->isEnabled(),     c->redo->isEnabled(),    c->deleteSelection->isEnabled(),
+                           c->open->isEnabled(),     c->save->isEnabled(),    c->saveAs->isEnabled(),
+                           c->actualSize->isEnabled(), c->zoomIn->isEnabled(), c->zoomOut->isEnabled()};
+    };
+    auto buttons = [&] {
+        return QList<bool>{window_->toolbarOpen()->isEnabled(), window_->toolbarSave()->isEnabled(),
+                           window_->toolbarUndo()->isEnabled(), window_->toolbarRedo()->isEnabled(),
+                           window_->toolbarSaveAs()->isEnabled()};
+    };
+    // Nothing open: only Open.
+    QCOMPARE(enabled(), (QList<bool>{false, false, false, true, false, false, false, false, false}));
+    QCOMPARE(buttons(), (QList<bool>{true, false, false, false, false}));
+
+    m.open(fixture("a.pdf"));
+    QCOMPARE(enabled(), (QList<bool>{false, false, false, true, false, true, true, true, true}));
+    QCOMPARE(buttons(), (QList<bool>{true, false, false, false, true}));
+
+    auto square = PdfAnnotation::create({100, 100, 50, 50}, PdfAnnotation::Square);
+    square->setColor(Qt::red);
+    m.addAnnotation(square, m.pdfDocument()->page(0), true);
+    QCOMPARE(enabled(), (QList<bool>{true, false, false, true, true, true, true, true, true}));
+    QCOMPARE(buttons(), (QList<bool>{true, true, true, false, true}));
+
+    window_->toolbarUndo()->trigger();
+    QVERIFY(!square->page());
+    QVERIFY(c->redo->isEnabled() && window_->toolbarRedo()->isEnabled());
+    QVERIFY(!c->undo->isEnabled());
+    c->redo->trigger();
+    QCOMPARE(square->page(), m.pdfDocument()->page(0));
+
+    // Delete Selection removes the selected annotation as one undoable step.
+    m.setSelectedAnnotation(square);
+    QVERIFY(c->deleteSelection->isEnabled());
+    QVERIFY(c->deleteSelection->shortcuts().contains(QKeySequence(Qt::Key_Backspace)));
+    c->deleteSelection->trigger();
+    QVERIFY(!square->page());
+    QVERIFY(!c->deleteSelection->isEnabled());
+    c->undo->trigger();
+    QCOMPARE(square->page(), m.pdfDocument()->page(0));
+
+    window_->toolbarSave()->trigger();
+    QVERIFY(!m.isDirty());
+    QVERIFY(!c->save->isEnabled() && !window_->toolbarSave()->isEnabled());
+
+    // A document without a file can only be saved with Save As.
+    m.setDocument(PdfDocument::create(), {});
+    QVERIFY(!c->save->isEnabled());
+    QVERIFY(c->saveAs->isEnabled());
+
+    // The zoom commands act on the page view.
+    m.open(fixture("a.pdf"));
+    PdfView *view = window_->bridge()->pdfView();
+    c->actualSize->trigger();
+    QCOMPARE(view->scaleFactor(), 1.0);
+    c->zoomIn->trigger();
+    QVERIFY(view->scaleFactor() > 1.0);
+    c->zoomOut->trigger();
+    c->zoomOut->trigger();
+    QVERIFY(view->scaleFactor() < 1.0);
+
+    QCOMPARE(c->undo->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Z));
+    QCOMPARE(c->redo->shortcut(), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
+    QCOMPARE(c->saveAs->shortcut(), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S));
+    QCOMPARE(c->saveAs->text(), QString("Save As…"));
+    QCOMPARE(c->open->text(), QString("Open..."));
+    QCOMPARE(window_->toolbarSaveAs()->text(), QString("Save As"));
+    QCOMPARE(window_->toolbarSaveAs()->toolTip(), QString("Save As…"));
+}
+
+void TestApp::recentFilesMenu()
+{
+    DocumentModel &m = *model_;
+    CommandMenu *c = window_->commands();
+    QVERIFY(!c->openRecent->isEnabled());
+    QVERIFY(QDir().mkpath(dir_.filePath("other")));
+    const QString first = fixture("Report.pdf"), second = dir_.filePath("other/Report.pdf");
+    QVERIFY(QFile::copy(first, second));
+    m.open(first);
+    m.open(second);
+    QVERIFY(c->openRecent->isEnabled());
+    QStringList titles;
+    for (QAction *a : c->openRecent->actions())
+        titles << a->text();
+    QCOMPARE(titles, QStringList({"Report.pdf", "Report.pdf", "", "Clear Menu"}));
+    c->openRecent->actions()[1]->trigger();
+    QCOMPARE(m.fileURL(), first);
+    c->openRecent->actions().last()->trigger();
+    QVERIFY(m.recentURLs().isEmpty());
+    QVERIFY(!c->openRecent->isEnabled());
+    QVERIFY(c->openRecent->actions().isEmpty());
+}
+
+void TestApp::titleAndEmptyState()
+{
+    DocumentModel &m = *model_;
+    QCOMPARE(window_->windowTitle(), QString("Untitled"));
+    QVERIFY(window_->showsEmptyState());
+    QVERIFY(window_->minimumSize() == QSize(700, 480));
+    m.open(fixture("Title.pdf"));
+    QVERIFY(!window_->showsEmptyState());
+    QCOMPARE(window_->windowTitle(), QString("Title.pdf"));
+    m.addAnnotation(PdfAnnotation::create({10, 10, 10, 10}, PdfAnnotation::Square), m.pdfDocument()->page(0), true);
+    QCOMPARE(window_->windowTitle(), QString::fromUtf8("Title.pdf — Edited"));
+    m.save();
+    QCOMPARE(window_->windowTitle(), QString("Title.pdf"));
+    m.setDocument(PdfDocument::create(), {});
+    QCOMPARE(window_->windowTitle(), QString::fromUtf8("Untitled — Edited"));
+    m.setDocument(nullptr, {});
+    QVERIFY(window_->showsEmptyState());
+}
+
+void TestApp::drops()
+{
+    DocumentModel &m = *model_;
+    QVERIFY(fixtures::writeFile(dir_.filePath("notes.txt"), "text"));
+    QMimeData text;
+    text.setUrls({QUrl::fromLocalFile(dir_.filePath("notes.txt"))});
+    QVERIFY(window_->handleDrop(&text)); // accepted, and then ignored
+    QTest::qWait(20);
+    QVERIFY(!m.pdfDocument());
+    QVERIFY(m.errorMessage().isEmpty());
+
+    QMimeData plain;
+    plain.setText("no files here");
+    QVERIFY(!window_->handleDrop(&plain));
+
+    const QString upper = dir_.filePath("Report.PDF");
+    QVERIFY(QFile::copy(fixture("x.pdf"), upper));
+    QMimeData three;
+    three.setUrls({QUrl("https://example.org/a.pdf"), QUrl::fromLocalFile(upper), QUrl::fromLocalFile(fixture("b.pdf")),
+                   QUrl::fromLocalFile(fixture("c.pdf"))});
+    QVERIFY(window_->handleDrop(&three));
+    QTRY_COMPARE(m.fileURL(), upper);
+    QTest::qWait(20);
+    QCOMPARE(m.fileURL(), upper); // only the first file
+
+}
+
+void TestApp::commandLineAndHandedFiles()
+{
+    QCOMPARE(VelloraApp::pdfArgument({"vellora", "-a", "first.pdf", "second.PDF", "third.pdf"}), QDir::current().absoluteFilePath("third.pdf"));
+    QCOMPARE(VelloraApp::pdfArgument({"vellora", "second.PDF"}), QString());
+    QCOMPARE(VelloraApp::pdfArgument({"program.pdf"}), QString());
+    QCOMPARE(VelloraApp::pdfArgument({"vellora", "/abs/one.pdf", "-x"}), QString("/abs/one.pdf"));
+
+    VelloraApp app({"vellora", fixture("Arg.pdf")});
+    ContentView *window = app.newWindow();
+    QVERIFY(!app.documentModel()->pdfDocument());
+    window->show();
+    QTRY_COMPARE(app.documentModel()->fileURL(), fixture("Arg.pdf"));
+    window->close();
+
+    // A text file handed over by the desktop: the message, and a recent entry anyway.
+    QVERIFY(fixtures::writeFile(dir_.filePath("handed.txt"), "text"));
+    app.openHandedFile(dir_.filePath("handed.txt"));
+    QCOMPARE(app.documentModel()->errorMessage(), DocumentModel::openFailedMessage("handed.txt"));
+    QFile store(dir_.filePath("data/recently-used.xbel"));
+    QVERIFY(store.open(QIODevice::ReadOnly));
+    QVERIFY(store.readAll().contains("handed.txt"));
+}
+
+void TestApp::errorAlert()
+{
+    DocumentModel &m = *model_;
+    QVERIFY(!window_->errorAlert());
+    m.setErrorMessage("First failure.");
+    QMessageBox *alert = window_->errorAlert();
+    QVERIFY(alert);
+    QTRY_VERIFY(alert->isVisible());
+    QCOMPARE(alert->windowTitle(), QString("Couldn't finish that"));
+    QCOMPARE(alert->text(), QString("First failure."));
+    QCOMPARE(alert->buttons().size(), 1);
+    QCOMPARE(alert->buttons().first()->text(), QString("OK"));
+    QTest::mouseClick(alert->buttons().first(), Qt::LeftButton);
+    QVERIFY(m.errorMessage().isEmpty());
+    QTRY_VERIFY(!window_->errorAlert());
+
+    m.setErrorMessage("Second failure.");
+    QTRY_VERIFY(window_->errorAlert() && window_->errorAlert()->isVisible());
+    QCOMPARE(window_->errorAlert()->text(), QString("Second failure."));
+    QTest::keyClick(window_->errorAlert(), Qt::Key_Escape);
+    QVERIFY(m.errorMessage().isEmpty());
+}
+
+void TestApp::passwordSheet()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("Shown.pdf"));
+    const auto shown = m.pdfDocument();
+    const QString locked = dir_.filePath("Locked.pdf");
+    QVERIFY(fixtures::writeEncrypted(locked, fixtures::numberedPages(2), "sesame"));
+
+    m.open(locked);
+    PasswordSheet *sheet = window_->passwordSheet();
+    QVERIFY(sheet);
+    QTRY_VERIFY(sheet->isVisible());
+    QCOMPARE(sheet->fileName(), QString("Locked.pdf"));
+    QVERIFY(!sheet->findChildren<QLabel *>().isEmpty());
+    bool titled = false;
+    for (QLabel *label : sheet->findChildren<QLabel *>())
+        titled |= label->text() == "Locked.pdf is password protected";
+    QVERIFY(titled);
+    QCOMPARE(sheet->passwordField()->placeholderText(), QString("Password"));
+    QCOMPARE(sheet->passwordField()->width(), 320);
+    QVERIFY(!sheet->openButton()->isEnabled());
+
+    QTest::keyClick(sheet->passwordField(), Qt::Key_Return); // empty: nothing, no message
+    QVERIFY(m.errorMessage().isEmpty());
+    QVERIFY(sheet->isVisible());
+
+    QTest::keyClicks(sheet->passwordField(), "wrong");
+    QVERIFY(sheet->openButton()->isEnabled());
+    QTest::keyClick(sheet->passwordField(), Qt::Key_Return);
+    QCOMPARE(m.errorMessage(), DocumentModel::wrongPasswordMessage());
+    QVERIFY(sheet->passwordField()->text().isEmpty());
+    QVERIFY(sheet->isVisible());
+    QCOMPARE(m.pdfDocument(), shown);
+    QTRY_VERIFY(window_->errorAlert());
+    QTest::mouseClick(window_->errorAlert()->buttons().first(), Qt::LeftButton);
+
+    QTest::keyClicks(sheet->passwordField(), "sesame");
+    QTest::mouseClick(sheet->openButton(), Qt::LeftButton);
+    QTRY_VERIFY(!window_->passwordSheet());
+    QCOMPARE(m.fileURL(), locked);
+    QVERIFY(m.lockedURL().isEmpty());
+
+    // Escape abandons the pending file and leaves the open one.
+    m.open(locked);
+    QTRY_VERIFY(window_->passwordSheet() && window_->passwordSheet()->isVisible());
+    const auto open = m.pdfDocument();
+    QTest::keyClick(window_->passwordSheet()->passwordField(), Qt::Key_Escape);
+    QTRY_VERIFY(!window_->passwordSheet());
+    QVERIFY(!m.lockedDocument());
+    QVERIFY(m.lockedURL().isEmpty());
+    QCOMPARE(m.pdfDocument(), open);
+
+    // Without a pending file the sheet speaks of "This PDF".
+    PasswordSheet orphan(&m, window_.get());
+    QCOMPARE(orphan.fileName() + " is password protected", QString("This PDF is password protected"));
+}
+
+void TestApp::hintBanner()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("banner.pdf"));
+    QVERIFY(window_->bannerText().isEmpty());
+    window_->toolSettings()->setCurrentTool(AnnotationTool::ink);
+    QVERIFY(window_->bannerText().isEmpty());
+    window_->toolSettings()->setCurrentTool(AnnotationTool::editText);
+    QVERIFY(window_->bannerText().startsWith("Click text to edit it in place"));
+    QVERIFY(window_->bannerCancelButton()->isHidden());
+    QImage signature(40, 20, QImage::Format_ARGB32);
+    signature.fill(Qt::black);
+    m.setPendingSignatureImage(signature);
+    QCOMPARE(window_->bannerText(),
+             QString::fromUtf8("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel."));
+    QVERIFY(!window_->bannerCancelButton()->isHidden());
+    QTest::mouseClick(window_->bannerCancelButton(), Qt::LeftButton);
+    QVERIFY(m.pendingSignatureImage().isNull());
+    QVERIFY(window_->bannerText().startsWith("Click text to edit it in place"));
+}
+
+void TestApp::currentPageInStepBothWays()
+{
+    DocumentModel &m = *model_;
+    window_->resize(900, 700);
+    m.open(fixture("ten.pdf", 10));
+    PdfView *view = window_->bridge()->pdfView();
+    QCOMPARE(view->document(), m.pdfDocument());
+    QTest::qWait(20); // the scroll to the first page waits for the next turn of the event loop
+    QCOMPARE(view->currentPageIndex(), 0);
+
+    m.setCurrentPageIndex(5);
+    QTRY_COMPARE(view->currentPageIndex(), 5);
+    QCOMPARE(m.currentPageIndex(), 5);
+
+    // Scrolling the view by hand moves the model, and the model does not pull back.
+    view->goToPage(m.pdfDocument()->page(8));
+    QTRY_COMPARE(m.currentPageIndex(), 8);
+    QTest::qWait(50);
+    QCOMPARE(view->currentPageIndex(), 8);
+
+    // A page structure change lays out again and keeps the current page at the top.
+    m.setCurrentPageIndex(3);
+    QTRY_COMPARE(view->currentPageIndex(), 3);
+    QVERIFY(m.pdfDocument()->removePage(9));
+    m.markPageStructureChanged();
+    QTest::qWait(50);
+    QCOMPARE(view->currentPageIndex(), 3);
+    const QPointF top = view->convertFromPage(QPointF(0, m.pdfDocument()->page(3)->bounds().height()), m.pdfDocument()->page(3));
+    QVERIFY(std::abs(top.y()) < 2);
+
+    m.setCurrentPageIndex(40); // beyond the last page: no scroll, no failure
+    QTest::qWait(20);
+    QCOMPARE(view->currentPageIndex(), 3);
+
+    m.setDocument(nullptr, {});
+    QVERIFY(!view->document());
+}
+
+void TestApp::zoomIsFittedThenFrozen()
+{
+    DocumentModel &m = *model_;
+    window_->resize(900, 700);
+    m.open(fixture("zoom.pdf"));
+    PdfView *view = window_->bridge()->pdfView();
+    QVERIFY(view->autoScales());
+    const qreal fitted = view->scaleFactor();
+    QTRY_VERIFY_WITH_TIMEOUT(!view->autoScales(), 2000);
+    QCOMPARE(view->scaleFactor(), fitted);
+    QCOMPARE(view->minScaleFactor(), 0.1);
+    QCOMPARE(view->maxScaleFactor(), 6.0);
+    window_->resize(1000, 700); // frozen: the zoom stays
+    QTest::qWait(20);
+    QCOMPARE(view->scaleFactor(), fitted);
+
+    // A zoom before the lock runs wins; the limits then stay as they were.
+    m.open(fixture("zoom2.pdf"));
+    QVERIFY(view->autoScales());
+    view->setMinScaleFactor(0.25);
+    window_->commands()->zoomIn->trigger();
+    const qreal zoomed = view->scaleFactor();
+    QTest::qWait(PdfViewBridge::lockDelayMs + 150);
+    QCOMPARE(view->scaleFactor(), zoomed);
+    QCOMPARE(view->minScaleFactor(), 0.25);
+}
+
+QTEST_MAIN(TestApp)
+#include "tst_app.moc"

@@ -343,16 +343,16 @@ void TestEngine::pageCopiesCarryAnnotationsRotationAndBoxes()
 void TestEngine::geometryOnRotatedAndOffsetPages()
 {
     const QRectF media(100, 200, 400, 300), crop(150, 250, 300, 200);
-    std::vector<PageSpec> specs;
+    std::vector<PageSpec> rotatedPages;
     for (int rotation : {0, 90, 180, 270}) {
-        PageSpec spec;
-        spec.mediaBox = media;
-        spec.cropBox = crop;
-        spec.rotation = rotation;
-        specs.push_back(spec);
+        PageSpec page;
+        page.mediaBox = media;
+        page.cropBox = crop;
+        page.rotation = rotation;
+        rotatedPages.push_back(page);
     }
     const QString file = path("rotated.pdf");
-    QVERIFY(fixtures::writePdf(file, specs));
+    QVERIFY(fixtures::writePdf(file, rotatedPages));
     auto doc = PdfDocument::open(file);
     QVERIFY(doc);
     const QRectF markBounds(200, 300, 40, 20);

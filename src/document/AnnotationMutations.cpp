@@ -6,28 +6,25 @@
 #include "PdfPage.h"
 #include "PdfView.h"
 
-namespace {
+void DocumentModel::record(EditHistory::Edit edit) { history_.record(std::move(edit)); }
+
+void DocumentModel::redraw(const std::shared_ptr<PdfPage> &page)
+{
+    if (activePDFView_ && page)
+        activePDFView_->invalidatePage(page);
+}
 
 // Takes the annotation off its page and puts it back: it is drawn anew, on top.
-void reseat(DocumentModel *model, const std::shared_ptr<PdfAnnotation> &annotation)
+void DocumentModel::reseat(const std::shared_ptr<PdfAnnotation> &annotation)
 {
-    if (!model)
-        return;
     if (auto page = annotation->page()) {
         page->removeAnnotation(annotation);
         page->addAnnotation(annotation);
+        redraw(page);
     }
 }
 
-void count(DocumentModel *model)
-{
-    if (model)
-        model->setHistoryVersion(model->historyVersion() + 1);
-}
-
-} // namespace
-
-void DocumentModel::record(EditHistory::Edit edit) { history_.record(std::move(edit)); }
+void DocumentModel::count() { setHistoryVersion(historyVersion_ + 1); }
 
 void DocumentModel::changed()
 {
@@ -47,17 +44,23 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
     if (!annotation || !page)
         return;
     page->addAnnotation(annotation);
+    redraw(page);
     if (recordUndo) {
         QPointer<DocumentModel> model(this);
         record({[model, annotation, page] {
                     page->removeAnnotation(annotation);
-                    if (model)
+                    if (model) {
+                        model->redraw(page);
                         model->deselectIfSelected(annotation);
-                    count(model);
+                        model->count();
+                    }
                 },
                 [model, annotation, page] {
                     page->addAnnotation(annotation);
-                    count(model);
+                    if (model) {
+                        model->redraw(page);
+                        model->count();
+                    }
                 }});
     }
     changed();
@@ -69,17 +72,23 @@ void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annot
     if (!page)
         return;
     page->removeAnnotation(annotation);
+    redraw(page);
     deselectIfSelected(annotation);
     QPointer<DocumentModel> model(this);
     record({[model, annotation, page] {
                 page->addAnnotation(annotation);
-                count(model);
+                if (model) {
+                    model->redraw(page);
+                    model->count();
+                }
             },
             [model, annotation, page] {
                 page->removeAnnotation(annotation);
-                if (model)
+                if (model) {
+                    model->redraw(page);
                     model->deselectIfSelected(annotation);
-                count(model);
+                    model->count();
+                }
             }});
     changed();
 }
@@ -90,8 +99,10 @@ void DocumentModel::recordBoundsChange(const std::shared_ptr<PdfAnnotation> &ann
     QPointer<DocumentModel> model(this);
     auto setBounds = [model, annotation](const QRectF &bounds) {
         annotation->setBounds(bounds);
-        reseat(model, annotation);
-        count(model);
+        if (model) {
+            model->reseat(annotation);
+            model->count();
+        }
     };
     record({[setBounds, oldBounds] { setBounds(oldBounds); }, [setBounds, newBounds] { setBounds(newBounds); }});
     changed();
@@ -103,7 +114,7 @@ void DocumentModel::setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &an
     if (!annotation)
         return;
     annotation->setBounds(newBounds);
-    reseat(this, annotation);
+    reseat(annotation);
     recordBoundsChange(annotation, newBounds, oldBounds);
 }
 
@@ -113,10 +124,12 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
     if (!annotation)
         return;
     annotation->setBounds(newBounds);
-    if (annotation->page())
-        reseat(this, annotation);
-    else if (page)
+    if (annotation->page()) {
+        reseat(annotation);
+    } else if (page) {
         page->addAnnotation(annotation); // the overlay took it off its page during the drag
+        redraw(page);
+    }
     recordBoundsChange(annotation, newBounds, oldBounds);
 }
 
@@ -126,12 +139,14 @@ void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &
     if (!annotation)
         return;
     annotation->setContents(newText);
-    reseat(this, annotation);
+    reseat(annotation);
     QPointer<DocumentModel> model(this);
     auto setContents = [model, annotation](const QString &text) {
         annotation->setContents(text);
-        reseat(model, annotation);
-        count(model);
+        if (model) {
+            model->reseat(annotation);
+            model->count();
+        }
     };
     record({[setContents, oldText] { setContents(oldText); }, [setContents, newText] { setContents(newText); }});
     changed();

@@ -126,6 +126,10 @@ private:
     void show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty);
     void deselectIfSelected(const std::shared_ptr<PdfAnnotation> &annotation);
     void record(EditHistory::Edit edit);
+    // The page view draws the page again (its annotations changed).
+    void redraw(const std::shared_ptr<PdfPage> &page);
+    void reseat(const std::shared_ptr<PdfAnnotation> &annotation);
+    void count();
     void recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
     void changed();
     void updateTextSelection();

@@ -52,6 +52,7 @@ private slots:
     void mutationsAndTheSelection();
     void markupFromTheViewSelection();
     void textSelectionFollowsTheAttachedView();
+    void changesShowInTheAttachedView();
     void pageStructureChanges();
 
 private:
@@ -448,6 +449,42 @@ void TestDocumentModel::textSelectionFollowsTheAttachedView()
     second.setCurrentSelection(words);
     QTRY_VERIFY(m.hasTextSelection());
     QCOMPARE(m.activePDFView().data(), &second);
+}
+
+void TestDocumentModel::changesShowInTheAttachedView()
+{
+    DocumentModel &m = *model_;
+    m.open(fixture("shown.pdf", 1));
+    PdfView view;
+    view.resize(700, 900);
+    view.show();
+    view.setDocument(m.pdfDocument());
+    m.attach(&view);
+    auto page = m.pdfDocument()->page(0);
+    auto colorAt = [&](QPointF pagePoint) {
+        if (!QTest::qWaitFor([&] { return view.isRenderingComplete(); }, 5000))
+            return QColor();
+        const QPoint p = view.convertFromPage(pagePoint, page).toPoint();
+        return view.viewport()->grab().toImage().pixelColor(p);
+    };
+    const QPointF middle(125, 625);
+    QCOMPARE(colorAt(middle), QColor(Qt::white));
+
+    auto a = box({100, 600, 50, 50});
+    a->setInteriorColor(Qt::red);
+    m.addAnnotation(a, page, true);
+    QCOMPARE(colorAt(middle), QColor(Qt::red));
+    m.setAnnotationBounds(a, {300, 600, 50, 50}, a->bounds());
+    QCOMPARE(colorAt(middle), QColor(Qt::white));
+    QCOMPARE(colorAt({325, 625}), QColor(Qt::red));
+    undoCommand(m);
+    QCOMPARE(colorAt(middle), QColor(Qt::red));
+    undoCommand(m);
+    QCOMPARE(colorAt(middle), QColor(Qt::white));
+    redoCommand(m);
+    QCOMPARE(colorAt(middle), QColor(Qt::red));
+    m.removeAnnotation(a);
+    QCOMPARE(colorAt(middle), QColor(Qt::white));
 }
 
 void TestDocumentModel::pageStructureChanges()

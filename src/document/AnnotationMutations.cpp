@@ -38,6 +38,31 @@ void DocumentModel::deselectIfSelected(const std::shared_ptr<PdfAnnotation> &ann
         setSelectedAnnotation(nullptr);
 }
 
+// The two actions of adding an annotation to a page: `put` adds it back,
+// `take` removes it and drops it from the selection. An addition is undone by
+// taking, a removal by putting.
+std::pair<std::function<void()>, std::function<void()>>
+DocumentModel::placementActions(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page)
+{
+    QPointer<DocumentModel> model(this);
+    auto put = [model, annotation, page] {
+        page->addAnnotation(annotation);
+        if (model) {
+            model->redraw(page);
+            model->count();
+        }
+    };
+    auto take = [model, annotation, page] {
+        page->removeAnnotation(annotation);
+        if (model) {
+            model->redraw(page);
+            model->deselectIfSelected(annotation);
+            model->count();
+        }
+    };
+    return {put, take};
+}
+
 void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                                   bool recordUndo)
 {
@@ -46,22 +71,8 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
     page->addAnnotation(annotation);
     redraw(page);
     if (recordUndo) {
-        QPointer<DocumentModel> model(this);
-        record({[model, annotation, page] {
-                    page->removeAnnotation(annotation);
-                    if (model) {
-                        model->redraw(page);
-                        model->deselectIfSelected(annotation);
-                        model->count();
-                    }
-                },
-                [model, annotation, page] {
-                    page->addAnnotation(annotation);
-                    if (model) {
-                        model->redraw(page);
-                        model->count();
-                    }
-                }});
+        auto [put, take] = placementActions(annotation, page);
+        record({take, put});
     }
     changed();
 }
@@ -74,22 +85,8 @@ void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annot
     page->removeAnnotation(annotation);
     redraw(page);
     deselectIfSelected(annotation);
-    QPointer<DocumentModel> model(this);
-    record({[model, annotation, page] {
-                page->addAnnotation(annotation);
-                if (model) {
-                    model->redraw(page);
-                    model->count();
-                }
-            },
-            [model, annotation, page] {
-                page->removeAnnotation(annotation);
-                if (model) {
-                    model->redraw(page);
-                    model->deselectIfSelected(annotation);
-                    model->count();
-                }
-            }});
+    auto [put, take] = placementActions(annotation, page);
+    record({put, take});
     changed();
 }
 

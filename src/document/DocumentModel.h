@@ -21,6 +21,7 @@
 #include <QStringList>
 
 #include <memory>
+#include <utility>
 
 class FilePanel;
 class PdfAnnotation;
@@ -130,6 +131,8 @@ private:
     void redraw(const std::shared_ptr<PdfPage> &page);
     void reseat(const std::shared_ptr<PdfAnnotation> &annotation);
     void count();
+    std::pair<std::function<void()>, std::function<void()>> placementActions(const std::shared_ptr<PdfAnnotation> &annotation,
+                                                                              const std::shared_ptr<PdfPage> &page);
     void recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
     void changed();
     void updateTextSelection();

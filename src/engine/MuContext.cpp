@@ -1,6 +1,7 @@
 #include "MuContext.h"
 
 #include <mutex>
+#include <thread>
 
 namespace mu {
 namespace {
@@ -15,7 +16,11 @@ void lockFn(void *, int lock)
     for (int attempt = 0; attempt < 200; ++attempt) {
         if (locks[lock].try_lock())
             return;
+#if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
+#else
+        std::this_thread::yield();
+#endif
     }
     locks[lock].lock();
 }

@@ -2,6 +2,7 @@
 
 #include "Appearance.h"
 #include "DocCore.h"
+#include "Native.h"
 #include "PdfPage.h"
 
 #include <QUuid>
@@ -92,18 +93,21 @@ DefaultAppearance parseDefaultAppearance(const QByteArray &da)
 
 } // namespace
 
-PdfAnnotation::PdfAnnotation(const QRectF &bounds, const QString &type) : type_(type), bounds_(bounds.normalized()) {}
+PdfAnnotation::PdfAnnotation(const QRectF &bounds, const QString &type)
+    : type_(type), bounds_(bounds.normalized()), native_(std::make_unique<Native>())
+{
+}
 
 std::shared_ptr<PdfAnnotation> PdfAnnotation::create(const QRectF &bounds, const QString &type)
 {
     return std::shared_ptr<PdfAnnotation>(new PdfAnnotation(bounds, type));
 }
 
-std::shared_ptr<PdfAnnotation> PdfAnnotation::fromFile(const std::shared_ptr<DocCore> &core, pdf_obj *obj)
+std::shared_ptr<PdfAnnotation> PdfAnnotation::fromFile(const std::shared_ptr<DocCore> &core, std::unique_ptr<Native> native)
 {
     std::shared_ptr<PdfAnnotation> annotation(new PdfAnnotation({}, {}));
     annotation->core_ = core;
-    annotation->obj_ = obj;
+    annotation->native_ = std::move(native);
     annotation->ownLook_ = false;
     annotation->readFromFile();
     return annotation;
@@ -113,13 +117,13 @@ PdfAnnotation::~PdfAnnotation() { releaseObject(); }
 
 void PdfAnnotation::releaseObject()
 {
-    if (obj_) {
+    if (native_->obj) {
         fz_context *c = mu::ctx();
-        pdf_drop_obj(c, appearance_);
-        pdf_drop_obj(c, obj_);
+        pdf_drop_obj(c, native_->appearance);
+        pdf_drop_obj(c, native_->obj);
     }
-    appearance_ = nullptr;
-    obj_ = nullptr;
+    native_->appearance = nullptr;
+    native_->obj = nullptr;
     core_.reset();
 }
 
@@ -130,7 +134,7 @@ void PdfAnnotation::readFromFile()
     const char *da = "";
     fz_rect rect{};
     mu::tryGuard([&](fz_context *c) {
-        pdf_obj *d = obj_;
+        pdf_obj *d = native_->obj;
         subtype = pdf_to_name(c, pdf_dict_get(c, d, PDF_NAME(Subtype)));
         contents = pdf_dict_get_text_string(c, d, PDF_NAME(Contents));
         da = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(DA)));
@@ -177,14 +181,14 @@ void PdfAnnotation::readFromFile()
 
 void PdfAnnotation::materialize(const std::shared_ptr<DocCore> &core)
 {
-    if (obj_ && core_ == core)
+    if (native_->obj && core_ == core)
         return;
-    if (obj_ && !ownLook_) {
+    if (native_->obj && !ownLook_) {
         // A file's annotation moving to another document takes its dictionary along.
         pdf_obj *moved = nullptr;
         pdf_graft_map *map = core->graftMapFor(core_);
         mu::guard([&](fz_context *c) {
-            pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, obj_));
+            pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, native_->obj));
             pdf_dict_del(c, copy, PDF_NAME(P));
             pdf_dict_del(c, copy, PDF_NAME(Popup));
             pdf_dict_del(c, copy, PDF_NAME(Parent));
@@ -195,11 +199,11 @@ void PdfAnnotation::materialize(const std::shared_ptr<DocCore> &core)
         });
         releaseObject();
         core_ = core;
-        obj_ = moved;
+        native_->obj = moved;
         return;
     }
     releaseObject();
-    mu::guard([&](fz_context *c) { obj_ = pdf_add_new_dict(c, core->doc, 16); });
+    mu::guard([&](fz_context *c) { native_->obj = pdf_add_new_dict(c, core->doc, 16); });
     core_ = core;
     ownLook_ = true;
     writeDictionary();
@@ -221,7 +225,7 @@ void PdfAnnotation::writeDictionary()
     }
     const bool freeText = type_ == FreeText;
     mu::guard([&](fz_context *c) {
-        pdf_obj *d = obj_;
+        pdf_obj *d = native_->obj;
         pdf_dict_put(c, d, PDF_NAME(Type), PDF_NAME(Annot));
         pdf_dict_put_drop(c, d, PDF_NAME(Subtype), pdf_new_name(c, type.constData()));
         pdf_dict_put_rect(c, d, PDF_NAME(Rect),
@@ -287,12 +291,12 @@ void PdfAnnotation::writeAppearance()
         return;
     appearance::Input input{type_,       bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
                             font_,       fontColor_,     quadPoints_, inkPaths_,      stampImage_};
-    appearance::write(*core_, obj_, input, &appearance_);
+    appearance::write(*core_, native_->obj, input, &native_->appearance);
 }
 
 void PdfAnnotation::changed(bool lookChanged)
 {
-    if (!obj_)
+    if (!native_->obj)
         return;
     try {
         if (ownLook_ || (lookChanged && drawnByUs(type_))) {
@@ -320,24 +324,24 @@ void PdfAnnotation::setBounds(const QRectF &bounds)
             for (QPointF &p : path)
                 p = QPointF(p.x() * sx, p.y() * sy);
     }
-    if (obj_ && !ownLook_ && !(resized && drawnByUs(type_))) {
+    if (native_->obj && !ownLook_ && !(resized && drawnByUs(type_))) {
         // Another program's annotation keeps its look: only its place is written,
         // and readers fit its appearance into the new rectangle.
         const QPointF delta = bounds_.topLeft() - old.topLeft();
         mu::tryGuard([&](fz_context *c) {
-            pdf_dict_put_rect(c, obj_, PDF_NAME(Rect),
+            pdf_dict_put_rect(c, native_->obj, PDF_NAME(Rect),
                               fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
             if (resized)
                 return;
             const char *keys[] = {"QuadPoints", "L", "Vertices", "CL"};
             for (const char *key : keys) {
-                pdf_obj *array = pdf_dict_gets(c, obj_, key);
+                pdf_obj *array = pdf_dict_gets(c, native_->obj, key);
                 for (int i = 0; i + 1 < pdf_array_len(c, array); i += 2) {
                     pdf_array_put_drop(c, array, i, pdf_new_real(c, pdf_array_get_real(c, array, i) + delta.x()));
                     pdf_array_put_drop(c, array, i + 1, pdf_new_real(c, pdf_array_get_real(c, array, i + 1) + delta.y()));
                 }
             }
-            pdf_obj *ink = pdf_dict_get(c, obj_, PDF_NAME(InkList));
+            pdf_obj *ink = pdf_dict_get(c, native_->obj, PDF_NAME(InkList));
             for (int j = 0; j < pdf_array_len(c, ink); ++j) {
                 pdf_obj *array = pdf_array_get(c, ink, j);
                 for (int i = 0; i + 1 < pdf_array_len(c, array); i += 2) {
@@ -374,9 +378,9 @@ void PdfAnnotation::setBorderWidth(std::optional<qreal> width)
 void PdfAnnotation::setContents(const QString &text)
 {
     contents_ = text;
-    if (obj_ && !ownLook_ && type_ != FreeText) {
+    if (native_->obj && !ownLook_ && type_ != FreeText) {
         const QByteArray utf8 = text.toUtf8();
-        mu::tryGuard([&](fz_context *c) { pdf_dict_put_text_string(c, obj_, PDF_NAME(Contents), utf8.constData()); });
+        mu::tryGuard([&](fz_context *c) { pdf_dict_put_text_string(c, native_->obj, PDF_NAME(Contents), utf8.constData()); });
         return;
     }
     changed(type_ == FreeText);

@@ -17,7 +17,6 @@
 
 struct DocCore;
 class PdfPage;
-typedef struct pdf_obj pdf_obj;
 
 class PdfAnnotation : public std::enable_shared_from_this<PdfAnnotation> {
 public:
@@ -75,7 +74,8 @@ protected:
 
 private:
     friend class PdfPage;
-    static std::shared_ptr<PdfAnnotation> fromFile(const std::shared_ptr<DocCore> &core, pdf_obj *obj);
+    struct Native;
+    static std::shared_ptr<PdfAnnotation> fromFile(const std::shared_ptr<DocCore> &core, std::unique_ptr<Native> native);
 
     void readFromFile();
     // Puts the annotation's dictionary into `core` (making it on first use).
@@ -102,7 +102,6 @@ private:
     // asks for a new one; annotations made here always get their look from us.
     bool ownLook_ = true;
     std::shared_ptr<DocCore> core_;
-    pdf_obj *obj_ = nullptr;
-    pdf_obj *appearance_ = nullptr; // our normal-appearance stream, reused on changes
+    std::unique_ptr<Native> native_;
     std::weak_ptr<PdfPage> page_;
 };

@@ -1,12 +1,12 @@
 #include "PdfDisplayList.h"
 
-#include "MuContext.h"
+#include "Native.h"
 
 #include <cmath>
 
-PdfDisplayList::PdfDisplayList(fz_display_list *list, QSizeF size) : list_(list), size_(size) {}
+PdfDisplayList::PdfDisplayList(std::unique_ptr<Native> native, QSizeF size) : native_(std::move(native)), size_(size) {}
 
-PdfDisplayList::~PdfDisplayList() { fz_drop_display_list(mu::ctx(), list_); }
+PdfDisplayList::~PdfDisplayList() { fz_drop_display_list(mu::ctx(), native_->list); }
 
 QImage PdfDisplayList::render(qreal scale, QRectF region) const
 {
@@ -38,7 +38,7 @@ bool PdfDisplayList::renderInto(QImage &target, qreal scale, QPointF origin) con
         {
             pixmap = fz_new_pixmap_with_data(c, fz_device_bgr(c), w, h, nullptr, 1, stride, bits);
             dev = fz_new_draw_device(c, fz_identity, pixmap);
-            fz_run_display_list(c, list_, dev, ctm, fz_infinite_rect, nullptr);
+            fz_run_display_list(c, native_->list, dev, ctm, fz_infinite_rect, nullptr);
             fz_close_device(c, dev);
         }
         fz_always(c)

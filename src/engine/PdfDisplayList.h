@@ -6,11 +6,12 @@
 #include <QRectF>
 #include <QSizeF>
 
-typedef struct fz_display_list fz_display_list;
+#include <memory>
 
 class PdfDisplayList {
 public:
-    PdfDisplayList(fz_display_list *list, QSizeF size);
+    struct Native;
+    PdfDisplayList(std::unique_ptr<Native> native, QSizeF size);
     ~PdfDisplayList();
     PdfDisplayList(const PdfDisplayList &) = delete;
     PdfDisplayList &operator=(const PdfDisplayList &) = delete;
@@ -26,6 +27,6 @@ public:
     bool renderInto(QImage &target, qreal scale, QPointF origin) const;
 
 private:
-    fz_display_list *list_;
+    std::unique_ptr<Native> native_;
     QSizeF size_;
 };

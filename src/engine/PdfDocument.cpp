@@ -1,6 +1,7 @@
 #include "PdfDocument.h"
 
 #include "DocCore.h"
+#include "Native.h"
 #include "PdfPage.h"
 
 #include <QFile>
@@ -133,7 +134,7 @@ bool PdfDocument::loadPageList()
     pages_.clear();
     pages_.reserve(refs.size());
     for (pdf_obj *ref : refs) {
-        pages_.emplace_back(new PdfPage(core_, ref));
+        pages_.emplace_back(new PdfPage(core_, std::make_unique<PdfPage::Native>(ref)));
         pages_.back()->document_ = weak_from_this();
     }
     return true;
@@ -247,7 +248,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     const bool returning = page->core_ == core_ && !page->isUnplacedCopy_ && indexOf(page.get()) < 0;
     core_->unloadPages();
     if (returning) {
-        if (!mu::tryGuard([&](fz_context *c) { pdf_insert_page(c, core_->doc, index, page->obj_); }))
+        if (!mu::tryGuard([&](fz_context *c) { pdf_insert_page(c, core_->doc, index, page->native_->obj); }))
             return false;
         page->document_ = weak_from_this();
         pages_.insert(pages_.begin() + index, page);
@@ -263,7 +264,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     pdf_obj *ref = nullptr;
     if (!mu::tryGuard([&](fz_context *c) {
-            ref = importPage(c, core_->doc, map, page->obj_);
+            ref = importPage(c, core_->doc, map, page->native_->obj);
             pdf_insert_page(c, core_->doc, index, ref);
         })) {
         pdf_drop_obj(mu::ctx(), ref);
@@ -271,10 +272,10 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     std::shared_ptr<PdfPage> placed;
     if (page->isUnplacedCopy_) {
-        page->place(core_, ref);
+        page->place(core_, std::make_unique<PdfPage::Native>(ref));
         placed = page;
     } else {
-        placed.reset(new PdfPage(core_, ref));
+        placed.reset(new PdfPage(core_, std::make_unique<PdfPage::Native>(ref)));
     }
     placed->document_ = weak_from_this();
     pages_.insert(pages_.begin() + index, placed);

@@ -1,6 +1,7 @@
 #include "PdfPage.h"
 
 #include "DocCore.h"
+#include "Native.h"
 #include "PdfAnnotation.h"
 #include "PdfDisplayList.h"
 #include "PdfDocument.h"
@@ -49,12 +50,12 @@ QString cleanFontName(const char *name)
 
 } // namespace
 
-PdfPage::PdfPage(std::shared_ptr<DocCore> core, pdf_obj *obj) : core_(std::move(core)), obj_(obj) {}
+PdfPage::PdfPage(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native) : core_(std::move(core)), native_(std::move(native)) {}
 
 PdfPage::~PdfPage()
 {
     unload();
-    pdf_drop_obj(mu::ctx(), obj_);
+    pdf_drop_obj(mu::ctx(), native_->obj);
 }
 
 std::shared_ptr<PdfDocument> PdfPage::document() const { return document_.lock(); }
@@ -65,34 +66,34 @@ int PdfPage::index() const
     return doc ? doc->indexOf(this) : -1;
 }
 
-pdf_page *PdfPage::loaded()
+bool PdfPage::load()
 {
-    if (loaded_)
-        return loaded_;
+    if (native_->loaded)
+        return true;
     const int at = index();
     if (at < 0 || isUnplacedCopy_)
-        return nullptr;
-    if (!mu::tryGuard([&](fz_context *c) { loaded_ = pdf_load_page(c, core_->doc, at); }))
-        return nullptr;
+        return false;
+    if (!mu::tryGuard([&](fz_context *c) { native_->loaded = pdf_load_page(c, core_->doc, at); }))
+        return false;
     core_->loadedPages.push_back(this);
-    return loaded_;
+    return true;
 }
 
 void PdfPage::unload()
 {
-    if (!loaded_)
+    if (!native_->loaded)
         return;
-    fz_drop_page(mu::ctx(), &loaded_->super);
-    loaded_ = nullptr;
+    fz_drop_page(mu::ctx(), &native_->loaded->super);
+    native_->loaded = nullptr;
     auto &list = core_->loadedPages;
     list.erase(std::remove(list.begin(), list.end(), this), list.end());
 }
 
-void PdfPage::place(std::shared_ptr<DocCore> core, pdf_obj *ref)
+void PdfPage::place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native)
 {
     unload();
-    pdf_drop_obj(mu::ctx(), obj_);
-    obj_ = ref;
+    pdf_drop_obj(mu::ctx(), native_->obj);
+    native_ = std::move(native);
     core_ = std::move(core);
     isUnplacedCopy_ = false;
     annotations_.clear();
@@ -109,10 +110,10 @@ QRectF PdfPage::bounds(PdfBox box) const
     fz_rect media{0, 0, 612, 792}, crop{};
     bool hasCrop = false;
     mu::tryGuard([&](fz_context *c) {
-        pdf_obj *m = pdf_dict_get_inheritable(c, obj_, PDF_NAME(MediaBox));
+        pdf_obj *m = pdf_dict_get_inheritable(c, native_->obj, PDF_NAME(MediaBox));
         if (pdf_is_array(c, m))
             media = pdf_to_rect(c, m);
-        pdf_obj *cb = pdf_dict_get_inheritable(c, obj_, PDF_NAME(CropBox));
+        pdf_obj *cb = pdf_dict_get_inheritable(c, native_->obj, PDF_NAME(CropBox));
         if (pdf_is_array(c, cb)) {
             crop = pdf_to_rect(c, cb);
             hasCrop = true;
@@ -128,7 +129,7 @@ QRectF PdfPage::bounds(PdfBox box) const
 int PdfPage::rotation() const
 {
     int degrees = 0;
-    mu::tryGuard([&](fz_context *c) { degrees = pdf_to_int(c, pdf_dict_get_inheritable(c, obj_, PDF_NAME(Rotate))); });
+    mu::tryGuard([&](fz_context *c) { degrees = pdf_to_int(c, pdf_dict_get_inheritable(c, native_->obj, PDF_NAME(Rotate))); });
     degrees = ((degrees % 360) + 360) % 360;
     return degrees - degrees % 90;
 }
@@ -136,7 +137,7 @@ int PdfPage::rotation() const
 void PdfPage::setRotation(int degrees)
 {
     const int normalized = (((degrees % 360) + 360) % 360) / 90 * 90;
-    if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, obj_, PDF_NAME(Rotate), normalized); }))
+    if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, native_->obj, PDF_NAME(Rotate), normalized); }))
         unload();
 }
 
@@ -144,7 +145,7 @@ QTransform PdfPage::pageToDisplay() const
 {
     fz_matrix ctm = fz_identity;
     fz_rect box{};
-    mu::tryGuard([&](fz_context *c) { pdf_page_obj_transform(c, obj_, &box, &ctm); });
+    mu::tryGuard([&](fz_context *c) { pdf_page_obj_transform(c, native_->obj, &box, &ctm); });
     return toQt(ctm);
 }
 
@@ -159,7 +160,7 @@ std::vector<std::shared_ptr<PdfAnnotation>> PdfPage::annotations()
         return annotations_;
     std::vector<pdf_obj *> refs;
     mu::tryGuard([&](fz_context *c) {
-        pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
+        pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
         for (int i = 0; i < pdf_array_len(c, annots); ++i) {
             pdf_obj *entry = pdf_array_get(c, annots, i);
             if (!pdf_is_dict(c, entry) || pdf_name_eq(c, pdf_dict_get(c, entry, PDF_NAME(Subtype)), PDF_NAME(Popup)))
@@ -174,7 +175,7 @@ std::vector<std::shared_ptr<PdfAnnotation>> PdfPage::annotations()
         }
     });
     for (pdf_obj *ref : refs) {
-        auto annotation = PdfAnnotation::fromFile(core_, ref);
+        auto annotation = PdfAnnotation::fromFile(core_, std::make_unique<PdfAnnotation::Native>(ref));
         annotation->page_ = weak_from_this();
         annotations_.push_back(annotation);
     }
@@ -194,11 +195,11 @@ void PdfPage::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
     try {
         annotation->materialize(core_);
         mu::guard([&](fz_context *c) {
-            pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
+            pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
             if (!pdf_is_array(c, annots))
-                annots = pdf_dict_put_array(c, obj_, PDF_NAME(Annots), 4);
-            pdf_array_push(c, annots, annotation->obj_);
-            pdf_dict_put(c, annotation->obj_, PDF_NAME(P), obj_);
+                annots = pdf_dict_put_array(c, native_->obj, PDF_NAME(Annots), 4);
+            pdf_array_push(c, annots, annotation->native_->obj);
+            pdf_dict_put(c, annotation->native_->obj, PDF_NAME(P), native_->obj);
         });
     } catch (const mu::Error &) {
         return;
@@ -213,11 +214,11 @@ void PdfPage::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
     if (!annotation || annotation->page().get() != this)
         return;
     mu::tryGuard([&](fz_context *c) {
-        pdf_obj *annots = pdf_dict_get(c, obj_, PDF_NAME(Annots));
-        pdf_obj *popup = pdf_dict_get(c, annotation->obj_, PDF_NAME(Popup));
+        pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
+        pdf_obj *popup = pdf_dict_get(c, annotation->native_->obj, PDF_NAME(Popup));
         for (int i = pdf_array_len(c, annots) - 1; i >= 0; --i) {
             pdf_obj *entry = pdf_array_get(c, annots, i);
-            if (!pdf_objcmp(c, entry, annotation->obj_) || (popup && !pdf_objcmp(c, entry, popup)))
+            if (!pdf_objcmp(c, entry, annotation->native_->obj) || (popup && !pdf_objcmp(c, entry, popup)))
                 pdf_array_delete(c, annots, i);
         }
     });
@@ -239,7 +240,7 @@ std::shared_ptr<PdfAnnotation> PdfPage::annotation(QPointF point)
 
 std::shared_ptr<PdfPage> PdfPage::copy()
 {
-    std::shared_ptr<PdfPage> copy(new PdfPage(core_, pdf_keep_obj(mu::ctx(), obj_)));
+    std::shared_ptr<PdfPage> copy(new PdfPage(core_, std::make_unique<Native>(pdf_keep_obj(mu::ctx(), native_->obj))));
     copy->isUnplacedCopy_ = true;
     return copy;
 }
@@ -247,7 +248,7 @@ std::shared_ptr<PdfPage> PdfPage::copy()
 std::vector<PdfLink> PdfPage::links()
 {
     std::vector<PdfLink> result;
-    pdf_page *page = loaded();
+    pdf_page *page = load() ? native_->loaded : nullptr;
     auto doc = document();
     if (!page || !doc)
         return result;
@@ -289,10 +290,10 @@ std::vector<PdfLink> PdfPage::links()
 
 std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &options)
 {
-    pdf_page *page = loaded();
+    pdf_page *page = load() ? native_->loaded : nullptr;
     if (!page)
         return nullptr;
-    pdf_obj *skip = options.skip && options.skip->page().get() == this ? options.skip->obj_ : nullptr;
+    pdf_obj *skip = options.skip && options.skip->page().get() == this ? options.skip->native_->obj : nullptr;
     fz_display_list *list = nullptr;
     fz_rect bounds{};
     const bool ok = mu::tryGuard([&](fz_context *c) {
@@ -324,7 +325,7 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
     });
     if (!ok)
         return nullptr;
-    return std::make_shared<PdfDisplayList>(list, QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+    return std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list), QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
 }
 
 QImage PdfPage::render(qreal scale, const PdfRenderOptions &options) { return render(scale, QRectF(), options); }
@@ -349,7 +350,7 @@ PdfPage::Text &PdfPage::textLayout()
     if (text_)
         return *text_;
     text_ = std::make_unique<Text>();
-    pdf_page *page = loaded();
+    pdf_page *page = load() ? native_->loaded : nullptr;
     if (!page)
         return *text_;
     fz_stext_page *stext = nullptr;

@@ -17,8 +17,6 @@
 struct DocCore;
 class PdfDisplayList;
 class PdfDocument;
-typedef struct pdf_obj pdf_obj;
-typedef struct pdf_page pdf_page;
 
 class PdfPage : public std::enable_shared_from_this<PdfPage> {
 public:
@@ -78,11 +76,13 @@ private:
     friend class PdfSelection;
     struct Text;
 
-    PdfPage(std::shared_ptr<DocCore> core, pdf_obj *obj);
-    pdf_page *loaded();
+    struct Native;
+    PdfPage(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native);
+    // MuPDF's page, loaded on first use; none for a page outside a document.
+    bool load();
     void unload();
     // Turns an unplaced copy into the page `ref` of `core`'s document.
-    void place(std::shared_ptr<DocCore> core, pdf_obj *ref);
+    void place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native);
     void annotationsChanged();
     Text &textLayout();
     int caretAt(QPointF point);
@@ -90,8 +90,7 @@ private:
 
     std::shared_ptr<DocCore> core_;
     std::weak_ptr<PdfDocument> document_;
-    pdf_obj *obj_ = nullptr;
-    pdf_page *loaded_ = nullptr;
+    std::unique_ptr<Native> native_;
     bool isUnplacedCopy_ = false;
     bool annotationsRead_ = false;
     std::vector<std::shared_ptr<PdfAnnotation>> annotations_;

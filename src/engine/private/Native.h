@@ -1,0 +1,22 @@
+// Internal to the engine: the MuPDF objects behind the public engine classes,
+// kept out of the public headers so that no other folder sees a MuPDF type.
+#pragma once
+
+#include "MuContext.h"
+#include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
+#include "PdfPage.h"
+
+struct PdfPage::Native {
+    pdf_obj *obj = nullptr;       // the page dictionary (a reference we own)
+    pdf_page *loaded = nullptr;   // MuPDF's loaded page, while it is kept
+};
+
+struct PdfAnnotation::Native {
+    pdf_obj *obj = nullptr;        // the annotation dictionary (a reference we own)
+    pdf_obj *appearance = nullptr; // our normal-appearance stream, reused on changes
+};
+
+struct PdfDisplayList::Native {
+    fz_display_list *list = nullptr;
+};

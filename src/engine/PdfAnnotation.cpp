@@ -184,19 +184,14 @@ void PdfAnnotation::materialize(const std::shared_ptr<DocCore> &core)
     if (native_->obj && core_ == core)
         return;
     if (native_->obj && !ownLook_) {
-        // A file's annotation moving to another document takes its dictionary along.
+        // A file's annotation moving to another document takes its dictionary
+        // (and its popup) along.
         pdf_obj *moved = nullptr;
         pdf_graft_map *map = core->graftMapFor(core_);
-        mu::guard([&](fz_context *c) {
-            pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, native_->obj));
-            pdf_dict_del(c, copy, PDF_NAME(P));
-            pdf_dict_del(c, copy, PDF_NAME(Popup));
-            pdf_dict_del(c, copy, PDF_NAME(Parent));
-            pdf_dict_del(c, copy, PDF_NAME(IRT));
-            fz_try(c) moved = pdf_add_object_drop(c, core->doc, pdf_graft_mapped_object(c, map, copy));
-            fz_always(c) pdf_drop_obj(c, copy);
-            fz_catch(c) fz_rethrow(c);
-        });
+        const bool copied = mu::tryGuard([&](fz_context *c) { moved = copyAnnotation(c, core->doc, map, native_->obj); });
+        pdf_drop_graft_map(mu::ctx(), map);
+        if (!copied)
+            throw mu::Error("cannot copy the annotation");
         releaseObject();
         core_ = core;
         native_->obj = moved;
@@ -218,8 +213,8 @@ void PdfAnnotation::writeDictionary()
     QByteArray da;
     if (type_ == FreeText) {
         const QColor text = fontColor_.isValid() ? fontColor_ : QColor(Qt::black);
-        const PdfFont font = font_.value_or(PdfFont{QStringLiteral("Helvetica"), 12});
-        da = '/' + appearance::fontNameToken(font.name) + ' ' + appearance::number(font.size > 0 ? font.size : 12) + " Tf "
+        const PdfFont font = appearance::freeTextFont(font_);
+        da = '/' + appearance::fontNameToken(font.name) + ' ' + appearance::number(font.size) + " Tf "
              + appearance::number(text.redF()) + ' ' + appearance::number(text.greenF()) + ' '
              + appearance::number(text.blueF()) + " rg";
     }
@@ -231,7 +226,7 @@ void PdfAnnotation::writeDictionary()
         pdf_dict_put_rect(c, d, PDF_NAME(Rect),
                           fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
         if (!pdf_dict_gets(c, d, "NM"))
-            pdf_dict_puts_drop(c, d, "NM", pdf_new_text_string(c, id.constData()));
+            mu::putsDrop(c, d, "NM", pdf_new_text_string(c, id.constData()));
         pdf_dict_put_int(c, d, PDF_NAME(F), 4); // printable
         if (freeText) {
             // A transparent background is written as no background.
@@ -309,7 +304,7 @@ void PdfAnnotation::changed(bool lookChanged)
         // The in-memory properties stay; the file keeps its previous state.
     }
     if (auto page = page_.lock())
-        page->annotationsChanged();
+        page->changed(PdfChangeChannel::Annotations);
 }
 
 void PdfAnnotation::setBounds(const QRectF &bounds)
@@ -351,7 +346,7 @@ void PdfAnnotation::setBounds(const QRectF &bounds)
             }
         });
         if (auto page = page_.lock())
-            page->annotationsChanged();
+            page->changed(PdfChangeChannel::Annotations);
         return;
     }
     changed(resized && type_ != Stamp);

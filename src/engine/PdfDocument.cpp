@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_set>
 
 DocCore::~DocCore()
 {
@@ -16,7 +17,7 @@ DocCore::~DocCore()
     unloadPages();
     for (auto &[name, obj] : fonts)
         pdf_drop_obj(c, obj);
-    pdf_drop_graft_map(c, graftMap_);
+    dropGraftMaps();
     pdf_drop_document(c, doc);
 }
 
@@ -30,14 +31,28 @@ void DocCore::unloadPages()
 
 pdf_graft_map *DocCore::graftMapFor(const std::shared_ptr<DocCore> &source)
 {
-    if (graftMap_ && graftSource_.lock() == source)
-        return graftMap_;
-    fz_context *c = mu::ctx();
-    pdf_drop_graft_map(c, graftMap_);
-    graftMap_ = nullptr;
-    mu::guard([&](fz_context *cc) { graftMap_ = pdf_new_graft_map(cc, doc); });
-    graftSource_ = source;
-    return graftMap_;
+    auto kept = graftMaps_.find(source);
+    if (kept != graftMaps_.end())
+        return pdf_keep_graft_map(mu::ctx(), kept->second);
+    pdf_graft_map *map = nullptr;
+    mu::guard([&](fz_context *c) { map = pdf_new_graft_map(c, doc); });
+    if (copyBatches_ > 0)
+        graftMaps_.emplace(source, pdf_keep_graft_map(mu::ctx(), map));
+    return map;
+}
+
+void DocCore::endCopyBatch()
+{
+    if (copyBatches_ > 0 && --copyBatches_ == 0)
+        dropGraftMaps();
+}
+
+void DocCore::dropGraftMaps()
+{
+    auto maps = std::move(graftMaps_);
+    graftMaps_.clear();
+    for (auto &[source, map] : maps)
+        pdf_drop_graft_map(mu::ctx(), map);
 }
 
 pdf_obj *DocCore::reference(fz_context *c, pdf_obj *obj)
@@ -48,6 +63,142 @@ pdf_obj *DocCore::reference(fz_context *c, pdf_obj *obj)
     if (num > 0)
         return pdf_new_indirect(c, doc, num, 0);
     return pdf_keep_obj(c, obj);
+}
+
+namespace {
+
+// A new stream object in `doc` with the data and dictionary of `stream`.
+pdf_obj *copyStream(fz_context *c, pdf_document *doc, pdf_obj *stream)
+{
+    pdf_obj *dict = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, stream));
+    fz_buffer *data = nullptr;
+    pdf_obj *ref = nullptr;
+    fz_var(data);
+    fz_var(ref);
+    fz_try(c)
+    {
+        data = pdf_load_raw_stream(c, stream);
+        ref = pdf_add_object(c, doc, dict);
+        pdf_update_stream(c, doc, ref, data, 1);
+    }
+    fz_always(c)
+    {
+        fz_drop_buffer(c, data);
+        pdf_drop_obj(c, dict);
+    }
+    fz_catch(c)
+    {
+        pdf_drop_obj(c, ref);
+        fz_rethrow(c);
+    }
+    return ref;
+}
+
+// The entry `key` of `dict` as a direct dictionary of its own (a copy when it
+// is shared through a reference); null when there is none.
+pdf_obj *ownDict(fz_context *c, pdf_obj *dict, pdf_obj *key)
+{
+    pdf_obj *value = pdf_dict_get(c, dict, key);
+    if (!pdf_is_dict(c, value))
+        return nullptr;
+    if (pdf_is_indirect(c, value)) {
+        pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, value));
+        pdf_set_obj_parent(c, copy, pdf_obj_parent_num(c, dict));
+        pdf_dict_put_drop(c, dict, key, copy);
+        value = pdf_dict_get(c, dict, key);
+    }
+    return value;
+}
+
+// Gives an annotation copied within its own document appearance streams of
+// its own, so that restyling the copy or the original leaves the other as it is.
+void copyAppearances(fz_context *c, pdf_document *doc, pdf_obj *annot)
+{
+    pdf_obj *ap = ownDict(c, annot, PDF_NAME(AP));
+    if (!ap)
+        return;
+    pdf_obj *kinds[] = {PDF_NAME(N), PDF_NAME(R), PDF_NAME(D)};
+    for (pdf_obj *kind : kinds) {
+        pdf_obj *value = pdf_dict_get(c, ap, kind);
+        if (pdf_is_stream(c, value)) {
+            pdf_dict_put_drop(c, ap, kind, copyStream(c, doc, value));
+            continue;
+        }
+        pdf_obj *states = ownDict(c, ap, kind);
+        for (int i = 0; i < pdf_dict_len(c, states); ++i)
+            if (pdf_is_stream(c, pdf_dict_get_val(c, states, i)))
+                pdf_dict_put_drop(c, states, pdf_dict_get_key(c, states, i), copyStream(c, doc, pdf_dict_get_val(c, states, i)));
+    }
+}
+
+// A copy of the annotation `annot` added to `dst` as an object of its own
+// (a new reference): grafted through `map` from another document, or with
+// appearances of its own within the same one. Its links to the source page,
+// popup, form parent and replied-to note would drag the source along; they
+// are cut, and the caller links the copy to its new page and popup.
+pdf_obj *copyAnnotationOnly(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot)
+{
+    // A new dictionary takes the entries. A deep copy still names the source
+    // object as its parent, so changing it would make MuPDF prepare the source
+    // for a change (which corrupts the source when memory runs out half-way):
+    // the copied values are cut loose first.
+    pdf_obj *source = pdf_resolve_indirect(c, annot);
+    pdf_obj *copy = pdf_new_dict(c, pdf_get_bound_document(c, source), pdf_dict_len(c, source));
+    pdf_obj *brought = nullptr;
+    pdf_obj *ref = nullptr;
+    fz_var(brought);
+    fz_var(ref);
+    fz_try(c)
+    {
+        pdf_obj *links[] = {PDF_NAME(P), PDF_NAME(Popup), PDF_NAME(Parent), PDF_NAME(IRT)};
+        for (int i = 0; i < pdf_dict_len(c, source); ++i) {
+            pdf_obj *key = pdf_dict_get_key(c, source, i);
+            if (std::any_of(std::begin(links), std::end(links), [&](pdf_obj *link) { return pdf_name_eq(c, key, link); }))
+                continue;
+            pdf_obj *value = pdf_deep_copy_obj(c, pdf_dict_get_val(c, source, i));
+            pdf_set_obj_parent(c, value, 0);
+            pdf_dict_put_drop(c, copy, key, value);
+        }
+        if (map) {
+            brought = pdf_graft_mapped_object(c, map, copy);
+        } else {
+            brought = pdf_keep_obj(c, copy);
+            copyAppearances(c, dst, brought);
+        }
+        ref = pdf_add_object(c, dst, brought);
+    }
+    fz_always(c)
+    {
+        pdf_drop_obj(c, brought);
+        pdf_drop_obj(c, copy);
+    }
+    fz_catch(c)
+    {
+        pdf_drop_obj(c, ref);
+        fz_rethrow(c);
+    }
+    return ref;
+}
+
+} // namespace
+
+pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot)
+{
+    pdf_obj *copy = copyAnnotationOnly(c, dst, map, annot);
+    pdf_obj *popup = pdf_dict_get(c, annot, PDF_NAME(Popup));
+    if (!pdf_is_dict(c, popup))
+        return copy;
+    fz_try(c)
+    {
+        pdf_dict_put_drop(c, copy, PDF_NAME(Popup), copyAnnotationOnly(c, dst, map, popup));
+        pdf_dict_put(c, pdf_dict_get(c, copy, PDF_NAME(Popup)), PDF_NAME(Parent), copy);
+    }
+    fz_catch(c)
+    {
+        pdf_drop_obj(c, copy);
+        fz_rethrow(c);
+    }
+    return copy;
 }
 
 namespace {
@@ -102,29 +253,53 @@ PdfDocument::~PdfDocument()
         page->document_.reset();
 }
 
-// Makes a page object for every page, reading the page tree once (looking up
-// pages one by one walks the tree each time); a damaged file that MuPDF
-// "repairs" into nothing is not a readable PDF.
+namespace {
+
+// Appends the page dictionaries under a node of the page tree to `out`, in
+// order (a node with /Kids is a branch, anything else a page). Nodes seen
+// before (a cycle in a damaged file) and nodes nested absurdly deep are skipped.
+void collectPages(fz_context *c, pdf_obj *node, int depth, std::unordered_set<int> &seen, std::vector<pdf_obj *> &out)
+{
+    const int num = pdf_to_num(c, node);
+    if (depth > 64 || (num > 0 && !seen.insert(num).second))
+        return;
+    pdf_obj *kids = pdf_dict_get(c, node, PDF_NAME(Kids));
+    if (!pdf_is_array(c, kids)) {
+        if (pdf_is_dict(c, node))
+            out.push_back(node);
+        return;
+    }
+    for (int i = 0; i < pdf_array_len(c, kids); ++i)
+        collectPages(c, pdf_array_get(c, kids, i), depth + 1, seen, out);
+}
+
+} // namespace
+
+// Makes a page object for every page. The page tree is walked here once:
+// looking pages up one by one walks it for every page, and MuPDF's own
+// loaded page tree keeps every page dictionary it was asked for referenced
+// for good. Where the walk disagrees with the page count (a damaged tree),
+// MuPDF's lookup decides. A damaged file that MuPDF "repairs" into nothing is
+// not a readable PDF.
 bool PdfDocument::loadPageList()
 {
-    std::vector<pdf_obj *> refs;
+    std::vector<pdf_obj *> found, refs;
+    std::unordered_set<int> seen;
     const bool ok = mu::tryGuard([&](fz_context *c) {
         const int count = pdf_count_pages(c, core_->doc);
         if (count == 0 && pdf_was_repaired(c, core_->doc))
             fz_throw(c, FZ_ERROR_GENERIC, "no pages in a damaged file");
         refs.reserve(size_t(std::max(count, 0)));
-        pdf_load_page_tree(c, core_->doc);
-        fz_try(c)
-        {
-            for (int i = 0; i < count; ++i) {
-                pdf_obj *obj = pdf_lookup_page_obj(c, core_->doc, i);
-                if (!obj)
-                    fz_throw(c, FZ_ERROR_GENERIC, "page %d is missing", i);
-                refs.push_back(core_->reference(c, obj));
-            }
+        found.reserve(size_t(std::max(count, 0)));
+        collectPages(c, pdf_dict_get(c, pdf_dict_get(c, pdf_trailer(c, core_->doc), PDF_NAME(Root)), PDF_NAME(Pages)), 0, seen,
+                     found);
+        const bool walked = int(found.size()) == count;
+        for (int i = 0; i < count; ++i) {
+            pdf_obj *obj = walked ? found[size_t(i)] : pdf_lookup_page_obj(c, core_->doc, i);
+            if (!obj)
+                fz_throw(c, FZ_ERROR_GENERIC, "page %d is missing", i);
+            refs.push_back(core_->reference(c, obj));
         }
-        fz_always(c) pdf_drop_page_tree(c, core_->doc);
-        fz_catch(c) fz_rethrow(c);
     });
     if (!ok) {
         for (pdf_obj *ref : refs)
@@ -141,6 +316,8 @@ bool PdfDocument::loadPageList()
 }
 
 QString PdfDocument::path() const { return core_->path; }
+
+PdfChangeChannel *PdfDocument::changes() const { return &core_->changes; }
 
 bool PdfDocument::isEncrypted() const
 {
@@ -184,13 +361,39 @@ int PdfDocument::indexOf(const PdfPage *page) const
 
 namespace {
 
-// Builds in `dst` a new page dictionary from `srcPage` of `src` (same document
-// or another), with copies of its annotations. Returns a new reference.
+// Appends to the page's /Annots copies of the source page's annotations, each
+// followed by a copy of its popup, linked to it.
+void copyAnnotations(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *srcPage, pdf_obj *page)
+{
+    pdf_obj *annots = pdf_dict_get(c, srcPage, PDF_NAME(Annots));
+    const int n = pdf_array_len(c, annots);
+    if (n == 0)
+        return;
+    pdf_obj *copies = pdf_dict_put_array(c, page, PDF_NAME(Annots), n);
+    for (int i = 0; i < n; ++i) {
+        pdf_obj *annot = pdf_array_get(c, annots, i);
+        if (!pdf_is_dict(c, annot) || pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Popup)))
+            continue;
+        pdf_obj *copy = copyAnnotation(c, dst, map, annot);
+        pdf_array_push_drop(c, copies, copy);
+        pdf_dict_put(c, copy, PDF_NAME(P), page);
+        pdf_obj *popup = pdf_dict_get(c, copy, PDF_NAME(Popup));
+        if (popup) {
+            pdf_array_push(c, copies, popup);
+            pdf_dict_put(c, popup, PDF_NAME(P), page);
+        }
+    }
+}
+
+// Builds in `dst` a new page dictionary from `srcPage`, of another document
+// (copied through `map`) or of `dst` itself (no map: contents and resources
+// are shared, annotations get their own copies). Returns a new reference.
 pdf_obj *importPage(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *srcPage)
 {
     auto bring = [&](pdf_obj *obj) { return map ? pdf_graft_mapped_object(c, map, obj) : pdf_keep_obj(c, obj); };
     pdf_obj *dict = pdf_new_dict(c, dst, 12);
     pdf_obj *ref = nullptr;
+    fz_var(ref);
     fz_try(c)
     {
         pdf_dict_put(c, dict, PDF_NAME(Type), PDF_NAME(Page));
@@ -208,27 +411,7 @@ pdf_obj *importPage(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_ob
                 pdf_dict_put_drop(c, dict, key, bring(val));
         }
         ref = pdf_add_object(c, dst, dict);
-        pdf_obj *annots = pdf_dict_get(c, srcPage, PDF_NAME(Annots));
-        const int n = pdf_array_len(c, annots);
-        if (n > 0) {
-            pdf_obj *copies = pdf_dict_put_array(c, ref, PDF_NAME(Annots), n);
-            for (int i = 0; i < n; ++i) {
-                pdf_obj *annot = pdf_array_get(c, annots, i);
-                if (!pdf_is_dict(c, annot) || pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Popup)))
-                    continue;
-                // Links back to the source page or its form fields would drag the
-                // whole source document along; the copy stands on its own.
-                pdf_obj *copy = pdf_deep_copy_obj(c, pdf_resolve_indirect(c, annot));
-                pdf_dict_del(c, copy, PDF_NAME(P));
-                pdf_dict_del(c, copy, PDF_NAME(Popup));
-                pdf_dict_del(c, copy, PDF_NAME(Parent));
-                pdf_dict_del(c, copy, PDF_NAME(IRT));
-                pdf_obj *brought = bring(copy);
-                pdf_drop_obj(c, copy);
-                pdf_dict_put(c, brought, PDF_NAME(P), ref);
-                pdf_array_push_drop(c, copies, pdf_add_object_drop(c, dst, brought));
-            }
-        }
+        copyAnnotations(c, dst, map, srcPage, ref);
     }
     fz_always(c) pdf_drop_obj(c, dict);
     fz_catch(c)
@@ -263,10 +446,12 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
         return false;
     }
     pdf_obj *ref = nullptr;
-    if (!mu::tryGuard([&](fz_context *c) {
-            ref = importPage(c, core_->doc, map, page->native_->obj);
-            pdf_insert_page(c, core_->doc, index, ref);
-        })) {
+    const bool copied = mu::tryGuard([&](fz_context *c) {
+        ref = importPage(c, core_->doc, map, page->native_->obj);
+        pdf_insert_page(c, core_->doc, index, ref);
+    });
+    pdf_drop_graft_map(mu::ctx(), map);
+    if (!copied) {
         pdf_drop_obj(mu::ctx(), ref);
         return false;
     }
@@ -280,6 +465,18 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     placed->document_ = weak_from_this();
     pages_.insert(pages_.begin() + index, placed);
     return true;
+}
+
+PdfCopyBatch::PdfCopyBatch(const std::shared_ptr<PdfDocument> &into) : core_(into ? into->core_ : nullptr)
+{
+    if (core_)
+        core_->beginCopyBatch();
+}
+
+PdfCopyBatch::~PdfCopyBatch()
+{
+    if (core_)
+        core_->endCopyBatch();
 }
 
 bool PdfDocument::removePage(int index)

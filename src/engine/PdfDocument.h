@@ -8,6 +8,7 @@
 #include <vector>
 
 struct DocCore;
+class PdfChangeChannel;
 class PdfPage;
 
 struct PdfWriteOptions {
@@ -15,6 +16,23 @@ struct PdfWriteOptions {
     // otherwise an encrypted document stays encrypted as it was.
     QString userPassword;
     QString ownerPassword;
+};
+
+class PdfDocument;
+
+// While a batch is open, the pages copied into its document from one source
+// share the copies of what they have in common (fonts, images), so a merge of
+// many pages writes each shared resource once. Outside a batch every copy is
+// made afresh from the source as it is at that moment.
+class PdfCopyBatch {
+public:
+    explicit PdfCopyBatch(const std::shared_ptr<PdfDocument> &into);
+    ~PdfCopyBatch();
+    PdfCopyBatch(const PdfCopyBatch &) = delete;
+    PdfCopyBatch &operator=(const PdfCopyBatch &) = delete;
+
+private:
+    std::shared_ptr<DocCore> core_;
 };
 
 class PdfDocument : public std::enable_shared_from_this<PdfDocument> {
@@ -25,6 +43,9 @@ public:
     ~PdfDocument();
     PdfDocument(const PdfDocument &) = delete;
     PdfDocument &operator=(const PdfDocument &) = delete;
+
+    // Where changes to the document's pages are announced.
+    PdfChangeChannel *changes() const;
 
     // The file the document was read from (empty for a new document).
     QString path() const;
@@ -46,6 +67,7 @@ public:
     bool write(const QString &path, const PdfWriteOptions &options = {});
 
 private:
+    friend class PdfCopyBatch;
     friend class PdfPage;
     PdfDocument() = default;
     bool loadPageList();

@@ -103,7 +103,14 @@ void PdfPage::place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> nativ
 
 // MuPDF reads a page's annotations when it loads the page; the next picture
 // loads it again.
-void PdfPage::annotationsChanged() { unload(); }
+void PdfPage::changed(PdfChangeChannel::Changes changes)
+{
+    unload();
+    if (changes & PdfChangeChannel::Content)
+        text_.reset();
+    if (auto self = weak_from_this().lock())
+        emit core_->changes.pageChanged(self, changes);
+}
 
 QRectF PdfPage::bounds(PdfBox box) const
 {
@@ -138,7 +145,7 @@ void PdfPage::setRotation(int degrees)
 {
     const int normalized = (((degrees % 360) + 360) % 360) / 90 * 90;
     if (mu::tryGuard([&](fz_context *c) { pdf_dict_put_int(c, native_->obj, PDF_NAME(Rotate), normalized); }))
-        unload();
+        changed(PdfChangeChannel::Rotation);
 }
 
 QTransform PdfPage::pageToDisplay() const
@@ -182,6 +189,21 @@ std::vector<std::shared_ptr<PdfAnnotation>> PdfPage::annotations()
     return annotations_;
 }
 
+// Takes an annotation dictionary and its popup out of the page's /Annots; the
+// popup stays linked to the annotation, so that adding it back restores both.
+static void detach(pdf_obj *page, pdf_obj *annotation)
+{
+    mu::tryGuard([&](fz_context *c) {
+        pdf_obj *annots = pdf_dict_get(c, page, PDF_NAME(Annots));
+        pdf_obj *popup = pdf_dict_get(c, annotation, PDF_NAME(Popup));
+        for (int i = pdf_array_len(c, annots) - 1; i >= 0; --i) {
+            pdf_obj *entry = pdf_array_get(c, annots, i);
+            if (!pdf_objcmp(c, entry, annotation) || (popup && !pdf_objcmp(c, entry, popup)))
+                pdf_array_delete(c, annots, i);
+        }
+    });
+}
+
 void PdfPage::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     if (!annotation || isUnplacedCopy_)
@@ -194,37 +216,46 @@ void PdfPage::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
     annotations();
     try {
         annotation->materialize(core_);
-        mu::guard([&](fz_context *c) {
-            pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
-            if (!pdf_is_array(c, annots))
-                annots = pdf_dict_put_array(c, native_->obj, PDF_NAME(Annots), 4);
-            pdf_array_push(c, annots, annotation->native_->obj);
-            pdf_dict_put(c, annotation->native_->obj, PDF_NAME(P), native_->obj);
-        });
     } catch (const mu::Error &) {
+        return;
+    }
+    // The annotation goes on top, followed by its popup (a note made by another
+    // program), which is linked to it and to this page again.
+    pdf_obj *obj = annotation->native_->obj;
+    const bool added = mu::tryGuard([&](fz_context *c) {
+        pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
+        if (!pdf_is_array(c, annots))
+            annots = pdf_dict_put_array(c, native_->obj, PDF_NAME(Annots), 4);
+        pdf_array_push(c, annots, obj);
+        pdf_dict_put(c, obj, PDF_NAME(P), native_->obj);
+        pdf_obj *popup = pdf_dict_get(c, obj, PDF_NAME(Popup));
+        if (!pdf_is_dict(c, popup))
+            return;
+        if (!pdf_is_indirect(c, popup)) {
+            pdf_dict_put_drop(c, obj, PDF_NAME(Popup), pdf_add_object(c, core_->doc, popup));
+            popup = pdf_dict_get(c, obj, PDF_NAME(Popup));
+        }
+        pdf_array_push(c, annots, popup);
+        pdf_dict_put(c, popup, PDF_NAME(P), native_->obj);
+        pdf_dict_put(c, popup, PDF_NAME(Parent), obj);
+    });
+    if (!added) {
+        detach(native_->obj, obj);
         return;
     }
     annotations_.push_back(annotation);
     annotation->page_ = weak_from_this();
-    annotationsChanged();
+    changed(PdfChangeChannel::Annotations);
 }
 
 void PdfPage::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     if (!annotation || annotation->page().get() != this)
         return;
-    mu::tryGuard([&](fz_context *c) {
-        pdf_obj *annots = pdf_dict_get(c, native_->obj, PDF_NAME(Annots));
-        pdf_obj *popup = pdf_dict_get(c, annotation->native_->obj, PDF_NAME(Popup));
-        for (int i = pdf_array_len(c, annots) - 1; i >= 0; --i) {
-            pdf_obj *entry = pdf_array_get(c, annots, i);
-            if (!pdf_objcmp(c, entry, annotation->native_->obj) || (popup && !pdf_objcmp(c, entry, popup)))
-                pdf_array_delete(c, annots, i);
-        }
-    });
+    detach(native_->obj, annotation->native_->obj);
     annotations_.erase(std::remove(annotations_.begin(), annotations_.end(), annotation), annotations_.end());
     annotation->page_.reset();
-    annotationsChanged();
+    changed(PdfChangeChannel::Annotations);
 }
 
 std::shared_ptr<PdfAnnotation> PdfPage::annotation(QPointF point)

@@ -3,6 +3,7 @@
 // document stays valid and can be inserted again.
 #pragma once
 
+#include "PdfChangeChannel.h"
 #include "PdfSelection.h"
 #include "PdfTypes.h"
 
@@ -83,7 +84,8 @@ private:
     void unload();
     // Turns an unplaced copy into the page `ref` of `core`'s document.
     void place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native);
-    void annotationsChanged();
+    // Drops what was read from the page and announces the change.
+    void changed(PdfChangeChannel::Changes changes);
     Text &textLayout();
     int caretAt(QPointF point);
     PdfSelection selectionForRange(int fromChar, int toChar);

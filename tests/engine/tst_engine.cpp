@@ -3,6 +3,8 @@
 // (poppler's pdftoppm renders them, qpdf checks their structure).
 #include "ActAsNobody.h"
 #include "FixtureBuilder.h"
+#include "PdfInspect.h"
+#include "FontService.h"
 #include "PdfAnnotation.h"
 #include "PdfDisplayList.h"
 #include "PdfDocument.h"
@@ -10,9 +12,17 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFontInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPainter>
+#include <QPainterPath>
 #include <QProcess>
+#include <QRawFont>
 #include <QTemporaryDir>
+#include <QTextLayout>
+#include <QUrl>
 #include <QtTest>
 
 #include <thread>
@@ -27,20 +37,7 @@ QByteArray readAll(const QString &path)
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-// qpdf's structural check of a written file; empty when it passes.
-QString qpdfProblems(const QString &path, const QString &password = {})
-{
-    QProcess qpdf;
-    QStringList args{"--check"};
-    if (!password.isEmpty())
-        args << "--password=" + password;
-    qpdf.start("qpdf", args << path);
-    if (!qpdf.waitForFinished(60000))
-        return "qpdf did not finish";
-    if (qpdf.exitStatus() == QProcess::NormalExit && qpdf.exitCode() == 0)
-        return {};
-    return QString::fromLocal8Bit(qpdf.readAllStandardOutput() + qpdf.readAllStandardError());
-}
+using inspect::qpdfProblems;
 
 // One page of a file as poppler draws it.
 QImage popplerPage(const QString &path, int pageNumber = 1, int dpi = 72)
@@ -101,6 +98,96 @@ int inkHeight(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF 
     return top < 0 ? 0 : bottom - top + 1;
 }
 
+// The pixels of an image (rendered at `scale` pixels per point) that show a page-space rectangle.
+QRect pixelsOf(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
+{
+    const QRectF shown = page->pageToDisplay().mapRect(pageRect);
+    return QRectF(shown.topLeft() * scale, shown.size() * scale).toAlignedRect().intersected(image.rect());
+}
+
+bool dark(const QImage &image, int x, int y) { return qGray(image.pixel(x, y)) < 128; }
+
+// The first and last pixel columns of a page-space rectangle that hold dark
+// pixels: where drawn text starts and ends. (-1, -1) when there are none.
+std::pair<int, int> inkColumns(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
+{
+    const QRect px = pixelsOf(image, page, pageRect, scale);
+    int first = -1, last = -1;
+    for (int x = px.left(); x <= px.right(); ++x)
+        for (int y = px.top(); y <= px.bottom(); ++y)
+            if (dark(image, x, y)) {
+                if (first < 0)
+                    first = x;
+                last = x;
+                break;
+            }
+    return {first, last};
+}
+
+// Bands of rows with dark pixels, separated by blank rows: the lines of drawn text.
+int inkLines(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
+{
+    const QRect px = pixelsOf(image, page, pageRect, scale);
+    int bands = 0;
+    bool inBand = false;
+    for (int y = px.top(); y <= px.bottom(); ++y) {
+        bool ink = false;
+        for (int x = px.left(); x <= px.right() && !ink; ++x)
+            ink = dark(image, x, y);
+        bands += ink && !inBand;
+        inBand = ink;
+    }
+    return bands;
+}
+
+// Whether two fonts draw every character of `text` with the same outline.
+bool sameOutlines(const QRawFont &a, const QRawFont &b, const QString &text)
+{
+    const QList<quint32> ga = a.glyphIndexesForString(text), gb = b.glyphIndexesForString(text);
+    if (ga.size() != text.size() || gb.size() != text.size())
+        return false;
+    for (int i = 0; i < ga.size(); ++i)
+        if (a.pathForGlyph(ga[i]) != b.pathForGlyph(gb[i]))
+            return false;
+    return true;
+}
+
+// The lines Qt's own text layout breaks `text` into, wrapping as a plain text editor does.
+QStringList qtLines(const QFont &font, const QString &text, qreal width)
+{
+    QTextLayout layout(text, font);
+    QTextOption option;
+    option.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
+    layout.setTextOption(option);
+    QStringList lines;
+    layout.beginLayout();
+    for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+        line.setLineWidth(width);
+        lines << text.mid(line.textStart(), line.textLength());
+    }
+    layout.endLayout();
+    return lines;
+}
+
+// The objects of a PDF file as qpdf reads them, by reference ("12 0 R").
+QJsonObject qpdfObjects(const QString &path)
+{
+    QProcess qpdf;
+    qpdf.start("qpdf", {"--json=2", "--json-key=qpdf", path});
+    if (!qpdf.waitForFinished(60000))
+        return {};
+    const QJsonObject all = QJsonDocument::fromJson(qpdf.readAllStandardOutput())["qpdf"].toArray().at(1).toObject();
+    QJsonObject objects;
+    for (auto it = all.begin(); it != all.end(); ++it) {
+        const QJsonObject o = it.value().toObject();
+        objects[it.key().mid(4)] = o.contains("stream") ? o["stream"].toObject()["dict"] : o["value"];
+    }
+    return objects;
+}
+
+// A PDF name without its #xx escapes.
+QString unescapedName(QString name) { return QUrl::fromPercentEncoding(name.replace('#', '%').toUtf8()); }
+
 // Every file the engine writes must pass qpdf's check.
 #define WRITE_AND_CHECK(doc, file)                                                                                             \
     do {                                                                                                                       \
@@ -120,6 +207,18 @@ std::shared_ptr<PdfAnnotation> square(QRectF bounds, QColor stroke, QColor fill 
     return a;
 }
 
+// Black text on no background, without a border.
+std::shared_ptr<PdfAnnotation> plainTextBox(QRectF bounds, const PdfFont &font, const QString &text)
+{
+    auto box = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
+    box->setFont(font);
+    box->setContents(text);
+    box->setFontColor(Qt::black);
+    box->setColor(QColor(0, 0, 0, 0));
+    box->setBorderWidth(0);
+    return box;
+}
+
 } // namespace
 
 class TestEngine : public QObject {
@@ -135,6 +234,9 @@ private slots:
     void annotationIdentityAndDrawing();
     void foreignAnnotationsKeepTheirLook();
     void freeTextShowsEveryScript();
+    void fontServiceMeasuresWhatTheFileShows();
+    void freeTextWrapsInItsBox();
+    void freeTextDefaultAppearanceNamesItsFont();
     void textSelections();
     void links();
     void displayListsRenderOnWorkerThreads();
@@ -708,6 +810,170 @@ void TestEngine::freeTextShowsEveryScript()
     QVERIFY(inkHeight(page->render(2), page, boxes[0]->bounds(), 2) < 10);
 }
 
+void TestEngine::fontServiceMeasuresWhatTheFileShows()
+{
+    FontService &fonts = FontService::instance();
+    const QString text = "Sphinx of black quartz, judge my vow";
+    const std::vector<PdfFont> styles{{"Times New Roman", 22}, {"Helvetica", 22}, {"Courier New", 22}, {"Arial", 22, true, true}};
+    QVERIFY(fixtures::writePdf(path("widths.pdf"), {PageSpec{}}));
+    auto doc = PdfDocument::open(path("widths.pdf"));
+    auto page = doc->page(0);
+    std::vector<std::shared_ptr<PdfAnnotation>> boxes;
+    QSet<QString> faces;
+    for (size_t i = 0; i < styles.size(); ++i) {
+        const PdfFont &font = styles[i];
+        const FontFace &face = fonts.resolve(font);
+        QVERIFY(face.isValid());
+        faces << face.postScriptName;
+        // Qt draws with exactly the face the file embeds, even where a system
+        // font goes by the same family name.
+        const QFont q = fonts.qFont(font);
+        QCOMPARE(QFontInfo(q).family(), face.family);
+        QCOMPARE(QFontInfo(q).pixelSize(), 22);
+        QVERIFY(sameOutlines(QRawFont::fromFont(q), QRawFont(face.data, font.size, QFont::PreferNoHinting), text));
+        const qreal width = fonts.textWidth(font, text);
+        const qreal advance = QFontMetricsF(q).horizontalAdvance(text);
+        QVERIFY2(width > 300 && std::abs(advance - width) < width * 0.01, qPrintable(QString("%1 %2").arg(width).arg(advance)));
+
+        auto box = plainTextBox({40, 700.0 - 70 * qreal(i), 532, 50}, font, text);
+        page->addAnnotation(box);
+        boxes.push_back(box);
+    }
+    QCOMPARE(faces.size(), qsizetype(styles.size()));
+
+    // The text as drawn in the saved file, by poppler and by the engine, is as
+    // wide as Qt says, at 2 pixels per point.
+    WRITE_AND_CHECK(doc, path("widths-out.pdf"));
+    const QImage poppler = popplerPage(path("widths-out.pdf"), 1, 144);
+    const QImage mine = page->render(2);
+    for (size_t i = 0; i < styles.size(); ++i) {
+        PdfFont doubled = styles[i];
+        doubled.size *= 2;
+        const qreal expected = QFontMetricsF(fonts.qFont(doubled)).tightBoundingRect(text).width();
+        for (const QImage &image : {poppler, mine}) {
+            const auto [first, last] = inkColumns(image, page, boxes[i]->bounds(), 2);
+            const qreal drawn = last - first + 1;
+            QVERIFY2(first >= 0 && std::abs(drawn - expected) < expected * 0.01,
+                     qPrintable(QString("%1: drawn %2 px, Qt %3 px").arg(styles[i].name).arg(drawn).arg(expected)));
+        }
+    }
+}
+
+void TestEngine::freeTextWrapsInItsBox()
+{
+    FontService &fonts = FontService::instance();
+    const PdfFont font{"Helvetica", 12};
+    QCOMPARE(fonts.wrap(font, "one\ntwo\r\nthree\rfour\n", 500), QStringList({"one", "two", "three", "four", ""}));
+    // Spaces at the end of a line do not count against the width.
+    const qreal word = fonts.textWidth(font, "word");
+    QCOMPARE(fonts.textWidth(font, "word "), word + fonts.textWidth(font, " "));
+    QCOMPARE(fonts.wrap(font, "word word", word), QStringList({"word ", "word"}));
+    QCOMPARE(fonts.wrap(font, "word word", word - 0.01), QStringList({"wor", "d ", "wor", "d"}));
+
+    // A word longer than the box is broken between characters, never inside one.
+    const QString longWord = "Pneumonoultramicroscopicsilicovolcanoconiosis";
+    QStringList lines = fonts.wrap(font, longWord, 60);
+    QVERIFY(lines.size() > 3);
+    QCOMPARE(lines.join(QString()), longWord);
+    for (const QString &line : lines)
+        QVERIFY(!line.isEmpty() && fonts.textWidth(font, line) <= 60);
+    const QString accented = QString::fromUtf8("e\u0301").repeated(40);
+    lines = fonts.wrap(font, accented, 30);
+    QVERIFY(lines.size() > 3);
+    for (const QString &line : lines)
+        QVERIFY(line.startsWith('e') && line.endsWith(QChar(0x301)));
+
+    // The lines are the ones Qt's own layout gives for the service's font, so
+    // text typed on screen breaks where the saved file breaks it.
+    const QString prose = "The quick brown fox jumps over the lazy dog. Pack my box with five dozen liquor jugs! "
+                          "Sphinx of black quartz, judge my vow; how vexingly quick daft zebras jump.";
+    for (const PdfFont &f : {font, PdfFont{"Times", 15}, PdfFont{"Courier", 10}})
+        for (qreal width : {90.0, 156.0, 233.0})
+            QCOMPARE(fonts.wrap(f, prose, width), qtLines(fonts.qFont(f), prose, width));
+
+    // In the saved file the lines stay inside the box less its inset.
+    QVERIFY(fixtures::writePdf(path("wrap.pdf"), {PageSpec{}}));
+    auto doc = PdfDocument::open(path("wrap.pdf"));
+    auto page = doc->page(0);
+    const QRectF bounds(72, 400, 160, 300);
+    const QString text = prose + "\n" + longWord;
+    const QStringList expected = fonts.wrap(font, text, bounds.width() - 2 * FontService::TextInset);
+    QVERIFY(expected.size() > 6);
+    auto box = plainTextBox(bounds, font, text);
+    page->addAnnotation(box);
+    WRITE_AND_CHECK(doc, path("wrap-out.pdf"));
+    const QRectF inner = bounds.adjusted(0, 0, -FontService::TextInset, 0);
+    const int innerRight = int(std::ceil(page->pageToDisplay().mapRect(inner).right() * 2));
+    for (const QImage &image : {popplerPage(path("wrap-out.pdf"), 1, 144), page->render(2)}) {
+        QCOMPARE(inkLines(image, page, bounds, 2), int(expected.size()));
+        const auto [first, last] = inkColumns(image, page, bounds, 2);
+        QVERIFY2(first >= 0 && last <= innerRight, qPrintable(QString("%1 > %2").arg(last).arg(innerRight)));
+    }
+}
+
+void TestEngine::freeTextDefaultAppearanceNamesItsFont()
+{
+    QVERIFY(fixtures::writePdf(path("names.pdf"), {PageSpec{}}));
+    auto doc = PdfDocument::open(path("names.pdf"));
+    auto page = doc->page(0);
+    // A name with a space, the default font, a name that looks like a fallback
+    // face's, and a box with no text yet. Hebrew and Armenian are drawn with
+    // fallback faces.
+    struct Case {
+        std::optional<PdfFont> font;
+        QString text;
+        QString name;     // in /DA, and read back
+        QString baseFont; // of the face the name stands for
+        int faces;        // font resources of the appearance
+    };
+    const std::vector<Case> cases{
+        {PdfFont{"DejaVu Sans", 14}, QString::fromUtf8("Zażółć שלום"), "DejaVu Sans", "Helvetica", 2},
+        {std::nullopt, "Plain", "Helvetica", "Helvetica", 1},
+        {PdfFont{"F1", 12}, QString::fromUtf8("שלום Բարեւ"), "F1", "Helvetica", 3},
+        {PdfFont{"Times-Roman", 12}, QString(), "Times-Roman", "Times-Roman", 1},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        auto box = PdfAnnotation::create({72, 700 - 60 * qreal(i), 300, 40}, PdfAnnotation::FreeText);
+        if (cases[i].font)
+            box->setFont(cases[i].font);
+        box->setContents(cases[i].text);
+        page->addAnnotation(box);
+    }
+    const QString file = path("names-out.pdf");
+    WRITE_AND_CHECK(doc, file);
+    auto reopened = PdfDocument::open(file);
+    const auto read = reopened->page(0)->annotations();
+    QCOMPARE(read.size(), cases.size());
+    for (size_t i = 0; i < cases.size(); ++i)
+        QCOMPARE(read[i]->font().value_or(PdfFont{}).name, cases[i].name);
+
+    // In the file, the font /DA names is the appearance's font resource for
+    // the primary face; fallback faces go by other names.
+    const QJsonObject objects = qpdfObjects(file);
+    auto resolved = [&](const QJsonValue &v) { return v.isString() && v.toString().endsWith(" R") ? objects[v.toString()] : v; };
+    int checked = 0;
+    for (const QJsonValue &value : objects) {
+        const QJsonObject annot = value.toObject();
+        if (annot["/Subtype"].toString() != "/FreeText")
+            continue;
+        const QString da = annot["/DA"].toString().mid(2);
+        const QString name = unescapedName(da.section(' ', 0, 0).mid(1));
+        const auto c = std::find_if(cases.begin(), cases.end(), [&](const Case &c) { return c.name == name; });
+        QVERIFY2(c != cases.end(), qPrintable(da));
+        const QJsonObject stream = resolved(resolved(annot["/AP"]).toObject()["/N"]).toObject();
+        const QJsonObject fonts = resolved(resolved(stream["/Resources"]).toObject()["/Font"]).toObject();
+        QCOMPARE(fonts.size(), qsizetype(c->faces));
+        QJsonObject primary;
+        for (auto it = fonts.begin(); it != fonts.end(); ++it)
+            if (unescapedName(it.key().mid(1)) == name)
+                primary = resolved(it.value()).toObject();
+        QVERIFY2(!primary.isEmpty(), qPrintable(da + " / " + fonts.keys().join(',')));
+        QCOMPARE(primary["/BaseFont"].toString(), "/" + c->baseFont);
+        ++checked;
+    }
+    QCOMPARE(checked, int(cases.size()));
+}
+
 void TestEngine::textSelections()
 {
     std::vector<PageSpec> pages = fixtures::numberedPages(3);
@@ -873,5 +1139,10 @@ void TestEngine::writingIsAtomic()
     QCOMPARE(reopened->page(0)->annotations().size(), size_t(1));
 }
 
-QTEST_MAIN(TestEngine)
+int runEngineTests(int argc, char **argv)
+{
+    TestEngine tests;
+    return QTest::qExec(&tests, argc, argv);
+}
+
 #include "tst_engine.moc"

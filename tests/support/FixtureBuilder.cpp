@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QImage>
 #include <QPainter>
+#include <QProcess>
 #include <QTemporaryDir>
 
 namespace fixtures {
@@ -55,11 +56,18 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages)
         std::vector<QByteArray> extra;
         for (const RawAnnotation &a : p.annotations) {
             const int dictNumber = pageNumber + 2 + int(extra.size());
+            const QByteArray pageRef = " /P " + QByteArray::number(pageNumber) + " 0 R";
             annots += QByteArray::number(dictNumber) + " 0 R ";
-            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + " /P " + QByteArray::number(pageNumber) + " 0 R /AP << /N "
+            const QByteArray popupRef = a.popup ? " /Popup " + QByteArray::number(dictNumber + 2) + " 0 R" : QByteArray();
+            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N "
                             + QByteArray::number(dictNumber + 1) + " 0 R >> >>");
             extra.push_back("<< /Type /XObject /Subtype /Form /BBox " + rect(a.rect) + " /Length "
                             + QByteArray::number(a.appearance.size()) + " >>\nstream\n" + a.appearance + "\nendstream");
+            if (a.popup) {
+                annots += QByteArray::number(dictNumber + 2) + " 0 R ";
+                extra.push_back("<< /Type /Annot /Subtype /Popup /Rect " + rect(*a.popup) + pageRef + " /Parent "
+                                + QByteArray::number(dictNumber) + " 0 R /Open false >>");
+            }
         }
         if (!annots.isEmpty())
             page += " /Annots [" + annots + "]";
@@ -194,6 +202,29 @@ PageSpec pageWithForeignAnnotations()
                                 QRectF(100, 500, 150, 30),
                                 "0 0.6 0 rg 100 500 150 30 re f"});
     return page;
+}
+
+PageSpec pageWithPopups()
+{
+    PageSpec page;
+    page.text.push_back({QStringLiteral("Notes"), {72, 720}, 24});
+    page.annotations.push_back({"<< /Type /Annot /Subtype /Text /Contents (A note) /T (Reviewer) /C [1 1 0] /F 28",
+                                QRectF(100, 600, 20, 20), "1 1 0 rg 100 600 20 20 re f", QRectF(130, 520, 200, 100)});
+    page.annotations.push_back({"<< /Type /Annot /Subtype /Square /Contents (A square) /C [0 0 1] /F 4",
+                                QRectF(200, 300, 100, 60), "0 0 1 RG 2 w 201 301 98 58 re S", QRectF(320, 300, 200, 100)});
+    return page;
+}
+
+bool writeGhostscriptNote(const QString &path)
+{
+    QTemporaryDir dir;
+    const QString ps = dir.filePath(QStringLiteral("note.ps"));
+    const QByteArray program = "%!PS\n/Helvetica findfont 24 scalefont setfont 72 720 moveto (Notes) show\n"
+                               "[ /_objdef {note1} /Rect [100 600 120 620] /Subtype /Text /Contents (A note) /T (Reviewer)"
+                               " /Open false /Color [1 1 0] /Popup {pop1} /ANN pdfmark\n"
+                               "[ /_objdef {pop1} /Rect [130 520 330 620] /Subtype /Popup /Open false /Parent {note1} /ANN pdfmark\n"
+                               "showpage\n";
+    return writeFile(ps, program) && QProcess::execute(QStringLiteral("ps2pdf"), {ps, path}) == 0 && QFile::exists(path);
 }
 
 bool writeDamaged(const QString &path)

@@ -27,6 +27,8 @@ struct RawAnnotation {
     QByteArray dictionary;
     QRectF rect;
     QByteArray appearance;
+    // Where its popup window opens, when it has one (linked both ways and listed in /Annots).
+    std::optional<QRectF> popup = std::nullopt;
 };
 
 struct PageSpec {
@@ -58,6 +60,13 @@ bool writeWithAnnotations(const QString &path);
 // A page with a Line annotation and a form field (Widget) made by "another
 // program", each with its own appearance: a blue line and a green box.
 PageSpec pageWithForeignAnnotations();
+
+// A page with a note and a square made by "another program", each with a popup.
+PageSpec pageWithPopups();
+
+// The same kind of note and popup as written by Ghostscript's pdfmark (ps2pdf
+// runs at test time); false when it fails.
+bool writeGhostscriptNote(const QString &path);
 
 // A file that starts like a PDF and continues with garbage.
 bool writeDamaged(const QString &path);

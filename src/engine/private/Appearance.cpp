@@ -1,9 +1,10 @@
 #include "Appearance.h"
 
 #include "DocCore.h"
+#include "FontFaces.h"
+#include "FontService.h"
 
 #include <cmath>
-#include <map>
 #include <vector>
 
 namespace appearance {
@@ -52,6 +53,14 @@ QString fontNameFromToken(const QByteArray &token)
     return QString::fromUtf8(out);
 }
 
+PdfFont freeTextFont(const std::optional<PdfFont> &font)
+{
+    PdfFont out = font.value_or(PdfFont{QStringLiteral("Helvetica"), 12});
+    if (out.size <= 0)
+        out.size = 12;
+    return out;
+}
+
 namespace {
 
 QByteArray colorOperator(const QColor &color, const char *op)
@@ -64,40 +73,10 @@ struct Resources {
     qreal strokeAlpha = 1;
     qreal fillAlpha = 1;
     bool multiply = false;
-    std::vector<fz_font *> fonts;
+    std::vector<fz_font *> fonts; // the first is the face the default appearance names
+    QByteArray primaryFontName;   // as written in content streams
     bool image = false;
 };
-
-// The standard font that best stands in for a font of the page or the system.
-QString standardFontName(const std::optional<PdfFont> &font)
-{
-    const QString name = font ? font->name.toLower() : QString();
-    const bool bold = (font && font->bold) || name.contains("bold") || name.contains("black") || name.contains("heavy");
-    const bool italic = (font && font->italic) || name.contains("italic") || name.contains("oblique");
-    if (name.contains("courier") || name.contains("mono") || name.contains("consol"))
-        return bold && italic ? "Courier-BoldOblique" : bold ? "Courier-Bold" : italic ? "Courier-Oblique" : "Courier";
-    const bool serif = !name.contains("sans")
-                       && (name.contains("times") || name.contains("serif") || name.contains("roman") || name.contains("georgia")
-                           || name.contains("garamond") || name.contains("cambria") || name.contains("minion")
-                           || name.contains("palatino") || name.contains("book"));
-    if (serif)
-        return bold && italic ? "Times-BoldItalic" : bold ? "Times-Bold" : italic ? "Times-Italic" : "Times-Roman";
-    return bold && italic ? "Helvetica-BoldOblique" : bold ? "Helvetica-Bold" : italic ? "Helvetica-Oblique" : "Helvetica";
-}
-
-fz_font *standardFont(const QString &name)
-{
-    // Fonts are shared by every thread's context and live as long as the process.
-    static std::map<QString, fz_font *> cache;
-    auto it = cache.find(name);
-    if (it != cache.end())
-        return it->second;
-    const QByteArray latin = name.toLatin1();
-    fz_font *font = nullptr;
-    mu::guard([&](fz_context *c) { font = fz_new_base14_font(c, latin.constData()); });
-    cache.emplace(name, font);
-    return font;
-}
 
 int fontIndex(Resources &res, fz_font *font)
 {
@@ -106,6 +85,18 @@ int fontIndex(Resources &res, fz_font *font)
             return int(i);
     res.fonts.push_back(font);
     return int(res.fonts.size() - 1);
+}
+
+// The primary face goes by the name the default appearance gives the font, so
+// that "/Name size Tf" there finds it; fallback faces are /F1, /F2 and on.
+QByteArray fontResourceName(const Resources &res, size_t index)
+{
+    if (index == 0)
+        return res.primaryFontName;
+    QByteArray name = 'F' + QByteArray::number(qulonglong(index));
+    while (name == res.primaryFontName)
+        name += '_';
+    return name;
 }
 
 QByteArray shapeContent(const Input &in, Resources &res)
@@ -206,49 +197,43 @@ QByteArray freeTextContent(const Input &in, Resources &res)
         s += colorOperator(in.fontColor, "RG") + number(border) + " w " + number(border / 2) + ' ' + number(border / 2) + ' '
              + number(w - border) + ' ' + number(h - border) + " re S\n";
     s += "0 0 " + number(w) + ' ' + number(h) + " re W n\n";
+
+    const PdfFont font = freeTextFont(in.font);
+    fz_font *base = fontfaces::mupdfFont(font);
+    res.primaryFontName = fontNameToken(font.name);
+    fontIndex(res, base);
     if (in.contents.isEmpty())
         return s + "Q\n";
 
-    fz_font *base = standardFont(standardFontName(in.font));
-    const qreal size = in.font && in.font->size > 0 ? in.font->size : 12;
     qreal ascender = 0.8, descender = -0.2;
     mu::tryGuard([&](fz_context *c) {
         ascender = fz_font_ascender(c, base);
         descender = fz_font_descender(c, base);
     });
-    const qreal lineHeight = (ascender - descender) * size * 1.1;
+    const qreal inset = FontService::TextInset;
+    const qreal lineHeight = (ascender - descender) * font.size * 1.1;
     const QColor textColor = in.fontColor.isValid() ? in.fontColor : QColor(Qt::black);
     s += "BT\n" + colorOperator(textColor, "rg");
 
-    QString text = in.contents;
-    text.replace(QLatin1String("\r\n"), QLatin1String("\n")).replace(QLatin1Char('\r'), QLatin1Char('\n'));
-    text.replace(QLatin1Char('\t'), QLatin1String("    "));
-    const QStringList lines = text.split(QLatin1Char('\n'));
+    const QStringList lines = FontService::instance().wrap(font, in.contents, w - 2 * inset);
     for (int i = 0; i < lines.size(); ++i) {
-        const qreal baseline = h - 2 - ascender * size - i * lineHeight;
-        s += "1 0 0 1 2 " + number(baseline) + " Tm\n";
-        int currentFont = -1;
+        const qreal baseline = h - inset - ascender * font.size - i * lineHeight;
+        s += "1 0 0 1 " + number(inset) + ' ' + number(baseline) + " Tm\n";
+        size_t currentFont = res.fonts.size();
         QByteArray run;
         auto flush = [&] {
             if (!run.isEmpty())
                 s += '<' + run + "> Tj\n";
             run.clear();
         };
-        for (char32_t cp : lines[i].toUcs4()) {
-            fz_font *font = base;
-            int glyph = 0;
-            mu::tryGuard([&](fz_context *c) {
-                glyph = fz_encode_character(c, base, int(cp));
-                if (glyph == 0 && cp != U' ')
-                    glyph = fz_encode_character_with_fallback(c, base, int(cp), 0, 0, &font);
-            });
-            const int index = fontIndex(res, font);
+        for (const fontfaces::Glyph &glyph : fontfaces::glyphs(font, lines[i])) {
+            const auto index = size_t(fontIndex(res, glyph.font));
             if (index != currentFont) {
                 flush();
-                s += "/F" + QByteArray::number(index) + ' ' + number(size) + " Tf\n";
+                s += '/' + fontResourceName(res, index) + ' ' + number(font.size) + " Tf\n";
                 currentFont = index;
             }
-            run += QByteArray::number(glyph, 16).rightJustified(4, '0');
+            run += QByteArray::number(glyph.id, 16).rightJustified(4, '0');
         }
         flush();
     }
@@ -265,10 +250,11 @@ QByteArray stampContent(const Input &in, Resources &res)
     return "q /G0 gs " + number(in.size.width()) + " 0 0 " + number(in.size.height()) + " 0 0 cm /Im0 Do Q\n";
 }
 
-// Adds the image as an image XObject with a soft mask for its transparency.
-pdf_obj *addImage(fz_context *c, pdf_document *doc, const QImage &source)
+// Adds an RGBA8888 image as an image XObject with a soft mask for its
+// transparency. The image is converted by the caller: no Qt object may be
+// made inside MuPDF's error handling, which would skip its destructor.
+pdf_obj *addImage(fz_context *c, pdf_document *doc, const QImage &img)
 {
-    const QImage img = source.convertToFormat(QImage::Format_RGBA8888);
     const int w = img.width(), h = img.height();
     const bool hasAlpha = img.hasAlphaChannel();
     fz_pixmap *rgb = nullptr, *alpha = nullptr;
@@ -333,7 +319,9 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
 
     // Fonts are embedded once per document, as CID fonts, so that any text shows.
     std::vector<pdf_obj *> fontRefs;
+    std::vector<QByteArray> fontNames;
     for (fz_font *font : res.fonts) {
+        fontNames.push_back(fontNameFromToken(fontResourceName(res, fontNames.size())).toUtf8());
         const std::string key = fz_font_name(mu::ctx(), font);
         auto it = core.fonts.find(key);
         if (it == core.fonts.end()) {
@@ -344,8 +332,10 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
         fontRefs.push_back(it->second);
     }
     pdf_obj *imageRef = nullptr;
-    if (res.image)
-        mu::guard([&](fz_context *c) { imageRef = addImage(c, core.doc, input.stampImage); });
+    if (res.image) {
+        const QImage rgba = input.stampImage.convertToFormat(QImage::Format_RGBA8888);
+        mu::guard([&](fz_context *c) { imageRef = addImage(c, core.doc, rgba); });
+    }
 
     const fz_rect bbox{0, 0, float(input.size.width()), float(input.size.height())};
     pdf_obj *resources = nullptr;
@@ -355,7 +345,8 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
             resources = pdf_new_dict(c, core.doc, 4);
             if (res.graphicsState) {
                 pdf_obj *ext = pdf_dict_put_dict(c, resources, PDF_NAME(ExtGState), 1);
-                pdf_obj *gs = pdf_dict_puts_dict(c, ext, "G0", 3);
+                mu::putsDrop(c, ext, "G0", pdf_new_dict(c, core.doc, 3));
+                pdf_obj *gs = pdf_dict_gets(c, ext, "G0");
                 pdf_dict_put_real(c, gs, PDF_NAME(CA), res.strokeAlpha);
                 pdf_dict_put_real(c, gs, PDF_NAME(ca), res.fillAlpha);
                 if (res.multiply)
@@ -363,11 +354,8 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
             }
             if (!fontRefs.empty()) {
                 pdf_obj *fonts = pdf_dict_put_dict(c, resources, PDF_NAME(Font), int(fontRefs.size()));
-                for (size_t i = 0; i < fontRefs.size(); ++i) {
-                    char key[16];
-                    fz_snprintf(key, sizeof key, "F%d", int(i));
-                    pdf_dict_puts(c, fonts, key, fontRefs[i]);
-                }
+                for (size_t i = 0; i < fontRefs.size(); ++i)
+                    pdf_dict_puts(c, fonts, fontNames[i].constData(), fontRefs[i]);
             }
             if (imageRef) {
                 pdf_obj *xobjects = pdf_dict_put_dict(c, resources, PDF_NAME(XObject), 1);

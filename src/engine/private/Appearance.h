@@ -46,4 +46,8 @@ QByteArray number(qreal value);
 QByteArray fontNameToken(const QString &name);
 QString fontNameFromToken(const QByteArray &token);
 
+// The font free text is written with: its own, else Helvetica, 12 points
+// unless it has a size.
+PdfFont freeTextFont(const std::optional<PdfFont> &font);
+
 } // namespace appearance

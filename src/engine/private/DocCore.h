@@ -4,6 +4,7 @@
 #pragma once
 
 #include "MuContext.h"
+#include "PdfChangeChannel.h"
 
 #include <QString>
 
@@ -14,6 +15,13 @@
 
 class PdfPage;
 
+// A copy of the annotation `annot` (and of its popup, linked to it) added to
+// `dst` as an object of its own; a new reference. From another document it is
+// grafted through `map`; within one document (no map) it gets appearance
+// streams of its own, so restyling one leaves the other as it is. Links to
+// the source page, form parent and replied-to note are cut.
+pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot);
+
 struct DocCore {
     explicit DocCore(pdf_document *d) : doc(d) {}
     ~DocCore();
@@ -23,19 +31,28 @@ struct DocCore {
     // MuPDF caches loaded pages by number and reads /Annots only when a page is
     // loaded, so loaded pages are dropped whenever the page tree changes.
     void unloadPages();
-    // A graft map for copying objects from `source`; kept while copies keep
-    // coming from the same document, so shared resources are copied once.
+    // A graft map for copying objects from `source` (a new reference). While
+    // a copy batch is open, copies from one source share a map, so resources
+    // they have in common are copied once; outside a batch every copy is made
+    // afresh, so it never reuses a stale copy of a source that changed since.
     pdf_graft_map *graftMapFor(const std::shared_ptr<DocCore> &source);
+    void beginCopyBatch() { ++copyBatches_; }
+    void endCopyBatch();
     // An indirect reference to `obj` where it has an object number, else `obj`.
     pdf_obj *reference(fz_context *c, pdf_obj *obj);
 
     pdf_document *doc;
     QString path;
+    // Where the document's page changes are announced.
+    PdfChangeChannel changes;
     std::vector<PdfPage *> loadedPages;
     // Fonts embedded for free-text appearances, by font name.
     std::map<std::string, pdf_obj *> fonts;
 
 private:
-    std::weak_ptr<DocCore> graftSource_;
-    pdf_graft_map *graftMap_ = nullptr;
+    void dropGraftMaps();
+
+    int copyBatches_ = 0;
+    // The batch's maps by source; the sources are kept alive only while it is open.
+    std::map<std::shared_ptr<DocCore>, pdf_graft_map *> graftMaps_;
 };

@@ -1,10 +1,60 @@
 #include "MuContext.h"
 
+#include "Testing.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <exception>
 #include <mutex>
 #include <thread>
 
 namespace mu {
 namespace {
+
+// MuPDF's allocations go through these so that tests can count the blocks that
+// are alive and make an allocation fail, the way a full memory would.
+std::atomic<long long> liveBlocks{0};
+std::atomic<long long> allocationsUntilFailure{-1};
+
+// Once the count runs out every allocation fails, as in a full memory, until
+// the count is reset: MuPDF retries after emptying its caches.
+bool allocationFails()
+{
+    const long long left = allocationsUntilFailure.load(std::memory_order_relaxed);
+    if (left < 0)
+        return false;
+    if (left == 0)
+        return true;
+    allocationsUntilFailure.store(left - 1, std::memory_order_relaxed);
+    return false;
+}
+
+void *allocate(void *, size_t size)
+{
+    if (allocationFails())
+        return nullptr;
+    void *p = std::malloc(size);
+    if (p)
+        liveBlocks.fetch_add(1, std::memory_order_relaxed);
+    return p;
+}
+
+void *reallocate(void *, void *old, size_t size)
+{
+    if (!old)
+        return allocate(nullptr, size);
+    if (allocationFails())
+        return nullptr;
+    return std::realloc(old, size);
+}
+
+void release(void *, void *p)
+{
+    if (!p)
+        return;
+    liveBlocks.fetch_sub(1, std::memory_order_relaxed);
+    std::free(p);
+}
 
 std::mutex locks[FZ_LOCK_MAX];
 
@@ -30,7 +80,8 @@ fz_context *baseContext()
 {
     static fz_context *base = [] {
         static fz_locks_context lc{nullptr, lockFn, unlockFn};
-        fz_context *c = fz_new_context(nullptr, &lc, FZ_STORE_DEFAULT);
+        static fz_alloc_context alloc{nullptr, allocate, reallocate, release};
+        fz_context *c = fz_new_context(&alloc, &lc, FZ_STORE_DEFAULT);
         if (!c)
             throw Error("cannot create the PDF engine context");
         fz_register_document_handlers(c);
@@ -64,14 +115,88 @@ fz_context *ctx()
     return tc.context;
 }
 
+namespace {
+
+struct Call {
+    void (*fn)(fz_context *, void *);
+    void *arg;
+    std::exception_ptr exception;
+};
+
+// Runs the callable inside the guard's fz_try. A C++ exception (std::bad_alloc,
+// or an mu::Error of a nested guard) must not unwind through fz_try: it is
+// caught here, the fz_try levels it skipped are popped from MuPDF's error
+// stack, and it is thrown again once the guard's own fz_try has ended.
+void runCaught(fz_context *c, Call *call)
+{
+    fz_error_stack_slot *top = c->error.top;
+    try {
+        call->fn(c, call->arg);
+    } catch (...) {
+        c->error.top = top;
+        call->exception = std::current_exception();
+    }
+}
+
+} // namespace
+
 void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg)
 {
-    const char *message = nullptr;
-    fz_var(message);
-    fz_try(c) { fn(c, arg); }
-    fz_catch(c) { message = fz_caught_message(c); }
-    if (message)
+    Call call{fn, arg, nullptr};
+    bool failed = false;
+    char message[sizeof c->error.message] = "";
+    fz_var(failed);
+    fz_try(c) { runCaught(c, &call); }
+    fz_catch(c)
+    {
+        failed = true;
+        fz_strlcpy(message, fz_caught_message(c), sizeof message);
+    }
+    if (call.exception)
+        std::rethrow_exception(call.exception);
+    if (failed)
         throw Error(message);
 }
+
+void putsDrop(fz_context *c, pdf_obj *dict, const char *key, pdf_obj *value)
+{
+    pdf_obj *name = nullptr;
+    fz_var(name);
+    fz_try(c)
+    {
+        name = pdf_new_name(c, key);
+        pdf_dict_put(c, dict, name, value);
+    }
+    fz_always(c)
+    {
+        pdf_drop_obj(c, name);
+        pdf_drop_obj(c, value);
+    }
+    fz_catch(c) fz_rethrow(c);
+}
+
+namespace testing {
+
+long long liveAllocations() { return liveBlocks.load(); }
+
+void failAllocationAfter(long long count) { allocationsUntilFailure.store(count); }
+
+void emptyCaches() { fz_empty_store(ctx()); }
+
+int errorDepth()
+{
+    fz_context *c = ctx();
+    return int(c->error.top - c->error.stack_base);
+}
+
+void throwThroughNestedTry(void (*thrower)())
+{
+    guard([&](fz_context *c) {
+        fz_try(c) { thrower(); }
+        fz_catch(c) fz_rethrow(c);
+    });
+}
+
+} // namespace testing
 
 } // namespace mu

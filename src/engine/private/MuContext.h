@@ -43,4 +43,9 @@ bool tryGuard(F &&f) noexcept
     }
 }
 
+// Puts `value` (its reference is taken over) into `dict` under a key that has
+// no predefined name; MuPDF's own pdf_dict_puts_drop leaks the value when
+// making the key runs out of memory.
+void putsDrop(fz_context *c, pdf_obj *dict, const char *key, pdf_obj *value);
+
 } // namespace mu

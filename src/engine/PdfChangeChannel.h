@@ -1,0 +1,29 @@
+// The one way the engine announces that a page changed: its annotations (one
+// added, removed, moved or restyled), its rotation, or its content. Every view
+// that shows pages listens to its document's channel, so nothing above the
+// engine has to remember to ask a view to draw a page again.
+#pragma once
+
+#include <QFlags>
+#include <QObject>
+
+#include <memory>
+
+class PdfPage;
+
+class PdfChangeChannel : public QObject {
+    Q_OBJECT
+public:
+    enum Change { Annotations = 1, Rotation = 2, Content = 4 };
+    Q_DECLARE_FLAGS(Changes, Change)
+    Q_FLAG(Changes)
+
+    using QObject::QObject;
+
+signals:
+    // Emitted on the thread that made the change (the user-interface thread),
+    // right after it, also for a page that is not in its document right now.
+    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes);
+};
+
+Q_DECLARE_OPERATORS_FOR_FLAGS(PdfChangeChannel::Changes)

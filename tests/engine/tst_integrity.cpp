@@ -1,0 +1,358 @@
+// Engine tests of what editing stands on: other programs' popups stay linked
+// to their annotations, page copies within one document are independent of
+// their originals, copies never reuse stale objects or keep their source
+// alive, and MuPDF's errors stay inside the engine without leaking memory.
+#include "FixtureBuilder.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfInspect.h"
+#include "PdfPage.h"
+#include "Testing.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <functional>
+
+namespace {
+
+// The number of annotations whose popup is listed on the same page and names
+// the annotation as its parent; -1 (and `problem` says why) when a link is
+// broken either way.
+int linkedPopups(const inspect::PdfObjects &file, QString &problem)
+{
+    int pairs = 0;
+    for (const QString &pageRef : file.pages()) {
+        const QStringList annots = file.annots(pageRef);
+        for (const QString &ref : annots) {
+            const QJsonObject annot = file.dict(ref);
+            if (annot.value("/Subtype").toString() == "/Popup") {
+                const QString parent = annot.value("/Parent").toString();
+                if (!annots.contains(parent) || file.dict(parent).value("/Popup").toString() != ref) {
+                    problem = QString("popup %1 has lost its annotation %2").arg(ref, parent);
+                    return -1;
+                }
+                continue;
+            }
+            if (!annot.contains("/Popup"))
+                continue;
+            const QString popup = annot.value("/Popup").toString();
+            const QJsonObject popupDict = file.dict(popup);
+            if (!annots.contains(popup) || popupDict.value("/Parent").toString() != ref
+                || (popupDict.contains("/P") && popupDict.value("/P").toString() != pageRef)) {
+                problem = QString("the popup %1 of %2 is not linked on page %3").arg(popup, ref, pageRef);
+                return -1;
+            }
+            ++pairs;
+        }
+    }
+    return pairs;
+}
+
+// What the editor does for a nudge and for its undo: new bounds, then the
+// annotation off its page and on again.
+void reseatAt(const std::shared_ptr<PdfAnnotation> &annotation, QRectF bounds)
+{
+    auto page = annotation->page();
+    annotation->setBounds(bounds);
+    page->removeAnnotation(annotation);
+    page->addAnnotation(annotation);
+}
+
+// Whether this process has the file open.
+bool holdsOpen(const QString &path)
+{
+    const QString target = QFileInfo(path).canonicalFilePath();
+    const QFileInfoList fds = QDir("/proc/self/fd").entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    return std::any_of(fds.begin(), fds.end(), [&](const QFileInfo &fd) { return fd.symLinkTarget() == target; });
+}
+
+QColor centreColour(const std::shared_ptr<PdfPage> &page, QRectF pageRect)
+{
+    const QImage image = page->render(1.0);
+    const QPointF p = page->pageToDisplay().map(pageRect.center());
+    return image.pixelColor(p.toPoint());
+}
+
+QColor popplerColour(const QString &path, int pageNumber, QPointF displayPoint)
+{
+    QTemporaryDir dir;
+    const QString prefix = dir.filePath("page");
+    QProcess::execute("pdftoppm", {"-r", "72", "-f", QString::number(pageNumber), "-l", QString::number(pageNumber),
+                                   "-singlefile", "-png", path, prefix});
+    return QImage(prefix + ".png").pixelColor(displayPoint.toPoint());
+}
+
+std::shared_ptr<PdfAnnotation> filledSquare(QRectF bounds, QColor colour)
+{
+    auto a = PdfAnnotation::create(bounds, PdfAnnotation::Square);
+    a->setColor(colour);
+    a->setInteriorColor(colour);
+    a->setBorderWidth(2);
+    return a;
+}
+
+// Runs `operation(k)` with MuPDF's allocations failing from the k-th on, for
+// growing k until it succeeds. After each run, once MuPDF's caches are
+// emptied, exactly the blocks alive before must be alive: an error path that
+// leaks fails here. Returns the number of runs that failed.
+int failuresWithoutLeaks(const std::function<bool(long long)> &operation)
+{
+    operation(-1); // fills the caches that live as long as the process
+    mu::testing::emptyCaches();
+    const long long baseline = mu::testing::liveAllocations();
+    int failed = 0;
+    for (long long k = 0; k < 1'000'000; k += k < 200 ? 1 : k / 16) {
+        const bool ok = operation(k);
+        mu::testing::failAllocationAfter(-1);
+        mu::testing::emptyCaches();
+        const long long live = mu::testing::liveAllocations();
+        if (live != baseline) {
+            qWarning("allocation %lld failed: %lld blocks left behind", k, live - baseline);
+            return -1;
+        }
+        if (ok)
+            return failed;
+        ++failed;
+    }
+    return -1;
+}
+
+} // namespace
+
+class TestEngineIntegrity : public QObject {
+    Q_OBJECT
+private slots:
+    void foreignPopupsStayLinked();
+    void copiesWithinOneDocumentAreIndependent();
+    void copiesAreMadeFromTheSourceAsItIs();
+    void mupdfErrorsStayContained();
+    void openingLeavesNothingBehind();
+
+private:
+    QTemporaryDir dir_;
+    QString path(const QString &name) const { return dir_.filePath(name); }
+};
+
+void TestEngineIntegrity::foreignPopupsStayLinked()
+{
+    QVERIFY(fixtures::writePdf(path("popups.pdf"), {fixtures::pageWithPopups(), fixtures::numberedPages(1)[0]}));
+    QVERIFY2(fixtures::writeGhostscriptNote(path("gs-note.pdf")), "ps2pdf could not make the note");
+    struct Case {
+        QString file;
+        int popups;
+    };
+    for (const Case &source : {Case{path("popups.pdf"), 2}, Case{path("gs-note.pdf"), 1}}) {
+        QString problem;
+        QCOMPARE(linkedPopups(inspect::PdfObjects(source.file), problem), source.popups);
+        auto doc = PdfDocument::open(source.file);
+        QVERIFY(doc);
+        auto page = doc->page(0);
+        const auto annotations = page->annotations();
+        QCOMPARE(int(annotations.size()), source.popups); // popups are not listed as annotations
+        for (const auto &annotation : annotations) {
+            const QRectF bounds = annotation->bounds();
+            reseatAt(annotation, bounds.translated(6, -4));
+            reseatAt(annotation, bounds);
+        }
+        // Dragged to another page and back.
+        auto note = annotations.front();
+        if (doc->pageCount() > 1) {
+            doc->page(1)->addAnnotation(note);
+            QCOMPARE(note->page(), doc->page(1));
+            page->addAnnotation(note);
+        }
+        QCOMPARE(page->annotations().size(), annotations.size());
+        const QString saved = path("saved-" + QFileInfo(source.file).fileName());
+        QVERIFY(doc->write(saved));
+        QCOMPARE(inspect::qpdfProblems(saved), QString());
+        QVERIFY2(linkedPopups(inspect::PdfObjects(saved), problem) == source.popups, qPrintable(problem));
+
+        // Copies of the page, in another document and in the same one, bring
+        // their own popups along.
+        auto other = PdfDocument::create();
+        QVERIFY(other->insert(page->copy(), 0));
+        QVERIFY(doc->insert(page->copy(), doc->pageCount()));
+        QVERIFY(other->write(path("other.pdf")));
+        QVERIFY(doc->write(saved));
+        QVERIFY2(linkedPopups(inspect::PdfObjects(path("other.pdf")), problem) == source.popups, qPrintable(problem));
+        QVERIFY2(linkedPopups(inspect::PdfObjects(saved), problem) == 2 * source.popups, qPrintable(problem));
+        auto reopened = PdfDocument::open(saved);
+        QVERIFY(reopened);
+        QCOMPARE(int(reopened->page(reopened->pageCount() - 1)->annotations().size()), source.popups);
+    }
+}
+
+void TestEngineIntegrity::copiesWithinOneDocumentAreIndependent()
+{
+    QVERIFY(fixtures::writePdf(path("two.pdf"), fixtures::numberedPages(2)));
+    auto doc = PdfDocument::open(path("two.pdf"));
+    QVERIFY(doc);
+    const QRectF box(100, 400, 100, 60);
+    auto original = filledSquare(box, Qt::red);
+    doc->page(0)->addAnnotation(original);
+    QVERIFY(doc->insert(doc->page(0)->copy(), 1));
+    auto copy = doc->page(1)->annotations().front();
+    QVERIFY(copy != original);
+
+    original->setInteriorColor(Qt::blue);
+    QCOMPARE(centreColour(doc->page(0), box), QColor(Qt::blue));
+    QCOMPARE(centreColour(doc->page(1), box), QColor(Qt::red));
+    copy->setInteriorColor(Qt::green);
+    QCOMPARE(centreColour(doc->page(0), box), QColor(Qt::blue));
+    QCOMPARE(centreColour(doc->page(1), box), QColor(Qt::green));
+
+    // Saved, and as another reader shows it.
+    QVERIFY(doc->write(path("restyled.pdf")));
+    QCOMPARE(inspect::qpdfProblems(path("restyled.pdf")), QString());
+    const QPointF centre = doc->page(0)->pageToDisplay().map(box.center());
+    QCOMPARE(popplerColour(path("restyled.pdf"), 1, centre), QColor(Qt::blue));
+    QCOMPARE(popplerColour(path("restyled.pdf"), 2, centre), QColor(Qt::green));
+
+    // A copy of a page whose annotation came from the file (its look is the
+    // file's own until restyled) is independent too.
+    auto reopened = PdfDocument::open(path("restyled.pdf"));
+    QVERIFY(reopened->insert(reopened->page(0)->copy(), 2));
+    reopened->page(0)->annotations().front()->setInteriorColor(Qt::yellow);
+    QCOMPARE(centreColour(reopened->page(0), box), QColor(Qt::yellow));
+    QCOMPARE(centreColour(reopened->page(2), box), QColor(Qt::blue));
+}
+
+void TestEngineIntegrity::copiesAreMadeFromTheSourceAsItIs()
+{
+    QVERIFY(fixtures::writePdf(path("source.pdf"), fixtures::numberedPages(2)));
+    const QRectF box(100, 400, 100, 60);
+    auto target = PdfDocument::create();
+    {
+        auto source = PdfDocument::open(path("source.pdf"));
+        QVERIFY(source);
+        auto mark = filledSquare(box, Qt::red);
+        source->page(0)->addAnnotation(mark);
+        QVERIFY(target->insert(source->page(0)->copy(), 0));
+        // The source changes: the next copy shows it as it is now.
+        mark->setInteriorColor(Qt::blue);
+        QVERIFY(target->insert(source->page(0)->copy(), 1));
+    }
+    QCOMPARE(centreColour(target->page(0), box), QColor(Qt::red));
+    QCOMPARE(centreColour(target->page(1), box), QColor(Qt::blue));
+    // The copies do not keep their source: its file is closed once it is gone.
+    QVERIFY(!holdsOpen(path("source.pdf")));
+
+    // Pages copied in one batch share what they have in common: the font of
+    // the two source pages is written once.
+    auto merged = PdfDocument::create();
+    {
+        auto source = PdfDocument::open(path("source.pdf"));
+        const PdfCopyBatch batch(merged);
+        QVERIFY(merged->insert(source->page(0)->copy(), 0));
+        QVERIFY(merged->insert(source->page(1)->copy(), 1));
+    }
+    QVERIFY(!holdsOpen(path("source.pdf")));
+    QVERIFY(merged->write(path("merged.pdf")));
+    const inspect::PdfObjects file(path("merged.pdf"));
+    QCOMPARE(file.pages().size(), 2);
+    QCOMPARE(file.dict(file.pages()[0]).value("/Resources"), file.dict(file.pages()[1]).value("/Resources"));
+}
+
+void TestEngineIntegrity::mupdfErrorsStayContained()
+{
+    // A C++ exception raised within MuPDF's error handling comes out as it is
+    // and leaves MuPDF's error stack as it was, so later MuPDF errors are still
+    // caught where they are raised.
+    const int depth = mu::testing::errorDepth();
+    QVERIFY_THROWS_EXCEPTION(std::bad_alloc, mu::testing::throwThroughNestedTry([] { throw std::bad_alloc(); }));
+    QCOMPARE(mu::testing::errorDepth(), depth);
+    QVERIFY(fixtures::writeDamaged(path("damaged.pdf")));
+    QVERIFY(!PdfDocument::open(path("damaged.pdf")));
+    QCOMPARE(mu::testing::errorDepth(), depth);
+
+    // Memory runs out at every step of copying a page with annotations and
+    // popups into another document and into its own: nothing leaks, nothing
+    // dies. (The objects of an opened file that a step changes are changed
+    // once beforehand: MuPDF 1.21 itself frees an object twice when memory
+    // runs out while it first takes a file's object in for changing.)
+    QVERIFY(fixtures::writePdf(path("popups.pdf"), {fixtures::pageWithPopups()}));
+    auto importOnce = [&](bool sameDocument, long long failAfter) {
+        auto source = PdfDocument::open(path("popups.pdf"));
+        auto target = sameDocument ? source : PdfDocument::create();
+        if (!source || !target)
+            return false;
+        source->page(0)->addAnnotation(filledSquare({300, 600, 50, 50}, Qt::red));
+        if (sameDocument && !(target->insert(source->page(0)->copy(), 1) && target->removePage(1)))
+            return false;
+        auto copy = source->page(0)->copy();
+        mu::testing::failAllocationAfter(failAfter);
+        const bool ok = target->insert(copy, target->pageCount());
+        mu::testing::failAllocationAfter(-1);
+        return ok && target->page(target->pageCount() - 1)->annotations().size() == 3;
+    };
+    QVERIFY(failuresWithoutLeaks([&](long long k) { return importOnce(false, k); }) > 0);
+    QVERIFY(failuresWithoutLeaks([&](long long k) { return importOnce(true, k); }) > 0);
+
+    // The same while annotations of every kind get their looks written.
+    QVERIFY(fixtures::writePdf(path("plain.pdf"), fixtures::numberedPages(1)));
+    QImage signature(40, 20, QImage::Format_ARGB32);
+    signature.fill(Qt::transparent);
+    signature.setPixelColor(5, 5, Qt::black);
+    auto annotateOnce = [&](long long failAfter) {
+        auto doc = PdfDocument::open(path("plain.pdf"));
+        if (!doc)
+            return false;
+        auto page = doc->page(0);
+        auto first = PdfAnnotation::create({300, 72, 10, 10}, PdfAnnotation::Square);
+        page->addAnnotation(first);
+        page->removeAnnotation(first);
+        std::vector<std::shared_ptr<PdfAnnotation>> made{filledSquare({72, 72, 50, 50}, Qt::red),
+                                                         PdfAnnotation::create({150, 72, 50, 50}, PdfAnnotation::Circle),
+                                                         PdfAnnotation::create({72, 200, 50, 50}, PdfAnnotation::Ink),
+                                                         PdfAnnotation::create({72, 300, 200, 20}, PdfAnnotation::Highlight),
+                                                         PdfAnnotation::create({72, 400, 300, 40}, PdfAnnotation::FreeText),
+                                                         PdfAnnotation::create({72, 500, 80, 40}, PdfAnnotation::Stamp)};
+        made[1]->setColor(Qt::blue);
+        made[2]->setColor(Qt::black);
+        made[2]->addInkPath(QPolygonF({QPointF(0, 0), QPointF(20, 30), QPointF(50, 10)}));
+        made[3]->setColor(Qt::yellow);
+        made[3]->setQuadrilateralPoints({{0, 20}, {200, 20}, {0, 0}, {200, 0}});
+        made[4]->setFont(PdfFont{QStringLiteral("Helvetica"), 14});
+        made[4]->setContents(QStringLiteral("Zażółć gęślą jaźń, Ελληνικά, кириллица"));
+        made[5]->setStampImage(signature);
+        mu::testing::failAllocationAfter(failAfter);
+        for (const auto &annotation : made)
+            page->addAnnotation(annotation);
+        mu::testing::failAllocationAfter(-1);
+        return std::all_of(made.begin(), made.end(), [&](const auto &a) { return a->page() == page; });
+    };
+    QVERIFY(failuresWithoutLeaks(annotateOnce) > 0);
+}
+
+// Opening a file reads its page list; once the document and its pages are
+// gone, so is everything MuPDF read for it, also after an unlock.
+void TestEngineIntegrity::openingLeavesNothingBehind()
+{
+    QVERIFY(fixtures::writePdf(path("pages.pdf"), fixtures::numberedPages(40)));
+    QVERIFY(fixtures::writeEncrypted(path("locked.pdf"), fixtures::numberedPages(40), "secret"));
+    auto openAndRead = [&] {
+        auto plain = PdfDocument::open(path("pages.pdf"));
+        auto locked = PdfDocument::open(path("locked.pdf"));
+        return plain && locked && locked->unlock("secret") && plain->pageCount() == 40 && locked->pageCount() == 40
+               && locked->page(39)->text().startsWith("Page 40");
+    };
+    QVERIFY(openAndRead());
+    mu::testing::emptyCaches();
+    const long long baseline = mu::testing::liveAllocations();
+    for (int round = 0; round < 3; ++round) {
+        QVERIFY(openAndRead());
+        mu::testing::emptyCaches();
+        QCOMPARE(mu::testing::liveAllocations(), baseline);
+    }
+}
+
+int runIntegrityTests(int argc, char **argv)
+{
+    TestEngineIntegrity tests;
+    return QTest::qExec(&tests, argc, argv);
+}
+
+#include "tst_integrity.moc"

@@ -8,19 +8,13 @@
 
 void DocumentModel::record(EditHistory::Edit edit) { history_.record(std::move(edit)); }
 
-void DocumentModel::redraw(const std::shared_ptr<PdfPage> &page)
-{
-    if (activePDFView_ && page)
-        activePDFView_->invalidatePage(page);
-}
-
-// Takes the annotation off its page and puts it back: it is drawn anew, on top.
+// Takes the annotation off its page and puts it back, on top. The engine
+// announces the change, so every view draws the page again.
 void DocumentModel::reseat(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     if (auto page = annotation->page()) {
         page->removeAnnotation(annotation);
         page->addAnnotation(annotation);
-        redraw(page);
     }
 }
 
@@ -47,15 +41,12 @@ DocumentModel::placementActions(const std::shared_ptr<PdfAnnotation> &annotation
     QPointer<DocumentModel> model(this);
     auto put = [model, annotation, page] {
         page->addAnnotation(annotation);
-        if (model) {
-            model->redraw(page);
+        if (model)
             model->count();
-        }
     };
     auto take = [model, annotation, page] {
         page->removeAnnotation(annotation);
         if (model) {
-            model->redraw(page);
             model->deselectIfSelected(annotation);
             model->count();
         }
@@ -69,7 +60,6 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
     if (!annotation || !page)
         return;
     page->addAnnotation(annotation);
-    redraw(page);
     if (recordUndo) {
         auto [put, take] = placementActions(annotation, page);
         record({take, put});
@@ -83,7 +73,6 @@ void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annot
     if (!page)
         return;
     page->removeAnnotation(annotation);
-    redraw(page);
     deselectIfSelected(annotation);
     auto [put, take] = placementActions(annotation, page);
     record({put, take});
@@ -125,7 +114,6 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
         reseat(annotation);
     } else if (page) {
         page->addAnnotation(annotation); // the overlay took it off its page during the drag
-        redraw(page);
     }
     recordBoundsChange(annotation, newBounds, oldBounds);
 }

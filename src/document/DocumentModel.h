@@ -127,8 +127,6 @@ private:
     void show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty);
     void deselectIfSelected(const std::shared_ptr<PdfAnnotation> &annotation);
     void record(EditHistory::Edit edit);
-    // The page view draws the page again (its annotations changed).
-    void redraw(const std::shared_ptr<PdfPage> &page);
     void reseat(const std::shared_ptr<PdfAnnotation> &annotation);
     void count();
     std::pair<std::function<void()>, std::function<void()>> placementActions(const std::shared_ptr<PdfAnnotation> &annotation,

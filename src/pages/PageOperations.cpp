@@ -41,6 +41,7 @@ std::shared_ptr<PdfDocument> build(const std::vector<std::shared_ptr<PdfPage>> &
     auto result = PdfDocument::create();
     if (!result)
         return nullptr;
+    const PdfCopyBatch batch(result);
     for (auto it = pages.rbegin(); it != pages.rend(); ++it) {
         placeCopy(*it, *result, 0);
         if (!goOn(progress, ++done, total))
@@ -122,6 +123,7 @@ bool insertPages(const std::shared_ptr<PdfDocument> &source, const std::shared_p
     for (int i = 0; i < source->pageCount(); ++i)
         pages.push_back(source->page(i));
     const qint64 start = std::clamp<qint64>(at, 0, destination->pageCount());
+    const PdfCopyBatch batch(destination);
     qint64 placed = 0, done = 0;
     for (const auto &page : pages) {
         if (placeCopy(page, *destination, start + placed))

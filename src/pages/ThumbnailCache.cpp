@@ -1,5 +1,6 @@
 #include "ThumbnailCache.h"
 
+#include "PdfChangeChannel.h"
 #include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
@@ -42,15 +43,26 @@ void ThumbnailCache::setDocument(std::shared_ptr<PdfDocument> document)
     ++generation_;
     pool_.clear();
     images_.clear();
+    versions_.clear();
+    disconnect(changes_);
+    if (document_)
+        changes_ = connect(document_->changes(), &PdfChangeChannel::pageChanged, this,
+                           [this](const std::shared_ptr<PdfPage> &page) {
+                               const int row = page->document() == document_ ? page->index() : -1;
+                               if (row >= 0)
+                                   markStale(row);
+                           });
     bytes_ = 0;
     queue_.clear();
     queued_.clear();
     inFlight_.clear();
 }
 
-void ThumbnailCache::markStale()
+void ThumbnailCache::markStale(int row)
 {
-    ++version_;
+    ++versions_[row];
+    if (inSight(row))
+        request(row);
 }
 
 void ThumbnailCache::setShownSize(QSize devicePixels, qreal devicePixelRatio)
@@ -69,7 +81,7 @@ void ThumbnailCache::setVisibleRows(int first, int last)
 QImage ThumbnailCache::thumbnail(int row)
 {
     const auto it = images_.constFind(row);
-    if (it == images_.constEnd() || it->version != version_)
+    if (it == images_.constEnd() || it->version != versionOf(row))
         request(row);
     return it == images_.constEnd() ? QImage() : it->image;
 }
@@ -139,20 +151,20 @@ void ThumbnailCache::work()
         const auto list = page ? page->displayList(PdfRenderOptions{}) : nullptr;
         if (!list) {
             // Nothing to show for this row; it is not asked for again.
-            store(row, QImage(), version_);
+            store(row, QImage(), versionOf(row));
             emit thumbnailReady(row);
             continue;
         }
         const QRectF region = page->pageToDisplay().mapRect(page->bounds(PdfBox::Crop));
         if (region.isEmpty()) {
-            store(row, QImage(), version_);
+            store(row, QImage(), versionOf(row));
             emit thumbnailReady(row);
             continue;
         }
         const qreal scale = std::min(renderSize.width() / region.width(), renderSize.height() / region.height());
         const QSize shown = shownSize_;
         const qreal ratio = devicePixelRatio_;
-        const int generation = generation_, version = version_;
+        const int generation = generation_, version = versionOf(row);
         inFlight_.insert(row);
         pool_.start([this, list, region, scale, shown, ratio, row, generation, version] {
             QImage image = list->render(scale, region);

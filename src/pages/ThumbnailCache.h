@@ -1,8 +1,8 @@
 // Page thumbnails for the sidebar, made lazily for the rows in sight: a page's
 // display list is recorded on the user-interface thread (a few per event-loop
 // turn) and played back on worker threads. Pictures are kept until the page
-// structure changes; after a content change they stay on show while they are
-// drawn again.
+// structure changes; a page whose content changes (the engine announces it)
+// keeps its picture on show while it is drawn again.
 #pragma once
 
 #include <QHash>
@@ -30,9 +30,9 @@ public:
     // The pages changed (another document, or pages added, removed, moved or
     // rotated): every picture is dropped.
     void setDocument(std::shared_ptr<PdfDocument> document);
-    // Page contents may have changed (annotations): pictures are drawn again
-    // and shown as they were meanwhile.
-    void markStale();
+    // The page at `row` looks different now (its annotations changed): its
+    // picture is drawn again and shown as it was meanwhile.
+    void markStale(int row);
     // Pictures are kept at most this size in device pixels (the shown size).
     void setShownSize(QSize devicePixels, qreal devicePixelRatio);
     // The rows on screen: they are drawn first; their neighbours follow.
@@ -64,6 +64,7 @@ private:
     void store(int row, const QImage &image, int version);
     void evict();
     bool inSight(int row) const { return row >= first_ && row <= last_; }
+    int versionOf(int row) const { return versions_.value(row, 0); }
 
     std::shared_ptr<PdfDocument> document_;
     QHash<int, Entry> images_;
@@ -71,7 +72,9 @@ private:
     QSet<int> queued_;
     QSet<int> inFlight_;
     int generation_ = 0;
-    int version_ = 0;
+    // How often each row's page changed; a picture of an older version is stale.
+    QHash<int, int> versions_;
+    QMetaObject::Connection changes_;
     int first_ = 0;
     int last_ = -1;
     QSize shownSize_{56, 74};

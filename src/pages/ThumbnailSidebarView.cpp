@@ -149,11 +149,6 @@ ThumbnailSidebarView::ThumbnailSidebarView(DocumentModel *model, QWidget *parent
     connect(model_, &DocumentModel::pageMutationCountChanged, this, &ThumbnailSidebarView::rebuild);
     connect(model_, &DocumentModel::currentPageIndexChanged, this, &ThumbnailSidebarView::repaintRows);
     connect(model_, &DocumentModel::selectedPageIndicesChanged, this, &ThumbnailSidebarView::repaintRows);
-    // Annotations change what pages look like, not which pages there are.
-    connect(model_, &DocumentModel::historyVersionChanged, this, [this] {
-        cache_->markStale();
-        repaintRows();
-    });
     rebuild();
 }
 

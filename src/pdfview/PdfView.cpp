@@ -1,6 +1,7 @@
 #include "PdfView.h"
 
 #include "PageRenderCache.h"
+#include "PdfChangeChannel.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 #include "PdfViewScrollBar.h"
@@ -67,6 +68,9 @@ void PdfView::setDocument(std::shared_ptr<PdfDocument> document)
     const bool hadSelection = selection_.has_value();
     selection_.reset();
     document_ = std::move(document);
+    disconnect(changes_);
+    if (document_)
+        changes_ = connect(document_->changes(), &PdfChangeChannel::pageChanged, this, &PdfView::pageChanged);
     loadPages();
     // The first page of a new document is announced even if its index equals the old one.
     const int before = current_;
@@ -137,6 +141,19 @@ void PdfView::invalidatePage(const std::shared_ptr<PdfPage> &page)
     cache_->invalidate(page.get());
     pictureTimer_.start();
     viewport()->update();
+}
+
+// A page shown here changed: a turned page takes another place in the column,
+// anything else is drawn again where it is.
+void PdfView::pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes)
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return;
+    if ((changes & PdfChangeChannel::Rotation) && page->pageToDisplay() != pageToDisplay_[size_t(index)])
+        reloadPages();
+    else
+        invalidatePage(page);
 }
 
 int PdfView::indexOf(const std::shared_ptr<PdfPage> &page) const

@@ -8,6 +8,7 @@
 // At scale 1 one point is one logical pixel.
 #pragma once
 
+#include "PdfChangeChannel.h"
 #include "PdfSelection.h"
 #include "PdfTypes.h"
 #include "PdfViewLayout.h"
@@ -48,7 +49,8 @@ public:
     // the pages out again, keeping the zoom and, if it is still there, the
     // page at the top of the view.
     void reloadPages();
-    // The page's content changed (its annotations): it is rendered again.
+    // The page's content changed: it is rendered again. Changes the engine
+    // announces for the document's pages are followed without being asked.
     void invalidatePage(const std::shared_ptr<PdfPage> &page);
 
     // The page that takes up most of the view (or the one last gone to).
@@ -146,6 +148,8 @@ private:
         bool dragging = false;
     };
 
+    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes);
+
     // Layout and scrolling.
     void loadPages();
     void relayout(const Anchor &anchor, std::optional<qreal> scale = std::nullopt);
@@ -181,6 +185,7 @@ private:
     void zoomAround(qreal scale, QPointF viewPoint);
 
     std::shared_ptr<PdfDocument> document_;
+    QMetaObject::Connection changes_;
     std::vector<std::shared_ptr<PdfPage>> pages_;
     std::vector<QTransform> pageToDisplay_;
     std::unordered_map<const PdfPage *, int> indexOf_;

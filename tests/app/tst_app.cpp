@@ -10,6 +10,8 @@
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
+#include "ThumbnailCache.h"
+#include "ThumbnailSidebarView.h"
 #include "ToolSettings.h"
 #include "VelloraApp.h"
 
@@ -40,6 +42,7 @@ private slots:
     void hintBanner();
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
+    void everyWindowFollowsAnnotationChanges();
 
 private:
     QString fixture(const QString &name, int pages = 3);
@@ -397,6 +400,53 @@ void TestApp::zoomIsFittedThenFrozen()
     QTest::qWait(PdfViewBridge::lockDelayMs + 150);
     QCOMPARE(view->scaleFactor(), zoomed);
     QCOMPARE(view->minScaleFactor(), 0.25);
+}
+
+// Two windows on one document (File > New Window): a change made and undone
+// in one is drawn in both page views and in the thumbnails.
+void TestApp::everyWindowFollowsAnnotationChanges()
+{
+    model_->open(fixture("two-windows.pdf", 2));
+    ContentView second(model_.get());
+    second.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&second));
+    PdfView *views[] = {window_->bridge()->findChild<PdfView *>(), second.bridge()->findChild<PdfView *>()};
+    auto page = model_->pdfDocument()->page(0);
+    const QRectF box(250, 350, 100, 100);
+    auto colourIn = [&](PdfView *view) {
+        return view->viewport()->grab().toImage().pixelColor(view->convertFromPage(box.center(), page).toPoint());
+    };
+    auto thumbnailCentre = [&](ContentView &window) {
+        const QImage thumbnail = window.thumbnailSidebar()->cache()->thumbnail(0);
+        const QPointF centre = page->pageToDisplay().map(box.center());
+        const QSizeF shown = page->displaySize();
+        return thumbnail.isNull() ? QColor()
+                                  : thumbnail.pixelColor(int(centre.x() / shown.width() * thumbnail.width()),
+                                                         int(centre.y() / shown.height() * thumbnail.height()));
+    };
+    for (PdfView *view : views) {
+        QVERIFY(view);
+        view->goToPoint(page, QPointF(0, 792));
+        QTRY_VERIFY_WITH_TIMEOUT(view->isRenderingComplete(), 60000);
+        QCOMPARE(colourIn(view), QColor(Qt::white));
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(thumbnailCentre(second), QColor(Qt::white), 60000);
+
+    auto square = PdfAnnotation::create(box, PdfAnnotation::Square);
+    square->setColor(Qt::blue);
+    square->setInteriorColor(Qt::blue);
+    model_->addAnnotation(square, page, true);
+    for (PdfView *view : views)
+        QTRY_COMPARE_WITH_TIMEOUT(colourIn(view), QColor(Qt::blue), 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(thumbnailCentre(*window_), QColor(Qt::blue), 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(thumbnailCentre(second), QColor(Qt::blue), 60000);
+
+    // Undone in the second window.
+    QVERIFY(second.commands()->undo->isEnabled());
+    second.commands()->undo->trigger();
+    for (PdfView *view : views)
+        QTRY_COMPARE_WITH_TIMEOUT(colourIn(view), QColor(Qt::white), 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(thumbnailCentre(*window_), QColor(Qt::white), 60000);
 }
 
 QTEST_MAIN(TestApp)

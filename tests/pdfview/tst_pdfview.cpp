@@ -540,18 +540,41 @@ void TestPdfView::renderingAndInvalidation()
     QVERIFY(dark > 50);
     QCOMPARE(colourAt(QPointF(300, 400)), QColor(Qt::white));
 
-    // A new annotation shows only once the page is invalidated.
+    // A change made on the page itself reaches every view of the document
+    // without anyone telling them: a second view shows it as well.
+    PdfView second;
+    second.resize(600, 500);
+    second.setDocument(doc);
+    second.setScaleFactor(1.0);
+    second.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&second));
+    QTRY_VERIFY_WITH_TIMEOUT(second.isRenderingComplete(), renderTimeoutMs);
+    auto secondColourAt = [&](QPointF pagePoint) {
+        return second.viewport()->grab().toImage().pixelColor(second.convertFromPage(pagePoint, page).toPoint());
+    };
+    QCOMPARE(secondColourAt(QPointF(300, 400)), QColor(Qt::white));
     auto square = PdfAnnotation::create(QRectF(250, 350, 100, 100), PdfAnnotation::Square);
     square->setColor(Qt::blue);
     square->setInteriorColor(Qt::blue);
-    page->addAnnotation(square);
-    view_->update();
-    QTest::qWait(50);
-    QCOMPARE(colourAt(QPointF(300, 400)), QColor(Qt::white));
     QSignalSpy done(view_.get(), &PdfView::renderingComplete);
-    view_->invalidatePage(page);
+    page->addAnnotation(square);
     QVERIFY(!view_->isRenderingComplete());
     QVERIFY(done.wait(renderTimeoutMs));
+    QTRY_COMPARE_WITH_TIMEOUT(colourAt(QPointF(300, 400)), QColor(Qt::blue), renderTimeoutMs);
+    QTRY_COMPARE_WITH_TIMEOUT(secondColourAt(QPointF(300, 400)), QColor(Qt::blue), renderTimeoutMs);
+    square->setInteriorColor(Qt::green);
+    QTRY_COMPARE_WITH_TIMEOUT(secondColourAt(QPointF(300, 400)), QColor(Qt::green), renderTimeoutMs);
+    page->removeAnnotation(square);
+    QTRY_COMPARE_WITH_TIMEOUT(colourAt(QPointF(300, 400)), QColor(Qt::white), renderTimeoutMs);
+    QTRY_COMPARE_WITH_TIMEOUT(secondColourAt(QPointF(300, 400)), QColor(Qt::white), renderTimeoutMs);
+    // A turned page takes its new shape in both views.
+    page->setRotation(90);
+    QCOMPARE(pageRect(second, page).size().toSize(), QSize(792, 612));
+    QCOMPARE(pageRect(*view_, page).size().toSize(), QSize(792, 612));
+    page->setRotation(0);
+    second.close();
+    square->setInteriorColor(Qt::blue);
+    page->addAnnotation(square);
     QTRY_COMPARE_WITH_TIMEOUT(colourAt(QPointF(300, 400)), QColor(Qt::blue), renderTimeoutMs);
 
     // A zoom renders sharper pictures: after it, a new picture at the new scale.

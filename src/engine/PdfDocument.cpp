@@ -2,10 +2,10 @@
 
 #include "DocCore.h"
 #include "Native.h"
+#include "SafeSave.h"
 #include "PdfPage.h"
 
 #include <QFile>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <cstring>
@@ -527,11 +527,7 @@ bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
     if (written) {
         unsigned char *data = nullptr;
         const size_t size = fz_buffer_storage(c, buffer, &data);
-        // QSaveFile writes next to the target and renames only on commit; it
-        // follows a symbolic link and keeps the old file's permissions.
-        QSaveFile file(path);
-        ok = file.open(QIODevice::WriteOnly) && file.write(reinterpret_cast<const char *>(data), qint64(size)) == qint64(size)
-             && file.commit();
+        ok = safesave::write(path, reinterpret_cast<const char *>(data), qint64(size));
     }
     fz_drop_buffer(c, buffer);
     return ok;

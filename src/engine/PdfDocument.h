@@ -62,8 +62,9 @@ public:
     bool insert(const std::shared_ptr<PdfPage> &page, int index);
     bool removePage(int index);
 
-    // Writes the whole document: a temporary file next to `path`, renamed over
-    // it only when everything was written, so a failure leaves the old file.
+    // Writes the whole document: a temporary file next to `path`, synced and
+    // renamed over it only when everything was written, so a failure, a crash
+    // or a power cut leaves the old file or the new one, never a mix.
     bool write(const QString &path, const PdfWriteOptions &options = {});
 
 private:

@@ -10,11 +10,17 @@
 #include "Testing.h"
 
 #include <QDir>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <functional>
+
+#include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
@@ -130,6 +136,7 @@ private slots:
     void copiesAreMadeFromTheSourceAsItIs();
     void mupdfErrorsStayContained();
     void openingLeavesNothingBehind();
+    void savesSurviveKillsAndFullDisks();
 
 private:
     QTemporaryDir dir_;
@@ -347,6 +354,94 @@ void TestEngineIntegrity::openingLeavesNothingBehind()
         mu::testing::emptyCaches();
         QCOMPARE(mu::testing::liveAllocations(), baseline);
     }
+}
+
+// Saves the document over its own file again and again, each time with one
+// more annotation, saying "saving" before and "saved" after each save.
+int runSaveWorker(const QString &path)
+{
+    auto doc = PdfDocument::open(path);
+    if (!doc)
+        return 1;
+    QTextStream out(stdout);
+    for (int i = 0;; ++i) {
+        doc->page(i % doc->pageCount())->addAnnotation(filledSquare({72, 72, 40, 40}, Qt::red));
+        out << "saving" << Qt::endl;
+        if (!doc->write(path))
+            return 2;
+        out << "saved" << Qt::endl;
+    }
+}
+
+// The temporary files of saves of `file` in its folder.
+QStringList leftovers(const QString &file)
+{
+    const QFileInfo info(file);
+    const QRegularExpression ours("^\\." + QRegularExpression::escape(info.fileName()) + "\\.vellora-save-");
+    return info.dir().entryList(QDir::Files | QDir::Hidden).filter(ours);
+}
+
+// A process killed at any moment of a save over its own file leaves the old
+// file or the new one, whole; the temporary file a kill leaves is cleared by
+// the next save. A write that fails half-way (the file size limit stands in
+// for a full disk) leaves the old file as it was.
+void TestEngineIntegrity::savesSurviveKillsAndFullDisks()
+{
+    const QString file = path("large.pdf");
+    const int pages = 1500;
+    QVERIFY(fixtures::writePdf(file, fixtures::numberedPages(pages, 12)));
+    int killedMidSave = 0;
+    for (int round = 0; round < 20; ++round) {
+        QProcess worker;
+        worker.start(QCoreApplication::applicationFilePath(), {"--save-worker", file});
+        QVERIFY(worker.waitForStarted());
+        // Let it get into its first or second save, then kill it at a random moment.
+        QElapsedTimer clock;
+        clock.start();
+        QByteArray said;
+        while (said.count("saving") < 1 + round % 2 && clock.elapsed() < 60000) {
+            worker.waitForReadyRead(100);
+            said += worker.readAllStandardOutput();
+        }
+        QVERIFY2(said.contains("saving"), said.constData());
+        QTest::qSleep(QRandomGenerator::global()->bounded(400));
+        worker.kill();
+        QVERIFY(worker.waitForFinished());
+        said += worker.readAllStandardOutput();
+        killedMidSave += said.trimmed().endsWith("saving");
+        QCOMPARE(inspect::qpdfProblems(file), QString());
+        auto reopened = PdfDocument::open(file);
+        QVERIFY(reopened);
+        QCOMPARE(reopened->pageCount(), pages);
+    }
+    qInfo("%d of 20 kills fell into a save", killedMidSave);
+    QVERIFY2(killedMidSave >= 5, qPrintable(QString("only %1 kills fell into a save").arg(killedMidSave)));
+    // What a kill between writing the temporary file and renaming it leaves.
+    QVERIFY(fixtures::writeFile(path(".large.pdf.vellora-save-Ab3dE9"), "%PDF-1.7 a complete copy"));
+    QVERIFY(fixtures::writeFile(path(".large.pdf.vellora-saved"), "not ours"));
+    auto doc = PdfDocument::open(file);
+    QVERIFY(doc->write(file));
+    QCOMPARE(leftovers(file), QStringList());
+    QVERIFY(QFile::exists(path(".large.pdf.vellora-saved")));
+
+    // A full disk.
+    const QByteArray before = [&] {
+        QFile f(file);
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }();
+    doc->page(0)->addAnnotation(filledSquare({200, 200, 40, 40}, Qt::blue));
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small{rlim_t(before.size() / 2), limit.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool written = doc->write(file);
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    QVERIFY(!written);
+    QFile after(file);
+    QVERIFY(after.open(QIODevice::ReadOnly));
+    QVERIFY(after.readAll() == before);
+    QCOMPARE(leftovers(file), QStringList());
 }
 
 int runIntegrityTests(int argc, char **argv)

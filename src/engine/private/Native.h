@@ -8,15 +8,18 @@
 #include "PdfPage.h"
 
 struct PdfPage::Native {
+    explicit Native(pdf_obj *page = nullptr) : obj(page) {}
     pdf_obj *obj = nullptr;       // the page dictionary (a reference we own)
     pdf_page *loaded = nullptr;   // MuPDF's loaded page, while it is kept
 };
 
 struct PdfAnnotation::Native {
+    explicit Native(pdf_obj *annotation = nullptr) : obj(annotation) {}
     pdf_obj *obj = nullptr;        // the annotation dictionary (a reference we own)
     pdf_obj *appearance = nullptr; // our normal-appearance stream, reused on changes
 };
 
 struct PdfDisplayList::Native {
+    explicit Native(fz_display_list *recorded) : list(recorded) {}
     fz_display_list *list = nullptr;
 };

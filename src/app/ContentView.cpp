@@ -28,6 +28,7 @@
 #include <QTimer>
 #include <QToolBar>
 #include <QVBoxLayout>
+#include <QWindow>
 
 namespace {
 
@@ -252,6 +253,12 @@ bool ContentView::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == documentPane_ && event->type() == QEvent::Resize)
         placeBanner();
+    // Announced a turn after the first exposure, once the window is painted, so
+    // that whatever runs then (reading a large file) happens in front of it.
+    if (watched == windowHandle() && event->type() == QEvent::Expose && windowHandle()->isExposed()) {
+        windowHandle()->removeEventFilter(this);
+        QTimer::singleShot(0, this, &ContentView::firstShown);
+    }
     return QMainWindow::eventFilter(watched, event);
 }
 
@@ -278,8 +285,12 @@ void ContentView::updateErrorAlert()
     alert_->addButton(tr("OK"), QMessageBox::RejectRole);
     alert_->setWindowModality(Qt::WindowModal);
     alert_->setAttribute(Qt::WA_DeleteOnClose);
-    connect(alert_, &QMessageBox::finished, this, [this] {
+    // The keys go back to what the alert covered (the password field, for
+    // another try), also where the window system does not hand them back.
+    connect(alert_, &QMessageBox::finished, this, [this, owner = QPointer<QWidget>(owner)] {
         alert_ = nullptr;
+        if (owner)
+            owner->activateWindow();
         if (!model_->errorMessage().isEmpty())
             model_->setErrorMessage({});
     });
@@ -362,25 +373,37 @@ void ContentView::setShowSignatureSheet(bool show)
     emit sheetFlagsChanged();
 }
 
-bool ContentView::handleDrop(const QMimeData *data)
+namespace {
+
+// The first dropped item that is a file; empty when there is none.
+QString firstDroppedFile(const QMimeData *data)
 {
-    if (!data)
-        return false;
-    for (const QUrl &url : data->urls()) {
-        if (!url.isLocalFile())
-            continue;
-        const QString path = url.toLocalFile();
-        // Opened on a later turn of the event loop, like a drop that arrives late.
-        if (QFileInfo(path).suffix().toLower() == QLatin1String("pdf"))
-            QTimer::singleShot(0, model_, [model = model_, path] { model->open(path); });
-        return true;
-    }
-    return false;
+    if (data)
+        for (const QUrl &url : data->urls())
+            if (url.isLocalFile())
+                return url.toLocalFile();
+    return {};
 }
 
+} // namespace
+
+bool ContentView::handleDrop(const QMimeData *data)
+{
+    const QString path = firstDroppedFile(data);
+    if (path.isEmpty())
+        return false;
+    // Opened on a later turn of the event loop, like a drop that arrives late.
+    // The file may be gone by then, or be no PDF: the open reports that.
+    if (QFileInfo(path).suffix().toLower() == QLatin1String("pdf"))
+        QTimer::singleShot(0, model_, [model = model_, path] { model->open(path); });
+    return true;
+}
+
+// Drags that carry no file (addresses on the web, text) are refused already
+// while over the window, so the pointer says so before the drop.
 void ContentView::dragEnterEvent(QDragEnterEvent *event)
 {
-    if (event->mimeData()->hasUrls())
+    if (!firstDroppedFile(event->mimeData()).isEmpty())
         event->acceptProposedAction();
 }
 
@@ -397,7 +420,7 @@ void ContentView::showEvent(QShowEvent *event)
     QMainWindow::showEvent(event);
     if (!shown_) {
         shown_ = true;
-        emit firstShown();
+        windowHandle()->installEventFilter(this);
     }
 }
 

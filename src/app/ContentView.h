@@ -79,6 +79,7 @@ public:
     QDialog *extractSheet() const { return extractSheet_; }
 
 signals:
+    // The window is on screen for the first time, painted.
     void firstShown();
     void sheetFlagsChanged();
 

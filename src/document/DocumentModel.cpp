@@ -4,8 +4,35 @@
 #include "PdfDocument.h"
 #include "PdfView.h"
 
+#include <QCursor>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QTimer>
+
+namespace {
+
+// The wait cursor over every window while a file is read on this thread; the
+// cursor comes back when the scope ends, whichever way it is left.
+class BusyCursor {
+public:
+    BusyCursor() : shown_(qobject_cast<QGuiApplication *>(QCoreApplication::instance()) != nullptr)
+    {
+        if (shown_)
+            QGuiApplication::setOverrideCursor(Qt::WaitCursor);
+    }
+    ~BusyCursor()
+    {
+        if (shown_)
+            QGuiApplication::restoreOverrideCursor();
+    }
+    BusyCursor(const BusyCursor &) = delete;
+    BusyCursor &operator=(const BusyCursor &) = delete;
+
+private:
+    bool shown_;
+};
+
+} // namespace
 
 DocumentModel::DocumentModel(QObject *parent) : DocumentModel(RecentDocuments(), parent) {}
 
@@ -139,6 +166,7 @@ void DocumentModel::attach(PdfView *pdfView)
 
 void DocumentModel::open(const QString &path)
 {
+    BusyCursor busy;
     auto document = PdfDocument::open(path);
     if (!document) {
         setErrorMessage(openFailedMessage(QFileInfo(path).fileName()));
@@ -177,6 +205,7 @@ void DocumentModel::unlockPendingDocument(const QString &password)
 {
     if (!lockedDocument_ || lockedURL_.isEmpty())
         return;
+    BusyCursor busy;
     if (!lockedDocument_->unlock(password)) {
         setErrorMessage(wrongPasswordMessage());
         return;

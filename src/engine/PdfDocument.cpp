@@ -6,10 +6,14 @@
 #include "PdfPage.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <unordered_set>
+
+#include <zlib.h>
 
 DocCore::~DocCore()
 {
@@ -205,6 +209,9 @@ namespace {
 
 bool looksLikePdf(const QString &path)
 {
+    // Only regular files: opening a named pipe would wait for a writer for good.
+    if (!QFileInfo(path).isFile())
+        return false;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
@@ -328,13 +335,144 @@ bool PdfDocument::isEncrypted() const
 
 bool PdfDocument::isLocked() const { return locked_; }
 
+namespace {
+
+const unsigned char passwordPadding[32] = {0x28, 0xbf, 0x4e, 0x5e, 0x4e, 0x75, 0x8a, 0x41, 0x64, 0x00, 0x4e,
+                                           0x56, 0xff, 0xfa, 0x01, 0x08, 0x2e, 0x2e, 0x00, 0xb6, 0xd0, 0x68,
+                                           0x3e, 0x80, 0x2f, 0x0c, 0xa9, 0xfe, 0x64, 0x53, 0x69, 0x7a};
+
+// Bytes of the file key, as MuPDF's crypt object counts them.
+int fileKeyLength(fz_context *c, pdf_crypt *crypt) { return std::clamp(pdf_crypt_length(c, crypt) / 8, 0, 16); }
+
+// MD5 of the password padded to 32 bytes and of `more`, then (revision 3 and
+// later) 50 more rounds over the first `n` bytes.
+void passwordHash(const unsigned char *password, size_t length,
+                  std::initializer_list<std::pair<const unsigned char *, size_t>> more, int revision, int n,
+                  unsigned char out[16])
+{
+    unsigned char padded[32];
+    length = std::min<size_t>(length, 32);
+    std::memcpy(padded, password, length);
+    std::memcpy(padded + length, passwordPadding, 32 - length);
+    fz_md5 md5;
+    fz_md5_init(&md5);
+    fz_md5_update(&md5, padded, 32);
+    for (const auto &[data, size] : more)
+        fz_md5_update(&md5, data, size);
+    fz_md5_final(&md5, out);
+    if (revision < 3)
+        return;
+    for (int i = 0; i < 50; ++i) {
+        fz_md5_init(&md5);
+        fz_md5_update(&md5, out, size_t(n));
+        fz_md5_final(&md5, out);
+    }
+}
+
+// RC4 with `key`; from revision 3 on twenty times, the key XORed with the
+// round's number, counting up from 0 or down from 19.
+void rc4Rounds(const unsigned char *key, int n, int revision, bool countDown, unsigned char *data, size_t length)
+{
+    const int rounds = revision >= 3 ? 20 : 1;
+    unsigned char roundKey[16];
+    fz_arc4 arc4;
+    for (int round = 0; round < rounds; ++round) {
+        const int x = countDown ? rounds - 1 - round : round;
+        for (int i = 0; i < n; ++i)
+            roundKey[i] = uint8_t(key[i] ^ x);
+        fz_arc4_init(&arc4, roundKey, size_t(n));
+        fz_arc4_encrypt(&arc4, data, data, length);
+    }
+}
+
+// The standard security handler of revisions 2 to 4 fed with the password's
+// bytes as they are: the file key (PDF 1.7 algorithm 3.2), checked against /U
+// (3.4, 3.5) and given to MuPDF's crypt object when it matches.
+bool authenticateUserBytes(fz_context *c, pdf_document *doc, const unsigned char *password, size_t length)
+{
+    pdf_crypt *crypt = doc->crypt;
+    const int revision = pdf_crypt_revision(c, crypt), n = fileKeyLength(c, crypt);
+    pdf_obj *id = pdf_array_get(c, pdf_dict_get(c, pdf_trailer(c, doc), PDF_NAME(ID)), 0);
+    const auto *idBytes = reinterpret_cast<const unsigned char *>(pdf_to_str_buf(c, id));
+    const size_t idLength = pdf_to_str_len(c, id);
+    const auto p = unsigned(pdf_crypt_permissions(c, crypt));
+    const unsigned char permissions[4] = {uint8_t(p), uint8_t(p >> 8), uint8_t(p >> 16), uint8_t(p >> 24)};
+    const unsigned char unencryptedMetadata[4] = {0xff, 0xff, 0xff, 0xff};
+    const bool plainMetadata = revision >= 4 && !pdf_crypt_encrypt_metadata(c, crypt);
+    unsigned char key[16];
+    passwordHash(password, length,
+                 {{pdf_crypt_owner_password(c, crypt), 32}, {permissions, 4}, {idBytes, idLength},
+                  {unencryptedMetadata, plainMetadata ? 4 : 0}},
+                 revision, n, key);
+
+    unsigned char check[32];
+    size_t compared = 32;
+    if (revision == 2) {
+        std::memcpy(check, passwordPadding, 32);
+    } else {
+        fz_md5 md5;
+        fz_md5_init(&md5);
+        fz_md5_update(&md5, passwordPadding, 32);
+        fz_md5_update(&md5, idBytes, idLength);
+        fz_md5_final(&md5, check);
+        compared = 16;
+    }
+    rc4Rounds(key, n, revision, false, check, compared);
+    if (std::memcmp(check, pdf_crypt_user_password(c, crypt), compared) != 0)
+        return false;
+    std::memcpy(pdf_crypt_key(c, crypt), key, size_t(n));
+    return true;
+}
+
+// The owner password of revisions 2 to 4 unwraps the user password from /O (3.7).
+bool authenticateOwnerBytes(fz_context *c, pdf_document *doc, const unsigned char *password, size_t length)
+{
+    pdf_crypt *crypt = doc->crypt;
+    const int revision = pdf_crypt_revision(c, crypt), n = fileKeyLength(c, crypt);
+    unsigned char key[16];
+    passwordHash(password, length, {}, revision, n, key);
+    unsigned char user[32];
+    std::memcpy(user, pdf_crypt_owner_password(c, crypt), 32);
+    rc4Rounds(key, n, revision, true, user, 32);
+    return authenticateUserBytes(c, doc, user, 32);
+}
+
+// True when every character has a code in PDFDocEncoding.
+bool fitsPdfDocEncoding(const QString &text)
+{
+    const unsigned short *table = fz_unicode_from_pdf_doc_encoding;
+    for (char32_t ch : text.toUcs4())
+        if (std::find(table + 1, table + 256, ch) == table + 256)
+            return false;
+    return true;
+}
+
+} // namespace
+
+// The older handlers (revisions 2 to 4) take the password as bytes. MuPDF
+// turns it into PDFDocEncoding, as the format asks, but silently leaves out
+// the characters that encoding cannot hold, so a wrong password could open the
+// file; such a password is only tried as its UTF-8 bytes, which is also how
+// qpdf and others write it. A password that fits is tried both ways.
 bool PdfDocument::unlock(const QString &password)
 {
     if (!locked_)
         return true;
     const QByteArray utf8 = password.toUtf8();
+    const bool fits = fitsPdfDocEncoding(password);
     int ok = 0;
-    if (!mu::tryGuard([&](fz_context *c) { ok = pdf_authenticate_password(c, core_->doc, utf8.constData()); }) || !ok)
+    if (!mu::tryGuard([&](fz_context *c) {
+            const int revision = pdf_crypt_revision(c, core_->doc->crypt);
+            const bool older = revision >= 2 && revision <= 4;
+            if (fits || !older)
+                ok = pdf_authenticate_password(c, core_->doc, utf8.constData());
+            if (!ok && older) {
+                const auto *bytes = reinterpret_cast<const unsigned char *>(utf8.constData());
+                ok = authenticateUserBytes(c, core_->doc, bytes, size_t(utf8.size()))
+                     || authenticateOwnerBytes(c, core_->doc, bytes, size_t(utf8.size()));
+            }
+        })
+        || !ok)
         return false;
     locked_ = false;
     if (!loadPageList()) {
@@ -491,10 +629,136 @@ bool PdfDocument::removePage(int index)
     return true;
 }
 
+namespace {
+
+// The length of the start of content-stream data that ends with the last
+// operator before the first token that cannot be read: damaged data decodes
+// to a readable start and then garbage.
+size_t readableContent(fz_context *c, fz_buffer *data)
+{
+    fz_stream *in = fz_open_buffer(c, data);
+    pdf_lexbuf lex;
+    pdf_lexbuf_init(c, &lex, PDF_LEXBUF_SMALL);
+    size_t end = 0;
+    fz_var(end);
+    fz_try(c)
+    {
+        for (pdf_token token = pdf_lex(c, in, &lex); token != PDF_TOK_EOF && token != PDF_TOK_ERROR; token = pdf_lex(c, in, &lex))
+            if (token == PDF_TOK_KEYWORD)
+                end = size_t(fz_tell(c, in));
+    }
+    fz_always(c)
+    {
+        fz_drop_stream(c, in);
+        pdf_lexbuf_fin(c, &lex);
+    }
+    fz_catch(c)
+    {
+        // What cannot be read ends the readable start, as a bad token does.
+    }
+    return end;
+}
+
+// Whether Flate data fails zlib's own checks. MuPDF only warns when the
+// checksum at its end does not match, having decoded damaged bytes to garbage.
+bool failsFlateCheck(fz_context *c, fz_buffer *raw)
+{
+    unsigned char *data = nullptr;
+    const size_t size = fz_buffer_storage(c, raw, &data);
+    z_stream z{};
+    if (inflateInit(&z) != Z_OK)
+        return false;
+    unsigned char out[16384];
+    z.next_in = data;
+    z.avail_in = uInt(std::min<size_t>(size, UINT_MAX));
+    int result = Z_OK;
+    while (result == Z_OK) {
+        z.next_out = out;
+        z.avail_out = sizeof out;
+        result = inflate(&z, Z_NO_FLUSH);
+    }
+    inflateEnd(&z);
+    return result == Z_DATA_ERROR;
+}
+
+bool isFlateOnly(fz_context *c, pdf_obj *stream)
+{
+    pdf_obj *filter = pdf_dict_get(c, stream, PDF_NAME(Filter));
+    if (pdf_array_len(c, filter) == 1)
+        filter = pdf_array_get(c, filter, 0);
+    return pdf_name_eq(c, filter, PDF_NAME(FlateDecode)) && !pdf_dict_get(c, stream, PDF_NAME(DecodeParms));
+}
+
+// Replaces a page content stream whose data is damaged (it breaks off in an
+// error, or its checksum fails) with its readable start, stored plainly for
+// the writer to compress again, so the written file holds a stream every
+// reader decodes without finding stray tokens in it. True when it did.
+bool mendStream(fz_context *c, pdf_document *doc, pdf_obj *stream)
+{
+    fz_stream *in = nullptr;
+    fz_buffer *data = nullptr;
+    fz_buffer *raw = nullptr;
+    int damaged = 0;
+    fz_var(in);
+    fz_var(data);
+    fz_var(raw);
+    fz_var(damaged);
+    fz_try(c)
+    {
+        if (isFlateOnly(c, stream)) {
+            raw = pdf_load_raw_stream(c, stream);
+            damaged = failsFlateCheck(c, raw);
+        }
+        if (damaged || !raw) {
+            in = pdf_open_stream(c, stream);
+            data = fz_read_all(c, in, 0);
+            // A read error is only a warning to MuPDF: it ends the data and marks the stream.
+            damaged = damaged || in->error;
+        }
+        if (damaged) {
+            fz_resize_buffer(c, data, readableContent(c, data));
+            pdf_update_stream(c, doc, stream, data, 0);
+        }
+    }
+    fz_always(c)
+    {
+        fz_drop_stream(c, in);
+        fz_drop_buffer(c, data);
+        fz_drop_buffer(c, raw);
+    }
+    fz_catch(c) fz_rethrow(c);
+    return damaged;
+}
+
+} // namespace
+
 bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
 {
     if (locked_ || path.isEmpty())
         return false;
+    // Damaged page contents are written as far as they can be read; a content
+    // stream that cannot be opened at all is left as it is. Each stream is
+    // checked once: the engine itself never writes damaged contents.
+    auto &checked = core_->checkedContents;
+    for (const auto &page : pages_) {
+        bool mended = false;
+        mu::tryGuard([&](fz_context *c) {
+            auto mend = [&](pdf_obj *stream) {
+                const int num = pdf_to_num(c, stream);
+                if (!pdf_is_stream(c, stream) || (num > 0 && checked.count(num)))
+                    return;
+                mended = mendStream(c, core_->doc, stream) || mended;
+                if (num > 0)
+                    checked.insert(num);
+            };
+            pdf_obj *contents = pdf_dict_get(c, page->native_->obj, PDF_NAME(Contents));
+            mend(contents);
+            for (int i = 0; i < pdf_array_len(c, contents); ++i)
+                mend(pdf_array_get(c, contents, i));
+        });
+        if (mended)
+            page->changed(PdfChangeChannel::Content);
+    }
     pdf_write_options opts = pdf_default_write_options;
     opts.do_compress = 1;
     opts.do_compress_images = 1;

@@ -1,5 +1,6 @@
 // The application shell driven as a user would: commands and toolbar buttons,
 // drops, the password sheet, the error alert and the page view bridge.
+#include "ActAsNobody.h"
 #include "CommandMenu.h"
 #include "ContentView.h"
 #include "DocumentModel.h"
@@ -16,15 +17,66 @@
 #include "VelloraApp.h"
 
 #include <QAction>
+#include <QClipboard>
+#include <QDragEnterEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QProcess>
 #include <QPushButton>
 #include <QScrollBar>
+#include <QStackedWidget>
 #include <QTemporaryDir>
+#include <QWindow>
 #include <QtTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+// Drags `data` over `target` and drops it there, through the event path of a
+// real drop (enter, then drop on whichever widget took the enter); true when
+// the drop was accepted.
+bool dropOn(QWidget *target, QMimeData *data)
+{
+    const QPoint at = target->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction, data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(target, &enter);
+    if (!enter.isAccepted())
+        return false;
+    QDropEvent drop(at, Qt::CopyAction, data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(target, &drop);
+    return drop.isAccepted();
+}
+
+std::unique_ptr<QMimeData> urls(const QList<QUrl> &list)
+{
+    auto data = std::make_unique<QMimeData>();
+    data->setUrls(list);
+    return data;
+}
+
+// Types text as a keyboard does: one key event per character, an emoji's two
+// UTF-16 halves in one event.
+void typeText(QWidget *widget, const QString &text)
+{
+    for (char32_t ch : text.toUcs4())
+        QTest::sendKeyEvent(QTest::Click, widget, Qt::Key_unknown, QString::fromUcs4(&ch, 1), Qt::NoModifier);
+}
+
+// `plain` encrypted by qpdf; `handler` are qpdf's key-length options.
+bool qpdfEncrypt(const QString &plain, const QString &out, const QString &password, const QStringList &handler)
+{
+    QProcess qpdf;
+    qpdf.start("qpdf",
+               QStringList{"--allow-weak-crypto", "--encrypt", password, "owner"} + handler + QStringList{"--", plain, out});
+    return qpdf.waitForFinished(60000) && qpdf.exitStatus() == QProcess::NormalExit
+           && (qpdf.exitCode() == 0 || qpdf.exitCode() == 3);
+}
+
+} // namespace
 
 class TestApp : public QObject {
     Q_OBJECT
@@ -36,9 +88,11 @@ private slots:
     void recentFilesMenu();
     void titleAndEmptyState();
     void drops();
+    void dropsThatCannotOpen();
     void commandLineAndHandedFiles();
     void errorAlert();
     void passwordSheet();
+    void unicodePasswordsTyped();
     void hintBanner();
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
@@ -210,7 +264,91 @@ void TestApp::drops()
     QTRY_COMPARE(m.fileURL(), upper);
     QTest::qWait(20);
     QCOMPARE(m.fileURL(), upper); // only the first file
+}
 
+// Drops onto the window of things that are no readable PDF: each one that
+// names a .pdf ends in the open-failure alert, never in silence or a hang;
+// other names are ignored, and a drop without a file is refused.
+void TestApp::dropsThatCannotOpen()
+{
+    DocumentModel &m = *model_;
+    QWidget *emptyState = window_->findChild<QStackedWidget *>()->currentWidget();
+    QVERIFY(window_->showsEmptyState());
+
+    // Onto the empty-state panel, as a user would: it opens.
+    const auto first = urls({QUrl::fromLocalFile(fixture("first.pdf"))});
+    QVERIFY(dropOn(emptyState, first.get()));
+    QTRY_COMPARE(m.fileURL(), fixture("first.pdf"));
+    const auto shown = m.pdfDocument();
+    QWidget *pages = window_->bridge()->pdfView()->viewport();
+
+    // Only addresses on the web: refused already while dragging.
+    const auto web = urls({QUrl("http://example.org/report.pdf"), QUrl("https://example.org/b.pdf")});
+    QDragEnterEvent webEnter(pages->rect().center(), Qt::CopyAction, web.get(), Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(pages, &webEnter);
+    QVERIFY(!webEnter.isAccepted());
+    QVERIFY(!window_->handleDrop(web.get()));
+
+    // "nobody" keeps root's group, so the group may read what others may.
+    const auto readOnly = QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther;
+    const auto traverse = QFileDevice::ExeOwner | QFileDevice::ExeGroup | QFileDevice::ExeOther;
+    QTemporaryDir place;
+    QVERIFY(QFile::setPermissions(place.path(), readOnly | traverse | QFileDevice::WriteOwner));
+    auto in = [&](const QString &name) { return place.filePath(name); };
+    QVERIFY(QDir().mkdir(in("Scans.pdf")));
+    QVERIFY(QDir().mkdir(in("Scans")));
+    QVERIFY(::mkfifo(QFile::encodeName(in("pipe.pdf")).constData(), 0644) == 0);
+    QVERIFY(fixtures::writeFile(in("photo.pdf"), QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(500, 'x')));
+    QVERIFY(fixtures::writeFile(in("notes.txt"), "not a PDF"));
+    QVERIFY(QFile::copy(fixture("vanishing.pdf"), in("vanishing.pdf")));
+
+    auto failsWithMessage = [&](const QString &name, const std::function<void()> &beforeTheOpen = {}) {
+        m.setErrorMessage({});
+        const auto data = urls({QUrl::fromLocalFile(in(name))});
+        if (!dropOn(pages, data.get()))
+            return QString("%1: drop refused").arg(name);
+        if (beforeTheOpen)
+            beforeTheOpen();
+        if (!QTest::qWaitFor([&] { return !m.errorMessage().isEmpty(); }, 5000))
+            return QString("%1: no message").arg(name);
+        if (m.errorMessage() != DocumentModel::openFailedMessage(name))
+            return QString("%1: %2").arg(name, m.errorMessage());
+        if (!window_->errorAlert() || window_->errorAlert()->text() != m.errorMessage())
+            return QString("%1: no alert").arg(name);
+        if (m.pdfDocument() != shown)
+            return QString("%1: the open document was replaced").arg(name);
+        return QString();
+    };
+    QCOMPARE(failsWithMessage("Scans.pdf"), QString());
+    QCOMPARE(failsWithMessage("pipe.pdf"), QString());
+    QCOMPARE(failsWithMessage("photo.pdf"), QString());
+    // Deleted after the drop was taken, before the open runs.
+    QCOMPARE(failsWithMessage("vanishing.pdf", [&] { QVERIFY(QFile::remove(in("vanishing.pdf"))); }), QString());
+
+    // Unreadable for its user; the same file readable opens, so the permission is what failed.
+    QVERIFY(fixtures::writePdf(in("secret.pdf"), fixtures::numberedPages(1)));
+    QVERIFY(QFile::copy(in("secret.pdf"), in("readable.pdf")));
+    QVERIFY(QFile::setPermissions(in("secret.pdf"), {}));
+    QVERIFY(QFile::setPermissions(in("readable.pdf"), readOnly));
+    {
+        ActAsNobody nobody;
+        QVERIFY(nobody.ok());
+        QCOMPARE(failsWithMessage("secret.pdf"), QString());
+        m.setErrorMessage({});
+        const auto readable = urls({QUrl::fromLocalFile(in("readable.pdf"))});
+        QVERIFY(dropOn(pages, readable.get()));
+        QTRY_COMPARE(m.fileURL(), in("readable.pdf"));
+    }
+
+    // Not named .pdf: taken, then ignored without a word.
+    m.setErrorMessage({});
+    for (const QString &name : {QString("Scans"), QString("notes.txt")}) {
+        const auto data = urls({QUrl::fromLocalFile(in(name))});
+        QVERIFY(dropOn(pages, data.get()));
+    }
+    QTest::qWait(50);
+    QVERIFY(m.errorMessage().isEmpty());
+    QCOMPARE(m.fileURL(), in("readable.pdf"));
 }
 
 void TestApp::commandLineAndHandedFiles()
@@ -223,8 +361,14 @@ void TestApp::commandLineAndHandedFiles()
     VelloraApp app({"vellora", fixture("Arg.pdf")});
     ContentView *window = app.newWindow();
     QVERIFY(!app.documentModel()->pdfDocument());
+    // Read once the window is on screen, so the wait cursor shows over it.
+    bool exposedWhenRead = false;
+    connect(app.documentModel(), &DocumentModel::pdfDocumentChanged, window,
+            [&] { exposedWhenRead = window->windowHandle()->isExposed(); });
     window->show();
+    QVERIFY(!app.documentModel()->pdfDocument());
     QTRY_COMPARE(app.documentModel()->fileURL(), fixture("Arg.pdf"));
+    QVERIFY(exposedWhenRead);
     window->close();
 
     // A text file handed over by the desktop: the message, and a recent entry anyway.
@@ -314,6 +458,60 @@ void TestApp::passwordSheet()
     // Without a pending file the sheet speaks of "This PDF".
     PasswordSheet orphan(&m, window_.get());
     QCOMPARE(orphan.fileName() + " is password protected", QString("This PDF is password protected"));
+}
+
+// Passwords in other scripts typed into the sheet, for the AES-256 handler
+// and the older ones (which store such a password as its UTF-8 bytes).
+void TestApp::unicodePasswordsTyped()
+{
+    DocumentModel &m = *model_;
+    const QString plain = fixture("to-lock.pdf", 2);
+    struct Case {
+        QString password;
+        QStringList handler;
+        bool paste;
+    };
+    const QList<Case> cases{{QString::fromUtf8("zażółć gęślą"), {"128", "--use-aes=n"}, false},
+                            {QString::fromUtf8("пароль"), {"128", "--use-aes=y"}, false},
+                            {QString::fromUtf8("🔑 ключ"), {"256"}, false},
+                            {QString::fromUtf8("密码"), {"40"}, true}};
+    int made = 0;
+    for (const Case &c : cases) {
+        const QString file = dir_.filePath(QString("locked-%1.pdf").arg(++made));
+        QVERIFY(qpdfEncrypt(plain, file, c.password, c.handler));
+        m.open(file);
+        QTRY_VERIFY(window_->passwordSheet() && window_->passwordSheet()->isVisible());
+        PasswordSheet *sheet = window_->passwordSheet();
+        QLineEdit *field = sheet->passwordField();
+        QTRY_VERIFY(field->hasFocus());
+        auto enter = [&](const QString &text) {
+            if (c.paste) {
+                QGuiApplication::clipboard()->setText(text);
+                QTest::keyClick(field, Qt::Key_V, Qt::ControlModifier);
+            } else {
+                typeText(field, text);
+            }
+            QCOMPARE(field->text(), text);
+        };
+
+        enter(c.password.chopped(1));
+        QTest::keyClick(field, Qt::Key_Return);
+        QCOMPARE(m.errorMessage(), DocumentModel::wrongPasswordMessage());
+        QTRY_VERIFY(window_->errorAlert());
+        QPointer<QMessageBox> alert = window_->errorAlert();
+        QTest::mouseClick(alert->buttons().first(), Qt::LeftButton);
+        QVERIFY(m.errorMessage().isEmpty());
+        QVERIFY(sheet->isVisible());
+        QTRY_VERIFY(!alert);
+
+        QTRY_VERIFY(field->hasFocus()); // the next try is typed straight away
+        enter(c.password);
+        QTest::mouseClick(sheet->openButton(), Qt::LeftButton);
+        QTRY_VERIFY2(!window_->passwordSheet(), qPrintable(c.password));
+        QCOMPARE(m.fileURL(), file);
+        QVERIFY(m.errorMessage().isEmpty());
+        QVERIFY(!window_->showsEmptyState());
+    }
 }
 
 void TestApp::hintBanner()

@@ -7,9 +7,13 @@
 #include "PdfView.h"
 #include "ScriptedFilePanel.h"
 
+#include <QGuiApplication>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -36,6 +40,42 @@ void redoCommand(DocumentModel &model)
     model.setHistoryVersion(model.historyVersion() + 1);
 }
 
+// `plain` encrypted by qpdf into `out` with a security handler given as qpdf's
+// key-length options. For the 40- and 128-bit handlers qpdf stores a password
+// in PDFDocEncoding when it fits and as its UTF-8 bytes when it does not.
+bool qpdfEncrypt(const QString &plain, const QString &out, const QString &user, const QString &owner,
+                 const QStringList &handler)
+{
+    QProcess qpdf;
+    qpdf.start("qpdf", QStringList{"--allow-weak-crypto", "--encrypt", user, owner} + handler + QStringList{"--", plain, out});
+    // Exit code 3: written, with warnings (the one about UTF-8 bytes).
+    return qpdf.waitForFinished(60000) && qpdf.exitStatus() == QProcess::NormalExit
+           && (qpdf.exitCode() == 0 || qpdf.exitCode() == 3);
+}
+
+// The shape of the override cursor whenever one of the model's signals fires.
+class CursorWatch {
+public:
+    explicit CursorWatch(DocumentModel &model)
+    {
+        for (auto signal : {&DocumentModel::errorMessageChanged, &DocumentModel::lockedURLChanged,
+                            &DocumentModel::pdfDocumentChanged})
+            connections_ << QObject::connect(&model, signal, [this] {
+                const QCursor *cursor = QGuiApplication::overrideCursor();
+                shapes << (cursor ? cursor->shape() : Qt::BlankCursor);
+            });
+    }
+    ~CursorWatch()
+    {
+        for (const auto &c : connections_)
+            QObject::disconnect(c);
+    }
+    QList<Qt::CursorShape> shapes;
+
+private:
+    QList<QMetaObject::Connection> connections_;
+};
+
 } // namespace
 
 class TestDocumentModel : public QObject {
@@ -44,6 +84,9 @@ private slots:
     void init();
     void openingFailuresLeaveTheOpenDocument();
     void passwordProtectedFiles();
+    void unicodePasswords();
+    void filesThatCannotBeOpened();
+    void busyCursorWhileOpening();
     void adoptingAndSaving();
     void saveAsAndThePanels();
     void everyWriteIsAnnounced();
@@ -138,6 +181,136 @@ void TestDocumentModel::passwordProtectedFiles()
     QCOMPARE(m.recentURLs().value(0), locked);
 
     m.unlockPendingDocument("sesame"); // nothing pending: nothing happens
+    QCOMPARE(m.fileURL(), locked);
+}
+
+// Every security handler qpdf writes, with passwords in several scripts, as
+// user and as owner password; a wrong password never opens the file.
+void TestDocumentModel::unicodePasswords()
+{
+    DocumentModel &m = *model_;
+    const QString plain = fixture("two-pages.pdf", 2);
+    const QList<QPair<QString, QStringList>> handlers{{"AES-256", {"256"}},
+                                                      {"AES-256 R5", {"256", "--force-R5"}},
+                                                      {"AES-128", {"128", "--use-aes=y"}},
+                                                      {"RC4-128", {"128", "--use-aes=n"}},
+                                                      {"RC4-40", {"40"}}};
+    const QStringList passwords{QString::fromUtf8("zażółć gęślą"), QString::fromUtf8("пароль"), QString::fromUtf8("密码"),
+                                QString::fromUtf8("🔑🗝️ key"), QString::fromUtf8("café"), "plain ascii"};
+    const QString owner = QString::fromUtf8("владелец 🔒");
+    int made = 0;
+    for (const auto &[handler, options] : handlers) {
+        for (const QString &password : passwords) {
+            const QString file = dir_.filePath(QString("unicode-%1.pdf").arg(++made));
+            QVERIFY2(qpdfEncrypt(plain, file, password, owner, options), qPrintable(handler));
+            const QString what = handler + " / " + password;
+            m.setErrorMessage({});
+            m.open(file);
+            QVERIFY2(m.lockedDocument(), qPrintable(what));
+            m.unlockPendingDocument(password.chopped(1));
+            QVERIFY2(m.errorMessage() == DocumentModel::wrongPasswordMessage(), qPrintable(what));
+            QVERIFY(m.lockedDocument());
+            m.unlockPendingDocument(password + QString::fromUtf8("ż"));
+            QVERIFY2(m.lockedDocument(), qPrintable(what));
+            m.setErrorMessage({});
+            m.unlockPendingDocument(password);
+            QVERIFY2(m.errorMessage().isEmpty(), qPrintable(what));
+            QVERIFY2(m.lockedURL().isEmpty(), qPrintable(what));
+            QCOMPARE(m.fileURL(), file);
+            QCOMPARE(m.pdfDocument()->pageCount(), 2);
+            QVERIFY(!m.pdfDocument()->page(1)->text().isEmpty()); // decrypted for real
+
+            m.open(file);
+            m.unlockPendingDocument(owner);
+            QVERIFY2(m.lockedURL().isEmpty(), qPrintable(what + " (owner)"));
+        }
+    }
+
+    // Characters PDFDocEncoding cannot hold are not dropped: "abc" + "密" is not "abc".
+    const QString abc = dir_.filePath("abc.pdf");
+    QVERIFY(qpdfEncrypt(plain, abc, "abc", "abc-owner", {"128", "--use-aes=n"}));
+    m.open(abc);
+    m.setErrorMessage({});
+    m.unlockPendingDocument(QString::fromUtf8("abc密"));
+    QCOMPARE(m.errorMessage(), DocumentModel::wrongPasswordMessage());
+    m.unlockPendingDocument("abc");
+    QCOMPARE(m.fileURL(), abc);
+}
+
+// Whatever the path names, opening it fails with the message and leaves the
+// open document as it was, and nothing waits for good.
+void TestDocumentModel::filesThatCannotBeOpened()
+{
+    DocumentModel &m = *model_;
+    const QString first = fixture("Shown.pdf");
+    m.open(first);
+    const auto shown = m.pdfDocument();
+
+    // "nobody" keeps root's group, so the group may read what others may.
+    const auto readOnly = QFileDevice::ReadOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther;
+    const auto traverse = QFileDevice::ExeOwner | QFileDevice::ExeGroup | QFileDevice::ExeOther;
+    QTemporaryDir place;
+    QVERIFY(QFile::setPermissions(place.path(), readOnly | traverse | QFileDevice::WriteOwner));
+    auto inPlace = [&](const QString &name) { return place.filePath(name); };
+    QVERIFY(QDir().mkdir(inPlace("Folder.pdf")));
+    QVERIFY(::mkfifo(QFile::encodeName(inPlace("pipe.pdf")).constData(), 0644) == 0);
+    QVERIFY(fixtures::writeFile(inPlace("empty.pdf"), {}));
+    QImage picture(20, 20, QImage::Format_RGB32);
+    picture.fill(Qt::red);
+    QVERIFY(picture.save(inPlace("photo.pdf"), "PNG"));
+    QVERIFY(fixtures::writeFile(inPlace("header-only.pdf"), "%PDF-1.7\n"));
+    QVERIFY(QFile::link(inPlace("nowhere.pdf"), inPlace("dangling.pdf")));
+    for (const QString &name : QStringList{"Folder.pdf", "pipe.pdf", "empty.pdf", "photo.pdf", "header-only.pdf", "dangling.pdf",
+                                            "gone.pdf"}) {
+        m.setErrorMessage({});
+        m.open(inPlace(name));
+        QVERIFY2(m.errorMessage() == DocumentModel::openFailedMessage(name), qPrintable(name));
+        QCOMPARE(m.pdfDocument(), shown);
+        QCOMPARE(m.fileURL(), first);
+    }
+
+    // A file its user may not read; the same file readable opens, so the permission is what failed.
+    const QString secret = inPlace("secret.pdf"), readable = inPlace("readable.pdf");
+    QVERIFY(fixtures::writePdf(secret, fixtures::numberedPages(1)));
+    QVERIFY(QFile::copy(secret, readable));
+    QVERIFY(QFile::setPermissions(secret, {}));
+    QVERIFY(QFile::setPermissions(readable, readOnly));
+    {
+        ActAsNobody nobody;
+        QVERIFY(nobody.ok());
+        m.setErrorMessage({});
+        m.open(secret);
+        QCOMPARE(m.errorMessage(), DocumentModel::openFailedMessage("secret.pdf"));
+        QCOMPARE(m.pdfDocument(), shown);
+        m.open(readable);
+    }
+    QCOMPARE(m.fileURL(), readable);
+}
+
+// The wait cursor is up while a file is read and parsed, and gone afterwards,
+// whether the file opens, fails or asks for its password.
+void TestDocumentModel::busyCursorWhileOpening()
+{
+    DocumentModel &m = *model_;
+    QVERIFY(!QGuiApplication::overrideCursor());
+    const QString locked = dir_.filePath("Locked.pdf");
+    QVERIFY(fixtures::writeEncrypted(locked, fixtures::numberedPages(1), "sesame"));
+    QVERIFY(fixtures::writeFile(dir_.filePath("notes.pdf"), "not a PDF"));
+    const QList<QPair<QString, std::function<void()>>> steps{
+        {"success", [&] { m.open(fixture("busy.pdf")); }},
+        {"failure", [&] { m.open(dir_.filePath("notes.pdf")); }},
+        {"locked", [&] { m.open(locked); }},
+        {"wrong password", [&] { m.unlockPendingDocument("wrong"); }},
+        {"right password", [&] { m.unlockPendingDocument("sesame"); }},
+    };
+    for (const auto &[what, step] : steps) {
+        CursorWatch watch(m);
+        step();
+        QVERIFY2(!watch.shapes.isEmpty(), qPrintable(what));
+        for (Qt::CursorShape shape : watch.shapes)
+            QVERIFY2(shape == Qt::WaitCursor, qPrintable(what));
+        QVERIFY2(!QGuiApplication::overrideCursor(), qPrintable(what));
+    }
     QCOMPARE(m.fileURL(), locked);
 }
 

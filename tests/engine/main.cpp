@@ -4,6 +4,7 @@
 
 int runEngineTests(int argc, char **argv);
 int runIntegrityTests(int argc, char **argv);
+int runProducerTests(int argc, char **argv);
 int runSaveWorker(const QString &path);
 
 int main(int argc, char **argv)
@@ -14,5 +15,6 @@ int main(int argc, char **argv)
         return runSaveWorker(QString::fromLocal8Bit(argv[2]));
     int failures = runEngineTests(argc, argv);
     failures += runIntegrityTests(argc, argv);
+    failures += runProducerTests(argc, argv);
     return failures;
 }

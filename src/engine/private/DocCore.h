@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 class PdfPage;
@@ -46,6 +47,8 @@ struct DocCore {
     // Where the document's page changes are announced.
     PdfChangeChannel changes;
     std::vector<PdfPage *> loadedPages;
+    // Content streams (object numbers) found readable, or mended, before a save.
+    std::unordered_set<int> checkedContents;
     // Fonts embedded for free-text appearances, by font name.
     std::map<std::string, pdf_obj *> fonts;
 

@@ -65,14 +65,19 @@ bool write(const QString &path, const char *data, qint64 size)
     if (target.isEmpty() || info.isDir() || !info.dir().exists())
         return false;
     const QDir folder = info.dir();
-    removeStaleTemporaries(folder, info.fileName());
+    struct stat old {};
+    const bool replacing = ::stat(QFile::encodeName(target).constData(), &old) == 0;
+    // Only a save over an existing file can have left a temporary copy of it
+    // (listing the folder for every new file would make writing many files
+    // into one folder quadratic).
+    if (replacing)
+        removeStaleTemporaries(folder, info.fileName());
 
     QTemporaryFile file(folder.filePath(QLatin1Char('.') + info.fileName() + QLatin1String(marker) + QStringLiteral("XXXXXX")));
     if (!file.open() || file.write(data, size) != size || !file.flush())
         return false;
     const int fd = file.handle();
-    struct stat old {};
-    if (::stat(QFile::encodeName(target).constData(), &old) == 0) {
+    if (replacing) {
         if (::fchmod(fd, old.st_mode & 07777) != 0)
             return false;
         if (old.st_uid != ::geteuid() || old.st_gid != ::getegid()) {

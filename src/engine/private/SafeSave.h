@@ -10,8 +10,8 @@ namespace safesave {
 // link points at), syncs it, gives it the old file's permissions (a new file
 // gets the ones the umask allows), renames it over the target and syncs the
 // folder, so a crash or a power cut at any moment leaves the old file or the
-// new one. A temporary file that an earlier save of the same file left behind
-// when it was killed is removed first. False when anything fails; the old
+// new one. A temporary file that an earlier save over the same file left
+// behind when it was killed is removed first. False when anything fails; the old
 // file is then untouched and no temporary file stays behind.
 bool write(const QString &path, const char *data, qint64 size);
 

@@ -12,8 +12,14 @@ QImage PdfDisplayList::render(qreal scale, QRectF region) const
 {
     if (region.isEmpty())
         region = QRectF(QPointF(0, 0), size_);
-    const QSize pixels(std::max(1, int(std::lround(region.width() * scale))), std::max(1, int(std::lround(region.height() * scale))));
-    QImage image(pixels, QImage::Format_ARGB32_Premultiplied);
+    // A page can claim any size: a picture beyond these bounds is not made
+    // (a damaged box would otherwise ask for gigabytes).
+    constexpr double maxSide = 32767, maxPixels = 64.0 * 1024 * 1024;
+    const double width = std::max(1.0, std::round(region.width() * scale));
+    const double height = std::max(1.0, std::round(region.height() * scale));
+    if (!std::isfinite(width) || !std::isfinite(height) || width > maxSide || height > maxSide || width * height > maxPixels)
+        return QImage();
+    QImage image(QSize(int(width), int(height)), QImage::Format_ARGB32_Premultiplied);
     if (image.isNull() || !renderInto(image, scale, region.topLeft()))
         return QImage();
     return image;

@@ -21,6 +21,8 @@ public:
 
     // Renders `region` (display points, origin top left; the whole page when
     // empty) at `scale` pixels per point on a white background. Thread-safe.
+    // Null when the picture would be larger than 32767 pixels a side or 64
+    // million pixels in all.
     QImage render(qreal scale, QRectF region = {}) const;
     // Renders into an existing image (reused buffers avoid page faults); the
     // image's top left shows the display point `origin`. False on failure.

@@ -137,6 +137,7 @@ private slots:
     void mupdfErrorsStayContained();
     void openingLeavesNothingBehind();
     void savesSurviveKillsAndFullDisks();
+    void hugePagesGiveNoPicture();
 
 private:
     QTemporaryDir dir_;
@@ -442,6 +443,29 @@ void TestEngineIntegrity::savesSurviveKillsAndFullDisks()
     QVERIFY(after.open(QIODevice::ReadOnly));
     QVERIFY(after.readAll() == before);
     QCOMPARE(leftovers(file), QStringList());
+}
+
+// A page whose box claims an absurd size (the fuzzer found one 10^74 points
+// high) renders no picture instead of asking for gigabytes; a region of it,
+// and its thumbnail fitted into a small size, still show.
+void TestEngineIntegrity::hugePagesGiveNoPicture()
+{
+    fixtures::PageSpec tall = fixtures::numberedPages(1)[0];
+    tall.mediaBox = QRectF(0, 0, 612, 2e9);
+    fixtures::PageSpec wide = fixtures::numberedPages(1)[0];
+    wide.mediaBox = QRectF(0, 0, 1e7, 1e7);
+    QVERIFY(fixtures::writePdf(path("huge.pdf"), {tall, wide}));
+    auto doc = PdfDocument::open(path("huge.pdf"));
+    QVERIFY(doc);
+    for (int i = 0; i < 2; ++i) {
+        auto page = doc->page(i);
+        QVERIFY(page->render(0.03).isNull());
+        QVERIFY(page->render(1.0).isNull());
+        QVERIFY(!page->render(1.0, QRectF(0, 0, 100, 100), {}).isNull());
+        const QImage thumbnail = page->thumbnail(QSize(90, 120));
+        QVERIFY(!thumbnail.isNull());
+        QVERIFY(thumbnail.width() <= 90 && thumbnail.height() <= 120);
+    }
 }
 
 int runIntegrityTests(int argc, char **argv)

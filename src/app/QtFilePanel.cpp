@@ -1,21 +1,18 @@
 #include "QtFilePanel.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QFileDialog>
 #include <QStandardPaths>
 
-namespace {
-
-QString startFolder() { return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation); }
-
-} // namespace
+QString QtFilePanel::startFolder()
+{
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    return !documents.isEmpty() && QDir(documents).exists() ? documents : QDir::homePath();
+}
 
 // The panel belongs to the given window, or else to the window in front.
 QWidget *QtFilePanel::owner() const { return window_ ? window_.data() : QApplication::activeWindow(); }
-
-namespace {
-
-} // namespace
 
 QStringList QtFilePanel::chooseFilesToOpen(Content content, bool multiple)
 {

@@ -16,6 +16,10 @@ public:
     QString chooseFileToSave(const QString &proposedName) override;
     QString chooseFolder() override;
 
+    // Where the choosers start: the user's documents folder, or the home
+    // folder where there is none (a fresh home has no "Documents" yet).
+    static QString startFolder();
+
 private:
     QWidget *owner() const;
     QPointer<QWidget> window_;

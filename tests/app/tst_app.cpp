@@ -11,6 +11,7 @@
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
+#include "QtFilePanel.h"
 #include "ThumbnailCache.h"
 #include "ThumbnailSidebarView.h"
 #include "ToolSettings.h"
@@ -97,6 +98,7 @@ private slots:
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
     void everyWindowFollowsAnnotationChanges();
+    void fileChoosersStartInAFolderThatExists();
 
 private:
     QString fixture(const QString &name, int pages = 3);
@@ -645,6 +647,26 @@ void TestApp::everyWindowFollowsAnnotationChanges()
     for (PdfView *view : views)
         QTRY_COMPARE_WITH_TIMEOUT(colourIn(view), QColor(Qt::white), 60000);
     QTRY_COMPARE_WITH_TIMEOUT(thumbnailCentre(*window_), QColor(Qt::white), 60000);
+}
+
+void TestApp::fileChoosersStartInAFolderThatExists()
+{
+    const QByteArray home = qgetenv("HOME");
+    const bool hadConfig = qEnvironmentVariableIsSet("XDG_CONFIG_HOME");
+    const QByteArray config = qgetenv("XDG_CONFIG_HOME");
+    QTemporaryDir fresh;
+    qputenv("HOME", fresh.path().toLocal8Bit());
+    qputenv("XDG_CONFIG_HOME", fresh.filePath("config").toLocal8Bit());
+    const QString atFirst = QtFilePanel::startFolder();
+    QDir(fresh.path()).mkdir("Documents");
+    const QString withDocuments = QtFilePanel::startFolder();
+    qputenv("HOME", home);
+    if (hadConfig)
+        qputenv("XDG_CONFIG_HOME", config);
+    else
+        qunsetenv("XDG_CONFIG_HOME");
+    QCOMPARE(atFirst, fresh.path());
+    QCOMPARE(withDocuments, fresh.filePath("Documents"));
 }
 
 QTEST_MAIN(TestApp)

@@ -50,7 +50,8 @@ void PdfViewBridge::refresh()
 }
 
 // On the next turn of the event loop, once the view has laid out its pages:
-// the top edge of the page at the top of the view.
+// the top edge of the page at the top of the view, whatever the origin of its
+// box, and the page centred across the view.
 void PdfViewBridge::scrollToPage(int index)
 {
     auto document = view_->document();
@@ -60,7 +61,7 @@ void PdfViewBridge::scrollToPage(int index)
         auto document = view_->document();
         auto page = document ? document->page(index) : nullptr;
         if (page)
-            view_->goToPoint(page, QPointF(0, page->bounds(PdfBox::Crop).height()));
+            view_->goToPage(page);
     });
 }
 

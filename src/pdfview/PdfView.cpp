@@ -125,6 +125,9 @@ void PdfView::reloadPages()
     anchor.page = indexOf(anchorPage);
     pinned_ = -1;
     relayout(anchor);
+    // Across the column every page is centred: the page read before is centred in the view again.
+    if (layout_.count() > 0)
+        scrollContentTo(QPointF(centredScroll(std::max(anchor.page, 0)), verticalScrollBar()->value()));
     if (selection_) {
         const auto touched = selection_->pages();
         if (std::any_of(touched.begin(), touched.end(), [this](const auto &page) { return indexOf(page) < 0; }))
@@ -270,8 +273,9 @@ void PdfView::restore(const Anchor &anchor)
 void PdfView::scrollContentTo(QPointF contentPoint)
 {
     const int spare = std::max(0, viewport()->width() - layout_.contentSize().width());
-    horizontalScrollBar()->setValue(int(std::lround(contentPoint.x() + spare / 2)));
+    // Vertically first: the page gone to must be on screen when the current page is worked out.
     verticalScrollBar()->setValue(int(std::lround(contentPoint.y())));
+    horizontalScrollBar()->setValue(int(std::lround(contentPoint.x() + spare / 2)));
 }
 
 void PdfView::scrollContentsBy(int, int dy)
@@ -340,7 +344,8 @@ void PdfView::goToPage(const std::shared_ptr<PdfPage> &page)
     if (index < 0)
         return;
     pinned_ = index;
-    verticalScrollBar()->setValue(layout_.pageRect(index).top());
+    const QRectF rect = layout_.pageRect(index);
+    scrollContentTo(QPointF(centredScroll(index), rect.top()));
     updateCurrentPage();
 }
 
@@ -350,9 +355,18 @@ void PdfView::goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint)
     if (index < 0)
         return;
     pinned_ = index;
-    const QPointF display = pageToDisplay_[size_t(index)].map(pagePoint);
-    scrollContentTo(QPointF(layout_.pageRect(index).topLeft()) + display * layout_.scale());
+    const QRectF rect = layout_.pageRect(index);
+    const QPointF at = rect.topLeft() + pageToDisplay_[size_t(index)].map(pagePoint) * layout_.scale();
+    // A page that fits the width is shown whole; a wider one from the point on.
+    const qreal x = rect.width() <= viewport()->width() ? centredScroll(index) : at.x();
+    scrollContentTo(QPointF(x, at.y()));
     updateCurrentPage();
+}
+
+// The content x at the view's left edge that puts the page's centre in the middle of the view.
+qreal PdfView::centredScroll(int index) const
+{
+    return QRectF(layout_.pageRect(index)).center().x() - viewport()->width() / 2.0;
 }
 
 // ---- Zoom ----------------------------------------------------------------

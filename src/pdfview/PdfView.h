@@ -56,10 +56,12 @@ public:
     // The page that takes up most of the view (or the one last gone to).
     std::shared_ptr<PdfPage> currentPage() const;
     int currentPageIndex() const { return current_; }
-    // Scrolls so that the top of the page is at the top of the view.
+    // Scrolls so that the top of the page is at the top of the view and the
+    // page is centred across it.
     void goToPage(const std::shared_ptr<PdfPage> &page);
-    // Scrolls so that a page-space point is at the top left of the view (as
-    // far as the scroll range allows).
+    // Scrolls so that a page-space point is at the top of the view (as far as
+    // the scroll range allows). A page as narrow as the view or narrower is
+    // centred across it; on a wider page the point is at the left edge.
     void goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint);
 
     // Fit-to-width: the widest page fills the view's width, also after resizes.
@@ -161,6 +163,7 @@ private:
     Anchor anchorAt(QPointF viewPoint) const;
     void restore(const Anchor &anchor);
     void scrollContentTo(QPointF contentPoint);
+    qreal centredScroll(int index) const;
     void updateCurrentPage();
     void setCurrent(int index);
     int indexOf(const std::shared_ptr<PdfPage> &page) const;

@@ -97,6 +97,7 @@ private slots:
     void hintBanner();
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
+    void pagesOpenAtTheirTopAndStayInView();
     void everyWindowFollowsAnnotationChanges();
     void fileChoosersStartInAFolderThatExists();
 
@@ -600,6 +601,47 @@ void TestApp::zoomIsFittedThenFrozen()
     QTest::qWait(PdfViewBridge::lockDelayMs + 150);
     QCOMPARE(view->scaleFactor(), zoomed);
     QCOMPARE(view->minScaleFactor(), 0.25);
+}
+
+// A page whose box starts away from 0,0 opens at its top; after a page is
+// turned at the frozen zoom, it and every page gone to later stay centred.
+void TestApp::pagesOpenAtTheirTopAndStayInView()
+{
+    DocumentModel &m = *model_;
+    window_->resize(900, 700);
+    fixtures::PageSpec offset;
+    offset.mediaBox = QRectF(100, 200, 612, 792);
+    offset.text.push_back({QStringLiteral("Top line"), {172, 950}, 24});
+    const QString offsetPath = dir_.filePath(QStringLiteral("offset.pdf"));
+    QVERIFY(fixtures::writePdf(offsetPath, {offset}));
+    m.open(offsetPath);
+    PdfView *view = window_->bridge()->pdfView();
+    auto page = m.pdfDocument()->page(0);
+    QTRY_VERIFY(std::abs(view->convertFromPage(QPointF(100, 992), page).y()) < 2);
+    QVERIFY(view->verticalScrollBar()->maximum() > 0); // the page is taller than the view
+
+    m.open(fixture("turned.pdf", 10));
+    QTRY_VERIFY_WITH_TIMEOUT(!view->autoScales(), 2000);
+    const qreal zoom = view->scaleFactor();
+    const int middle = view->viewport()->width() / 2;
+    auto shown = [&](int index) {
+        auto p = m.pdfDocument()->page(index);
+        return view->convertFromPage(p->bounds(PdfBox::Crop), p);
+    };
+    m.setCurrentPageIndex(2);
+    QTRY_COMPARE(view->currentPageIndex(), 2);
+    m.rotateCurrentPage(90);
+    QTest::qWait(50);
+    QCOMPARE(view->scaleFactor(), zoom);
+    QVERIFY(shown(2).width() > view->viewport()->width()); // landscape now, wider than the view
+    QVERIFY(std::abs(shown(2).center().x() - middle) <= 1);
+    QVERIFY(std::abs(shown(2).top()) < 2);
+
+    // Going to a portrait page, as a thumbnail click does: all of it across the view.
+    m.setCurrentPageIndex(6);
+    QTRY_COMPARE(view->currentPageIndex(), 6);
+    QVERIFY(shown(6).left() >= 0 && shown(6).right() <= view->viewport()->width());
+    QVERIFY(std::abs(shown(6).center().x() - middle) <= 1);
 }
 
 // Two windows on one document (File > New Window): a change made and undone

@@ -113,6 +113,8 @@ private slots:
     void fitWidthAndScaleBounds();
     void geometryOnRotatedAndMixedPages_data();
     void geometryOnRotatedAndMixedPages();
+    void geometryOnOffsetBoxes_data();
+    void geometryOnOffsetBoxes();
     void currentPageFollowsNavigation();
     void keyboardAndWheelScrolling();
     void textSelectionByDragging();
@@ -287,6 +289,97 @@ void TestPdfView::geometryOnRotatedAndMixedPages()
     const QRectF shown = pageRect(*view_, last);
     QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 500), true), last);
     QCOMPARE(view_->pageAt(QPointF(shown.center().x(), shown.bottom() + 500), false), nullptr);
+}
+
+void TestPdfView::geometryOnOffsetBoxes_data()
+{
+    QTest::addColumn<qreal>("scale");
+    QTest::newRow("100%") << 1.0;
+    QTest::newRow("200%") << 2.0;
+}
+
+// Pages 1-4 have a media box that starts at (100, 200), turned 0, 90, 180 and
+// 270 degrees (page 4 also crops it), each with a blue square drawn in page
+// space; page 7 links to a point on each. The screen is the reference: the
+// squares must show where the conversions say, the page top at the view top.
+void TestPdfView::geometryOnOffsetBoxes()
+{
+    QFETCH(qreal, scale);
+    const QRectF square(300, 800, 60, 60);
+    const QPointF target(250, 700);
+    std::vector<fixtures::PageSpec> pages(8);
+    for (int k = 1; k <= 4; ++k) {
+        pages[size_t(k)].mediaBox = QRectF(100, 200, 612, 792);
+        pages[size_t(k)].rotation = (k - 1) * 90;
+        pages[size_t(k)].annotations.push_back(
+            {"<< /Type /Annot /Subtype /Square /F 4", square, "0 0 1 rg 300 800 60 60 re f"});
+        // Page k is object 4k + 2: each page before it has a page, contents and two annotation objects.
+        pages[7].annotations.push_back({"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [" + QByteArray::number(4 * k + 2)
+                                            + " 0 R /XYZ 250 700 null]",
+                                        QRectF(50 + 120 * (k - 1), 100, 80, 30),
+                                        ""});
+    }
+    pages[4].cropBox = QRectF(150, 260, 500, 650);
+    auto doc = open(pages);
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView(500, 400);
+    view_->setScaleFactor(scale);
+    QWidget *viewport = view_->viewport();
+    const QColor background = viewport->palette().color(QPalette::Mid);
+
+    // The corner of the box shown at the top left, per rotation.
+    auto topLeftCorner = [](const QRectF &box, int rotation) {
+        const qreal x0 = box.left(), y0 = box.top(), x1 = box.left() + box.width(), y1 = box.top() + box.height();
+        return rotation == 0 ? QPointF(x0, y1) : rotation == 90 ? QPointF(x0, y0) : rotation == 180 ? QPointF(x1, y0) : QPointF(x1, y1);
+    };
+    for (int k = 1; k <= 4; ++k) {
+        const QString at = QStringLiteral("page %1 at %2").arg(k).arg(scale);
+        auto page = doc->page(k);
+        const QRectF crop = page->bounds(PdfBox::Crop);
+
+        // Going to the page: its top at the top of the view, centred across it.
+        view_->goToPage(page);
+        QCOMPARE(view_->currentPageIndex(), k);
+        const QRectF shown = pageRect(*view_, page);
+        QVERIFY2(qAbs(shown.top()) <= 1, qPrintable(at));
+        QVERIFY2(qAbs(shown.center().x() - viewport->width() / 2.0) <= 1, qPrintable(at));
+        const QPointF corner = view_->convertFromPage(topLeftCorner(crop, (k - 1) * 90), page);
+        QVERIFY2((corner - shown.topLeft()).manhattanLength() <= 1, qPrintable(at));
+        for (QPointF p : {target, crop.center(), QPointF(-40, 2000)})
+            QVERIFY2((view_->convertToPage(view_->convertFromPage(p, page), page) - p).manhattanLength() < 1e-6, qPrintable(at));
+
+        // On screen: paper just inside the page's top corner, the square where it is converted to.
+        QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+        const QImage screen = viewport->grab().toImage();
+        const QPoint inside = (shown.topLeft() + QPointF(3, 3)).toPoint();
+        if (viewport->rect().contains(inside))
+            QVERIFY2(screen.pixelColor(inside) == Qt::white, qPrintable(at));
+        const QRectF squareShown = view_->convertFromPage(square, page);
+        QCOMPARE(squareShown.size().toSize(), (QSizeF(60, 60) * scale).toSize());
+        const QPoint centre = squareShown.center().toPoint();
+        if (viewport->rect().contains(centre))
+            QVERIFY2(screen.pixelColor(centre) == QColor(Qt::blue), qPrintable(at));
+        QVERIFY2(screen.pixelColor(QPoint(viewport->width() / 2, 1)) != background, qPrintable(at));
+
+        // Going to a point: it is at the top; a page wider than the view shows
+        // from the point on, as far as the scroll range allows.
+        view_->goToPoint(page, target);
+        const QScrollBar *bar = view_->horizontalScrollBar();
+        const QPointF point = view_->convertFromPage(target, page);
+        QVERIFY2(qAbs(point.y()) <= 1, qPrintable(at));
+        if (pageRect(*view_, page).width() <= viewport->width())
+            QVERIFY2(qAbs(pageRect(*view_, page).center().x() - viewport->width() / 2.0) <= 1, qPrintable(at));
+        else
+            QVERIFY2(qAbs(point.x()) <= 1 || (point.x() > 0 && bar->value() == bar->maximum()), qPrintable(at));
+
+        // A link to the same point lands on it as well.
+        auto last = doc->page(7);
+        view_->goToPage(last);
+        click(viewport, view_->convertFromPage(QPointF(90 + 120 * (k - 1), 115), last));
+        QCOMPARE(view_->currentPageIndex(), k);
+        QVERIFY2(qAbs(view_->convertFromPage(target, page).y()) <= 1, qPrintable(at));
+    }
 }
 
 void TestPdfView::currentPageFollowsNavigation()

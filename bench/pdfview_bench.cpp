@@ -2,7 +2,13 @@
 // measures the time to the first painted page, scrolling through every page
 // at 100 % (throughput and the longest user-interface stall), a re-render
 // after a zoom change and peak memory; the same pages are rendered by
-// `mutool draw` as the reference. The last line is a one-line summary.
+// `mutool draw` as the reference. Peak memory is measured again on a
+// 10,000-page file, in a process of its own. The test files are written by
+// child processes so that their making does not count. The last line is a
+// one-line summary.
+//
+//   pdfview_bench                 the whole run
+//   pdfview_bench --scroll FILE   scrolls through FILE and prints peak_rss_mb=N
 #include "FixtureBuilder.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
@@ -28,6 +34,7 @@
 namespace {
 
 constexpr int pageCount = 2000;
+constexpr int longPageCount = 10000;
 constexpr int linesPerPage = 42;
 // A document window on a 1920 x 1080 screen.
 constexpr QSize windowSize(1000, 850);
@@ -137,14 +144,99 @@ qint64 waitForCompletePaint(MeasuredView &view)
     return clock.elapsed();
 }
 
+struct Scroll {
+    qint64 ms = 0;
+    qint64 worstStallMs = 0;
+    double mainCpuMs = 0;
+    double processCpuMs = 0;
+};
+
+// Scrolls through every page from the first, one page per step, each step as
+// soon as the view is painted finished.
+Scroll scrollThrough(MeasuredView &view)
+{
+    auto doc = view.document();
+    const int count = doc->pageCount();
+    StallMeter stalls;
+    QEventLoop scrolling;
+    int steps = 0;
+    view.onCompletePaint = [&] {
+        if (++steps >= count) {
+            scrolling.quit();
+            return;
+        }
+        view.goToPage(doc->page(steps));
+    };
+    const double mainCpu = cpuMs(CLOCK_THREAD_CPUTIME_ID), processCpu = cpuMs(CLOCK_PROCESS_CPUTIME_ID);
+    QElapsedTimer clock;
+    clock.start();
+    stalls.start();
+    view.goToPage(doc->page(0));
+    view.viewport()->update();
+    QTimer::singleShot(600000, &scrolling, &QEventLoop::quit);
+    scrolling.exec();
+    Scroll result;
+    result.worstStallMs = stalls.stop();
+    result.ms = clock.elapsed();
+    result.mainCpuMs = cpuMs(CLOCK_THREAD_CPUTIME_ID) - mainCpu;
+    result.processCpuMs = cpuMs(CLOCK_PROCESS_CPUTIME_ID) - processCpu;
+    view.onCompletePaint = nullptr;
+    return result;
+}
+
+// Writes the benchmark file of `pages` pages in a child process.
+bool writeInChild(const QString &path, int pages)
+{
+    QProcess child;
+    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write"), path, QString::number(pages)});
+    return child.waitForFinished(600000) && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0;
+}
+
+// Peak memory of a child process that scrolls through the file, or -1.
+qint64 peakInChild(const QString &path)
+{
+    QProcess child;
+    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--scroll"), path});
+    if (!child.waitForFinished(900000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0)
+        return -1;
+    const QList<QByteArray> lines = child.readAllStandardOutput().trimmed().split('\n');
+    const QByteArray last = lines.last();
+    return last.startsWith("peak_rss_mb=") ? last.mid(12).toLongLong() : -1;
+}
+
+int scrollOnly(const QString &path)
+{
+    MeasuredView view;
+    view.resize(windowSize);
+    view.setAutoScales(false);
+    view.setScaleFactor(1.0);
+    view.show();
+    auto doc = PdfDocument::open(path);
+    if (!doc) {
+        std::fprintf(stderr, "cannot open %s\n", qPrintable(path));
+        return 1;
+    }
+    view.setDocument(doc);
+    waitForCompletePaint(view);
+    const Scroll scroll = scrollThrough(view);
+    std::printf("%d pages scrolled in %lld ms, worst stall %lld ms\n", doc->pageCount(), scroll.ms, scroll.worstStallMs);
+    std::printf("peak_rss_mb=%lld\n", peakRssMb());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    if (args.size() == 4 && args[1] == QLatin1String("--write"))
+        return fixtures::writePdf(args[2], fixtures::numberedPages(args[3].toInt(), linesPerPage)) ? 0 : 1;
+    if (args.size() == 3 && args[1] == QLatin1String("--scroll"))
+        return scrollOnly(args[2]);
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("bench.pdf"));
-    if (!fixtures::writePdf(path, fixtures::numberedPages(pageCount, linesPerPage))) {
+    if (!writeInChild(path, pageCount)) {
         std::fprintf(stderr, "cannot write the benchmark file\n");
         return 1;
     }
@@ -185,41 +277,18 @@ int main(int argc, char **argv)
     const qint64 firstPaintMs = clock.elapsed();
     std::printf("open to first page painted: %lld ms\n", firstPaintMs);
 
-    // Scroll through every page, one page per step, each step as soon as the view is painted finished.
-    const qreal pitch =
-        view.convertFromPage(QPointF(0, 792), doc->page(1)).y() - view.convertFromPage(QPointF(0, 792), doc->page(0)).y();
-    QScrollBar *bar = view.verticalScrollBar();
-    StallMeter stalls;
-    QEventLoop scrolling;
-    int steps = 0;
-    view.onCompletePaint = [&] {
-        if (bar->value() >= bar->maximum()) {
-            scrolling.quit();
-            return;
-        }
-        ++steps;
-        bar->setValue(int(std::lround(steps * pitch)));
-    };
-    const double mainCpu = cpuMs(CLOCK_THREAD_CPUTIME_ID), processCpu = cpuMs(CLOCK_PROCESS_CPUTIME_ID);
-    clock.restart();
-    stalls.start();
-    bar->setValue(0);
-    view.viewport()->update();
-    QTimer::singleShot(600000, &scrolling, &QEventLoop::quit);
-    scrolling.exec();
-    const qint64 maxStallMs = stalls.stop();
-    const qint64 scrollMs = clock.elapsed();
-    view.onCompletePaint = nullptr;
+    const Scroll scroll = scrollThrough(view);
+    const qint64 scrollMs = scroll.ms, maxStallMs = scroll.worstStallMs;
     const double pagesPerSecond = pageCount * 1000.0 / double(std::max<qint64>(scrollMs, 1));
     std::printf("scroll through %d pages at 100 %%: %lld ms, %.0f pages/s, worst stall %lld ms\n", pageCount, scrollMs,
                 pagesPerSecond, maxStallMs);
-    std::printf("  cpu: %.2f ms per page on the user-interface thread, %.2f ms in all\n",
-                (cpuMs(CLOCK_THREAD_CPUTIME_ID) - mainCpu) / pageCount,
-                (cpuMs(CLOCK_PROCESS_CPUTIME_ID) - processCpu) / pageCount);
+    std::printf("  cpu: %.2f ms per page on the user-interface thread, %.2f ms in all\n", scroll.mainCpuMs / pageCount,
+                scroll.processCpuMs / pageCount);
 
     // Re-render after a zoom change, in the middle of the file.
     view.goToPage(doc->page(pageCount / 2));
     waitForCompletePaint(view);
+    StallMeter stalls;
     stalls.start();
     view.setScaleFactor(1.5);
     const qint64 zoomMs = waitForCompletePaint(view);
@@ -228,6 +297,9 @@ int main(int argc, char **argv)
 
     const qint64 peakMb = peakRssMb();
     std::printf("peak memory (VmHWM): %lld MB, picture cache limit %lld MB\n", peakMb, view.cacheLimit() >> 20);
+    const QString longPath = dir.filePath(QStringLiteral("long.pdf"));
+    const qint64 longPeakMb = writeInChild(longPath, longPageCount) ? peakInChild(longPath) : -1;
+    std::printf("peak memory scrolling through %d pages: %lld MB\n", longPageCount, longPeakMb);
 
     // The reference, timed before and after the view's run: the machine is shared.
     const qint64 referenceAfterMs = mutoolMs(path);
@@ -241,7 +313,8 @@ int main(int argc, char **argv)
     } else {
         std::printf("mutool draw: not available\n");
     }
-    std::printf("open_ms=%.1f first_paint_ms=%lld max_stall_ms=%lld pages_per_s=%.0f vs_mutool=%.2f peak_rss_mb=%lld\n",
-                openUs / 1000.0, firstPaintMs, maxStallMs, pagesPerSecond, ratio, peakMb);
+    std::printf("open_ms=%.1f first_paint_ms=%lld max_stall_ms=%lld pages_per_s=%.0f vs_mutool=%.2f peak_rss_mb=%lld "
+                "peak_rss_10k_mb=%lld\n",
+                openUs / 1000.0, firstPaintMs, maxStallMs, pagesPerSecond, ratio, peakMb, longPeakMb);
     return 0;
 }

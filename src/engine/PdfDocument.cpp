@@ -484,6 +484,10 @@ bool PdfDocument::unlock(const QString &password)
 
 int PdfDocument::pageCount() const { return locked_ ? 0 : int(pages_.size()); }
 
+int PdfDocument::loadedPageCount() const { return int(core_->loadedPages.size()); }
+
+int PdfDocument::textLayoutCount() const { return int(core_->textPages.size()); }
+
 std::shared_ptr<PdfPage> PdfDocument::page(int index)
 {
     if (locked_ || index < 0 || index >= int(pages_.size()))

@@ -57,6 +57,14 @@ public:
 
     int pageCount() const;
     std::shared_ptr<PdfPage> page(int index);
+
+    // What is read from pages (the engine's loaded page, the text layout) is
+    // kept for the pages used most recently only, so memory does not grow
+    // with the number of pages looked at.
+    static constexpr int loadedPageBudget = 24;
+    static constexpr int textLayoutBudget = 12;
+    int loadedPageCount() const;
+    int textLayoutCount() const;
     // Puts a page at `index` (later pages shift up). A page of this document
     // that was removed goes back as itself; any other page is copied in.
     bool insert(const std::shared_ptr<PdfPage> &page, int index);

@@ -55,6 +55,7 @@ PdfPage::PdfPage(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native) 
 PdfPage::~PdfPage()
 {
     unload();
+    dropText();
     pdf_drop_obj(mu::ctx(), native_->obj);
 }
 
@@ -66,16 +67,36 @@ int PdfPage::index() const
     return doc ? doc->indexOf(this) : -1;
 }
 
+namespace {
+
+// Moves `page` to the most recent end of a least-recently-used list; true when it was not in it.
+bool touch(std::vector<PdfPage *> &list, PdfPage *page)
+{
+    auto it = std::find(list.begin(), list.end(), page);
+    if (it == list.end()) {
+        list.push_back(page);
+        return true;
+    }
+    std::rotate(it, it + 1, list.end());
+    return false;
+}
+
+} // namespace
+
 bool PdfPage::load()
 {
-    if (native_->loaded)
+    if (native_->loaded) {
+        touch(core_->loadedPages, this);
         return true;
+    }
     const int at = index();
     if (at < 0 || isUnplacedCopy_)
         return false;
     if (!mu::tryGuard([&](fz_context *c) { native_->loaded = pdf_load_page(c, core_->doc, at); }))
         return false;
-    core_->loadedPages.push_back(this);
+    touch(core_->loadedPages, this);
+    while (int(core_->loadedPages.size()) > PdfDocument::loadedPageBudget)
+        core_->loadedPages.front()->unload();
     return true;
 }
 
@@ -89,16 +110,23 @@ void PdfPage::unload()
     list.erase(std::remove(list.begin(), list.end(), this), list.end());
 }
 
+void PdfPage::dropText()
+{
+    text_.reset();
+    auto &list = core_->textPages;
+    list.erase(std::remove(list.begin(), list.end(), this), list.end());
+}
+
 void PdfPage::place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native)
 {
     unload();
+    dropText();
     pdf_drop_obj(mu::ctx(), native_->obj);
     native_ = std::move(native);
     core_ = std::move(core);
     isUnplacedCopy_ = false;
     annotations_.clear();
     annotationsRead_ = false;
-    text_.reset();
 }
 
 // MuPDF reads a page's annotations when it loads the page; the next picture
@@ -107,7 +135,7 @@ void PdfPage::changed(PdfChangeChannel::Changes changes)
 {
     unload();
     if (changes & PdfChangeChannel::Content)
-        text_.reset();
+        dropText();
     if (auto self = weak_from_this().lock())
         emit core_->changes.pageChanged(self, changes);
 }
@@ -378,8 +406,14 @@ QImage PdfPage::thumbnail(QSize size, PdfBox box)
 
 PdfPage::Text &PdfPage::textLayout()
 {
-    if (text_)
+    if (text_) {
+        touch(core_->textPages, this);
         return *text_;
+    }
+    // Older layouts go first; callers hold a layout only while they use it.
+    touch(core_->textPages, this);
+    while (int(core_->textPages.size()) > PdfDocument::textLayoutBudget)
+        core_->textPages.front()->dropText();
     text_ = std::make_unique<Text>();
     pdf_page *page = load() ? native_->loaded : nullptr;
     if (!page)

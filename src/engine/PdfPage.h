@@ -82,6 +82,7 @@ private:
     // MuPDF's page, loaded on first use; none for a page outside a document.
     bool load();
     void unload();
+    void dropText();
     // Turns an unplaced copy into the page `ref` of `core`'s document.
     void place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native);
     // Drops what was read from the page and announces the change.

@@ -80,7 +80,7 @@ private:
     QSize shownSize_{56, 74};
     qreal devicePixelRatio_ = 1;
     qint64 bytes_ = 0;
-    qint64 limit_ = 128ll << 20;
+    qint64 limit_ = 32ll << 20;
     QTimer timer_;
     QThreadPool pool_;
 };

@@ -108,7 +108,7 @@ private:
 
     QThreadPool pool_;
     QTimer scheduleTimer_;
-    qint64 limit_ = 128ll << 20;
+    qint64 limit_ = 64ll << 20;
     qint64 bytes_ = 0;
     quint64 clock_ = 0;
     quint64 nextJob_ = 1;

@@ -247,8 +247,12 @@ std::optional<PdfLink> PdfView::linkAt(QPointF viewPoint)
     if (!page)
         return std::nullopt;
     auto it = links_.find(page.get());
-    if (it == links_.end())
+    if (it == links_.end()) {
+        // Links are read again when the pointer comes back to a page long left.
+        if (links_.size() >= 64)
+            links_.clear();
         it = links_.emplace(page.get(), page->links()).first;
+    }
     const QPointF point = convertToPage(viewPoint, page);
     for (const PdfLink &link : it->second)
         if (link.bounds.contains(point))

@@ -123,6 +123,7 @@ private slots:
     void renderingAndInvalidation();
     void reloadAfterPageChanges();
     void cacheStaysWithinItsLimit();
+    void pagesReadStayWithinTheirBudget();
     void overlayChoosesItsEvents();
 
 private:
@@ -739,6 +740,43 @@ void TestPdfView::cacheStaysWithinItsLimit()
     QVERIFY(!cache.picture(tile(1)).isNull() && !cache.picture(tile(2)).isNull());
     QTest::qWait(100);
     QVERIFY(cache.picture(tile(3)).isNull());
+}
+
+// Scrolling a long document end to end with the pointer over the pages (which
+// reads their links and text) keeps what the engine holds within its budget,
+// and pages let go of are read again correctly.
+void TestPdfView::pagesReadStayWithinTheirBudget()
+{
+    const int count = 3 * PdfDocument::loadedPageBudget;
+    auto doc = open(fixtures::numberedPages(count));
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView(500, 400);
+    view_->setScaleFactor(1.0);
+    QWidget *viewport = view_->viewport();
+    int mostLoaded = 0, mostLayouts = 0;
+    for (int i = 0; i < count; ++i) {
+        auto page = doc->page(i);
+        view_->goToPage(page);
+        QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+        sendMouse(viewport, QEvent::MouseMove, view_->convertFromPage(QPointF(90, 725), page), Qt::NoButton);
+        QCOMPARE(viewport->cursor().shape(), Qt::IBeamCursor); // over the words "Page n"
+        mostLoaded = std::max(mostLoaded, doc->loadedPageCount());
+        mostLayouts = std::max(mostLayouts, doc->textLayoutCount());
+    }
+    QVERIFY(mostLoaded <= PdfDocument::loadedPageBudget);
+    QVERIFY(mostLayouts <= PdfDocument::textLayoutBudget);
+    QVERIFY(mostLayouts > 1);
+
+    // A selection over more pages than the budget holds, and pages read again.
+    auto first = doc->page(0), last = doc->page(count - 1);
+    const PdfSelection all = PdfSelection::between(first, QPointF(0, 792), last, QPointF(612, 0));
+    QVERIFY(all.string().startsWith(QStringLiteral("Page 1\n")));
+    QVERIFY(all.string().contains(QStringLiteral("Page %1\n").arg(count)));
+    QCOMPARE(all.pages().size(), size_t(count));
+    QVERIFY(doc->textLayoutCount() <= PdfDocument::textLayoutBudget);
+    QVERIFY(first->text().startsWith(QStringLiteral("Page 1\n")));
+    QVERIFY(!first->render(0.5).isNull());
 }
 
 void TestPdfView::overlayChoosesItsEvents()

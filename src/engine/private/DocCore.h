@@ -46,7 +46,9 @@ struct DocCore {
     QString path;
     // Where the document's page changes are announced.
     PdfChangeChannel changes;
+    // Pages holding a loaded page or a text layout, least recently used first.
     std::vector<PdfPage *> loadedPages;
+    std::vector<PdfPage *> textPages;
     // Content streams (object numbers) found readable, or mended, before a save.
     std::unordered_set<int> checkedContents;
     // Fonts embedded for free-text appearances, by font name.

@@ -1,6 +1,7 @@
 #include "PdfViewBridge.h"
 
 #include "DocumentModel.h"
+#include "DrawingOverlayView.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 #include "PdfView.h"
@@ -9,7 +10,8 @@
 #include <QVBoxLayout>
 
 PdfViewBridge::PdfViewBridge(DocumentModel *model, ToolSettings *toolSettings, QWidget *parent)
-    : QWidget(parent), model_(model), toolSettings_(toolSettings), view_(new PdfView(this))
+    : QWidget(parent), model_(model), toolSettings_(toolSettings), view_(new PdfView(this)),
+      overlay_(new DrawingOverlayView(toolSettings, model))
 {
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -17,11 +19,15 @@ PdfViewBridge::PdfViewBridge(DocumentModel *model, ToolSettings *toolSettings, Q
     view_->setAutoScales(true);
     view_->setDocument(model_->pdfDocument());
     model_->attach(view_);
+    // The marks layer lies over the pages and follows their scrolling and zooming.
+    overlay_->setPdfView(view_);
+    view_->setOverlay(overlay_);
+    overlay_->attachObservers();
     connect(view_, &PdfView::currentPageChanged, this, &PdfViewBridge::pageChanged);
 
     // Every change of the model is a refresh; most find nothing to do.
-    for (auto signal : {&DocumentModel::pdfDocumentChanged, &DocumentModel::currentPageIndexChanged,
-                        &DocumentModel::pageMutationCountChanged})
+    for (auto signal :
+         {&DocumentModel::pdfDocumentChanged, &DocumentModel::currentPageIndexChanged, &DocumentModel::pageMutationCountChanged})
         connect(model_, signal, this, &PdfViewBridge::refresh);
     refresh();
 }

@@ -8,6 +8,7 @@
 #include <QWidget>
 
 class DocumentModel;
+class DrawingOverlayView;
 class PdfView;
 class ToolSettings;
 
@@ -20,6 +21,7 @@ public:
 
     PdfViewBridge(DocumentModel *model, ToolSettings *toolSettings, QWidget *parent = nullptr);
     PdfView *pdfView() const { return view_; }
+    DrawingOverlayView *overlay() const { return overlay_; }
 
 private:
     void refresh();
@@ -30,5 +32,6 @@ private:
     DocumentModel *model_;
     ToolSettings *toolSettings_;
     PdfView *view_;
+    DrawingOverlayView *overlay_;
     qint64 lastMutationCount_ = -1;
 };

@@ -34,4 +34,12 @@ void applyMarkup(const QString &subtype, const PdfSelection &selection, const QC
     }
 }
 
+bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    static const QStringList editable{QStringLiteral("Stamp"),  QStringLiteral("FreeText"), QStringLiteral("Ink"),
+                                      QStringLiteral("Square"), QStringLiteral("Circle"),   QStringLiteral("Widget"),
+                                      QStringLiteral("Line")};
+    return annotation && editable.contains(annotation->type(), Qt::CaseSensitive);
+}
+
 } // namespace AnnotationFactory

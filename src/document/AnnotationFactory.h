@@ -21,4 +21,9 @@ using AddStep = std::function<void(const std::shared_ptr<PdfAnnotation> &, const
 // points; each is handed to `add` with its page.
 void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add);
 
+// True when the overlay may select, move, resize, nudge and delete the
+// annotation: stamps, free text, ink, squares, circles, form fields and lines.
+// Text markup, links, notes and every other kind are left alone.
+bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
+
 } // namespace AnnotationFactory

@@ -1,0 +1,139 @@
+// A transparent layer over the page view that makes the editor's marks: it
+// selects, moves, resizes, nudges and deletes annotations, draws rectangles,
+// ellipses and ink, and paints previews and the selection frame. It takes the
+// pointer and keys only when the tool or its state needs them; everything else
+// goes on to the page view (text selection, links, scrolling).
+//
+// Spaces: "PV" points are the page view's view space (logical pixels, y down),
+// which is also the overlay's own space since it covers the view exactly.
+// Bounds and every value handed to the document model are in page space.
+#pragma once
+
+#include "OverlayGeometry.h"
+#include "PdfViewOverlay.h"
+
+#include <QImage>
+#include <QPointer>
+#include <QWidget>
+
+#include <memory>
+#include <optional>
+#include <variant>
+#include <vector>
+
+class DocumentModel;
+class PdfAnnotation;
+class PdfPage;
+class PdfView;
+class ToolSettings;
+
+class DrawingOverlayView : public QWidget, public PdfViewOverlay {
+    Q_OBJECT
+public:
+    // The manipulation of the selection in progress: a corner being dragged,
+    // nothing, or the whole annotation being moved.
+    struct Resize {
+        Handle handle;
+        bool operator==(const Resize &) const = default;
+    };
+    struct Idle {
+        bool operator==(const Idle &) const = default;
+    };
+    struct Move {
+        bool operator==(const Move &) const = default;
+    };
+    using DragMode = std::variant<Resize, Idle, Move>;
+
+    // Diameter of the drawn corner handles, in view points.
+    static constexpr qreal handleSize = 9;
+    static constexpr qreal handleHitRadius = overlayGeometry::handleHitRadius;
+
+    DrawingOverlayView(ToolSettings *toolSettings, DocumentModel *documentModel, QWidget *parent = nullptr);
+    ~DrawingOverlayView() override;
+
+    // The page view underneath; set before attachObservers(). Without one the
+    // overlay takes nothing and draws nothing.
+    void setPdfView(PdfView *view);
+    PdfView *pdfView() const;
+    // Follows the view's scrolling and zooming; called once.
+    void attachObservers();
+
+    // PdfViewOverlay: which events the overlay takes.
+    bool wantsEvent(const QEvent *event) override;
+
+    // The selection's corner under a view point, or none.
+    std::optional<Handle> handle(QPointF pv) const;
+    // The editable annotation under a view point and its page, or none.
+    std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>> annotationAt(QPointF pv) const;
+    // The bounds for the selection while `handle` is dragged to `current` (page space).
+    QRectF resizedBounds(Handle handle, QPointF current, bool aspectLocked) const;
+    // Moves the selection by one arrow-key step; without a selection the key goes on.
+    void nudge(QKeyEvent *event);
+
+    void select(const std::shared_ptr<PdfAnnotation> &annotation);
+    void deselect();
+
+    // State, for the window and for tests.
+    std::shared_ptr<PdfAnnotation> selection() const { return selection_; }
+    std::shared_ptr<PdfPage> selectionPage() const { return selectionPage_; }
+    DragMode dragMode() const { return dragMode_; }
+    std::optional<QRectF> liveBounds() const { return liveBounds_; }
+    bool didBeginDrag() const { return didBeginDrag_; }
+    const std::vector<QPointF> &inkPV() const { return inkPV_; }
+    std::optional<QPointF> shapeStartPV() const { return shapeStartPV_; }
+    std::optional<QPointF> shapeCurrentPV() const { return shapeCurrentPV_; }
+    std::shared_ptr<PdfPage> activePage() const { return activePage_; }
+    std::optional<QPointF> pendingPreviewPoint() const { return pendingPreviewPoint_; }
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseDoubleClickEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void leaveEvent(QEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    bool takesPress(QPointF pv) const;
+    bool takesKey(const QKeyEvent *event) const;
+    void press(QMouseEvent *event, int clickCount);
+    void handleSelectMouseDown(QMouseEvent *event, QPointF pv, int clickCount);
+    void beginManipulation(DragMode mode, QPointF pv);
+    void updateManipulation(QPointF pv);
+    void finishManipulation();
+    void pointerMoved(QPointF pv);
+    void finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page);
+    void finishInk(const std::shared_ptr<PdfPage> &page);
+    void clearDrawing();
+    void geometryChanged();
+    // Repaints only what changed between two frames of a drag: the previous and
+    // the new area of what the overlay draws.
+    void refresh();
+    QRectF paintedArea() const;
+    std::optional<QRectF> signaturePreviewRect() const;
+
+    void drawSelectionChrome(QPainter &painter, const QRectF &rect) const;
+    void drawPreviewContent(QPainter &painter, const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &rect,
+                            qreal scale) const;
+    void drawSignaturePreview(QPainter &painter) const;
+
+    QPointer<PdfView> pdfView_;
+    ToolSettings *const toolSettings_;
+    DocumentModel *const documentModel_;
+    std::vector<QPointF> inkPV_;
+    std::optional<QPointF> shapeStartPV_;
+    std::optional<QPointF> shapeCurrentPV_;
+    std::shared_ptr<PdfPage> activePage_;
+    std::shared_ptr<PdfPage> selectionPage_;
+    std::shared_ptr<PdfAnnotation> selection_;
+    DragMode dragMode_ = Idle{};
+    QPointF dragStartPage_;
+    QRectF originalBounds_;
+    std::optional<QRectF> liveBounds_;
+    bool didBeginDrag_ = false;
+    std::optional<QPointF> pendingPreviewPoint_;
+    // What the last paint drew, so that the next frame repaints only around it.
+    QRectF lastPainted_;
+    bool observing_ = false;
+};

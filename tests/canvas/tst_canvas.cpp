@@ -1,0 +1,455 @@
+// The drawing overlay over a real page view: geometry, which events it takes,
+// its interaction states, the annotations it makes and what they look like,
+// on screen and in another reader's rendering of the saved file.
+#include "DocumentModel.h"
+#include "DrawingOverlayView.h"
+#include "EditHistory.h"
+#include "FixtureBuilder.h"
+#include "OverlayGeometry.h"
+#include "PdfAnnotation.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+#include "ToolSettings.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+constexpr int renderTimeoutMs = 60000;
+const QRectF squareBounds(300, 300, 100, 80);
+const QRectF highlightBounds(72, 676, 120, 14);
+
+void sendMouse(QWidget *target, QEvent::Type type, QPointF pos, Qt::MouseButtons buttons = Qt::NoButton,
+               Qt::MouseButton button = Qt::LeftButton)
+{
+    QMouseEvent event(type, pos, target->mapToGlobal(pos), type == QEvent::MouseMove ? Qt::NoButton : button, buttons,
+                      Qt::NoModifier);
+    QApplication::sendEvent(target, &event);
+}
+
+// A press, moves through `via` and the end point, and the release, all sent to the overlay.
+void drag(QWidget *overlay, QPointF from, QPointF to, int steps = 4)
+{
+    sendMouse(overlay, QEvent::MouseButtonPress, from, Qt::LeftButton);
+    for (int i = 1; i <= steps; ++i)
+        sendMouse(overlay, QEvent::MouseMove, from + (to - from) * i / steps, Qt::LeftButton);
+    sendMouse(overlay, QEvent::MouseButtonRelease, to, Qt::NoButton);
+}
+
+void key(QWidget *target, int code, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
+{
+    QKeyEvent press(QEvent::KeyPress, code, modifiers);
+    QApplication::sendEvent(target, &press);
+}
+
+} // namespace
+
+class TestCanvas : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+    void geometryRules();
+    void pickingAtTwoZooms();
+    void eventRouting();
+    void selectMoveResizeNudgeDelete();
+    void toolAndStructureChangesDropTheSelection();
+    void shapesAndInk();
+    void previewsAndChrome();
+    void drawnRectangleInTheViewAndInAnotherReader();
+
+private:
+    std::shared_ptr<PdfPage> page(int index) const { return model_->pdfDocument()->page(index); }
+    std::shared_ptr<PdfAnnotation> square() const;
+    QPointF pv(QPointF pagePoint, int index = 0) const { return view_->convertFromPage(pagePoint, page(index)); }
+    int undoSteps() const { return int(model_->history().undoStack().size()); }
+
+    QTemporaryDir dir_;
+    std::unique_ptr<DocumentModel> model_;
+    std::unique_ptr<ToolSettings> tools_;
+    std::unique_ptr<PdfView> view_;
+    DrawingOverlayView *overlay_ = nullptr;
+};
+
+void TestCanvas::init()
+{
+    qputenv("XDG_DATA_HOME", dir_.filePath("data").toLocal8Bit());
+    auto pages = fixtures::numberedPages(2);
+    pages[0].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Square /C [0 0 1] /F 4", squareBounds, "0 0 1 RG 2 w 301 301 98 78 re S"});
+    pages[0].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Highlight /C [1 1 0] /F 4", highlightBounds, "1 1 0 rg 72 676 120 14 re f"});
+    const QString path = dir_.filePath("canvas.pdf");
+    QVERIFY(fixtures::writePdf(path, pages));
+    model_ = std::make_unique<DocumentModel>();
+    tools_ = std::make_unique<ToolSettings>();
+    view_ = std::make_unique<PdfView>();
+    model_->open(path);
+    QVERIFY(model_->pdfDocument());
+    view_->setDocument(model_->pdfDocument());
+    model_->attach(view_.get());
+    overlay_ = new DrawingOverlayView(tools_.get(), model_.get());
+    overlay_->setPdfView(view_.get());
+    view_->setOverlay(overlay_);
+    overlay_->attachObservers();
+    view_->resize(700, 600);
+    view_->show();
+    QVERIFY(QTest::qWaitForWindowExposed(view_.get()));
+    view_->setAutoScales(false);
+    view_->setScaleFactor(1.0);
+    view_->goToPage(page(0));
+}
+
+void TestCanvas::cleanup()
+{
+    view_.reset();
+    tools_.reset();
+    model_.reset();
+}
+
+std::shared_ptr<PdfAnnotation> TestCanvas::square() const
+{
+    for (const auto &a : page(0)->annotations())
+        if (a->type() == PdfAnnotation::Square)
+            return a;
+    return nullptr;
+}
+
+// The resize rule, aspect lock and nudge steps, on their own.
+void TestCanvas::geometryRules()
+{
+    using namespace overlayGeometry;
+    const QRectF b(100, 100, 50, 40);
+    QCOMPARE(resizedBounds(Handle::bottomRight, b, {120, 90}, false), QRectF(100, 90, 20, 50));
+    // Onto the anchor: the smallest box, its lower left corner on the anchor.
+    for (Handle h : allHandles) {
+        const QPointF anchor = corner(b, Handle(3 - int(h)));
+        QCOMPARE(resizedBounds(h, b, anchor, false), QRectF(anchor, QSizeF(14, 14)));
+    }
+    // Across the anchor the box turns over.
+    QCOMPARE(resizedBounds(Handle::topLeft, b, {170, 60}, false), QRectF(150, 60, 20, 40));
+    // Aspect lock: 200 x 50 (ratio 0.25) dragged 20 across keeps the ratio, raised to the minimum height.
+    const QRectF stamp(0, 0, 200, 50);
+    QCOMPARE(resizedBounds(Handle::topRight, stamp, {20, 2}, true), QRectF(0, 0, 56, 14));
+    QCOMPARE(resizedBounds(Handle::topRight, stamp, {400, 60}, true), QRectF(0, 0, 400, 100));
+    // A box narrower than 1 point counts as 1 wide: ratio 30.
+    const QRectF thin(0, 0, 0.5, 30);
+    QCOMPARE(resizedBounds(Handle::topRight, thin, {20, 300}, true), QRectF(0, 0, 20, 600));
+
+    QCOMPARE(nudgeOffset(Qt::Key_Up, false), QPointF(0, 1));
+    QCOMPARE(nudgeOffset(Qt::Key_Up, true), QPointF(0, 10));
+    QCOMPARE(nudgeOffset(Qt::Key_Down, false), QPointF(0, -1));
+    QCOMPARE(nudgeOffset(Qt::Key_Left, true), QPointF(-10, 0));
+    QCOMPARE(nudgeOffset(Qt::Key_Right, false), QPointF(1, 0));
+    QCOMPARE(nudgeOffset(Qt::Key_A, false), QPointF(0, 0));
+}
+
+// The pick radius is 12 view points at every zoom; on a small box the fixed order decides.
+void TestCanvas::pickingAtTwoZooms()
+{
+    auto target = square();
+    QVERIFY(target);
+    overlay_->select(target);
+    for (qreal zoom : {1.0, 2.0}) {
+        view_->setScaleFactor(zoom);
+        view_->goToPoint(page(0), QPointF(280, 420));
+        const QPointF topLeft = pv(QPointF(300, 380));
+        QCOMPARE(overlay_->handle(topLeft + QPointF(12, 0)), std::optional<Handle>(Handle::topLeft));
+        QCOMPARE(overlay_->handle(topLeft + QPointF(0, 12.01)), std::nullopt);
+        QCOMPARE(overlay_->handle(pv(QPointF(400, 300))), std::optional<Handle>(Handle::bottomRight));
+        // 12 view points are 12 / zoom page points.
+        QCOMPARE(overlay_->handle(pv(QPointF(300, 380 - 12 / zoom))), std::optional<Handle>(Handle::topLeft));
+        QCOMPARE(overlay_->handle(pv(QPointF(300, 380 - 12.1 / zoom))), std::nullopt);
+    }
+    // A 10 x 10 box: a point near both top corners picks the top left one.
+    auto small = PdfAnnotation::create(QRectF(100, 100, 10, 10), PdfAnnotation::Square);
+    model_->addAnnotation(small, page(0), true);
+    overlay_->select(small);
+    QCOMPARE(overlay_->handle(pv(QPointF(105, 110))), std::optional<Handle>(Handle::topLeft));
+}
+
+// Which presses the overlay takes and which go on to the view.
+void TestCanvas::eventRouting()
+{
+    QSignalSpy selected(model_.get(), &DocumentModel::selectedAnnotationChanged);
+    // Nothing selected: a drag over page text selects text in the view.
+    drag(overlay_, pv(QPointF(75, 668)), pv(QPointF(200, 668)));
+    QVERIFY(view_->currentSelection().has_value());
+    QVERIFY(!overlay_->selection());
+    // A press on the highlight goes to the view too (it clears the text selection there).
+    sendMouse(overlay_, QEvent::MouseButtonPress, pv(highlightBounds.center()), Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, pv(highlightBounds.center()));
+    QVERIFY(!overlay_->selection());
+    QVERIFY(!view_->currentSelection().has_value());
+    // A press on the rectangle is the overlay's: it selects it.
+    sendMouse(overlay_, QEvent::MouseButtonPress, pv(QPointF(350, 340)), Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, pv(QPointF(350, 340)));
+    QCOMPARE(overlay_->selection(), square());
+    QCOMPARE(model_->selectedAnnotation(), square());
+    // With a selection, a drag over text only deselects: no text selection starts.
+    drag(overlay_, pv(QPointF(75, 668)), pv(QPointF(200, 668)));
+    QVERIFY(!overlay_->selection());
+    QVERIFY(!model_->selectedAnnotation());
+    QVERIFY(!view_->currentSelection().has_value());
+    // With a drawing tool every press is the overlay's.
+    tools_->setCurrentTool(AnnotationTool::rectangle);
+    QMouseEvent press(QEvent::MouseButtonPress, pv(QPointF(75, 668)), QPointF(), Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
+    QVERIFY(overlay_->wantsEvent(&press));
+    QKeyEvent pageDown(QEvent::KeyPress, Qt::Key_PageDown, Qt::NoModifier);
+    QVERIFY(!overlay_->wantsEvent(&pageDown));
+}
+
+void TestCanvas::selectMoveResizeNudgeDelete()
+{
+    auto target = square();
+    const int before = undoSteps();
+    const QPointF inside = pv(QPointF(350, 340));
+    // A 1.5-point wiggle is no drag: the square stays on its page, nothing is recorded.
+    sendMouse(overlay_, QEvent::MouseButtonPress, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, inside + QPointF(1.5, 0), Qt::LeftButton);
+    QVERIFY(!overlay_->didBeginDrag());
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside + QPointF(1.5, 0));
+    QCOMPARE(target->page(), page(0));
+    QCOMPARE(target->bounds(), squareBounds);
+    QCOMPARE(undoSteps(), before);
+
+    // A move: off its page while dragged, one step at the release.
+    sendMouse(overlay_, QEvent::MouseButtonPress, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, inside + QPointF(20, 0), Qt::LeftButton);
+    QVERIFY(overlay_->didBeginDrag());
+    QVERIFY(!target->page());
+    sendMouse(overlay_, QEvent::MouseMove, inside + QPointF(40, -30), Qt::LeftButton);
+    QCOMPARE(overlay_->liveBounds(), std::optional<QRectF>(squareBounds.translated(40, 30)));
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside + QPointF(40, -30));
+    QCOMPARE(target->page(), page(0));
+    QCOMPARE(target->bounds(), squareBounds.translated(40, 30));
+    QCOMPARE(undoSteps(), before + 1);
+    QCOMPARE(overlay_->selection(), target);
+
+    // A drag that comes back to where it started still records one step.
+    const QPointF moved = pv(QPointF(390, 370));
+    sendMouse(overlay_, QEvent::MouseButtonPress, moved, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, moved + QPointF(10, 0), Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, moved, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, moved);
+    QCOMPARE(undoSteps(), before + 2);
+    QCOMPARE(target->bounds(), squareBounds.translated(40, 30));
+
+    // Resizing by the bottom right corner.
+    const QRectF at = target->bounds();
+    drag(overlay_, pv(QPointF(at.right(), at.top())), pv(QPointF(at.right() + 30, at.top() - 20)));
+    QCOMPARE(target->bounds(), QRectF(at.left(), at.top() - 20, at.width() + 30, at.height() + 20));
+    QCOMPARE(undoSteps(), before + 3);
+
+    // Nudges: one step per key press.
+    const QRectF nudged = target->bounds();
+    key(overlay_, Qt::Key_Up);
+    key(overlay_, Qt::Key_Left, Qt::ShiftModifier);
+    QCOMPARE(target->bounds(), nudged.translated(-10, 1));
+    QCOMPARE(undoSteps(), before + 5);
+
+    // Delete takes it off the page and deselects; undo brings it back.
+    key(overlay_, Qt::Key_Delete);
+    QVERIFY(!target->page());
+    QVERIFY(!overlay_->selection());
+    model_->history().performUndo();
+    QCOMPARE(target->page(), page(0));
+    QCOMPARE(target->bounds(), nudged.translated(-10, 1));
+
+    // Backspace deletes as well; Escape with a selection only deselects.
+    overlay_->select(target);
+    key(overlay_, Qt::Key_Escape);
+    QVERIFY(!overlay_->selection());
+    QCOMPARE(target->page(), page(0));
+    overlay_->select(target);
+    key(overlay_, Qt::Key_Backspace);
+    QVERIFY(!target->page());
+    // Without a selection, the arrows and Delete are not the overlay's.
+    QKeyEvent up(QEvent::KeyPress, Qt::Key_Up, Qt::NoModifier);
+    QVERIFY(!overlay_->wantsEvent(&up));
+}
+
+void TestCanvas::toolAndStructureChangesDropTheSelection()
+{
+    auto target = square();
+    overlay_->select(target);
+    // The change reaches the overlay a turn of the event loop later.
+    tools_->setCurrentTool(AnnotationTool::ink);
+    QCOMPARE(overlay_->selection(), target);
+    QTRY_VERIFY(!overlay_->selection());
+    QVERIFY(!model_->selectedAnnotation());
+    tools_->setCurrentTool(AnnotationTool::none);
+    QTest::qWait(10);
+    QVERIFY(!overlay_->selection());
+    // Choosing the select tool keeps a selection made just before.
+    overlay_->select(target);
+    tools_->setCurrentTool(AnnotationTool::none);
+    QTest::qWait(10);
+    QCOMPARE(overlay_->selection(), target);
+    // A change of page structure drops it.
+    model_->rotateCurrentPage(90);
+    QTRY_VERIFY(!overlay_->selection());
+    // A drag cut short by it puts the annotation back where it was.
+    model_->rotateCurrentPage(-90);
+    QTest::qWait(10);
+    view_->goToPage(page(0));
+    overlay_->select(target);
+    const QPointF inside = pv(QPointF(350, 340));
+    sendMouse(overlay_, QEvent::MouseButtonPress, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, inside + QPointF(30, 0), Qt::LeftButton);
+    QVERIFY(!target->page());
+    overlay_->deselect();
+    QCOMPARE(target->page(), page(0));
+    QCOMPARE(target->bounds(), squareBounds);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside + QPointF(30, 0));
+}
+
+void TestCanvas::shapesAndInk()
+{
+    auto added = [&](int index) {
+        const auto all = page(index)->annotations();
+        return all.empty() ? nullptr : all.back();
+    };
+    view_->goToPage(page(1));
+    const int before = undoSteps();
+    tools_->setCurrentTool(AnnotationTool::rectangle);
+    tools_->setStrokeColor(QColor(0, 0, 255, 128));
+    tools_->setLineWidth(3);
+    drag(overlay_, pv(QPointF(100, 500), 1), pv(QPointF(250, 400), 1));
+    auto rect = added(1);
+    QVERIFY(rect);
+    QCOMPARE(rect->type(), PdfAnnotation::Square);
+    QCOMPARE(rect->bounds(), QRectF(100, 400, 150, 100));
+    QCOMPARE(rect->color(), QColor(0, 0, 255, 128));
+    QCOMPARE(rect->borderWidth(), std::optional<qreal>(3));
+    QVERIFY(!rect->interiorColor().isValid()); // no fill: no interior colour at all
+    QCOMPARE(undoSteps(), before + 1);
+
+    // The style is read at the release, not when the drag starts.
+    tools_->setCurrentTool(AnnotationTool::circle);
+    QTest::qWait(10);
+    sendMouse(overlay_, QEvent::MouseButtonPress, pv(QPointF(300, 300), 1), Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, pv(QPointF(360, 260), 1), Qt::LeftButton);
+    tools_->setHasFill(true);
+    tools_->setFillColor(Qt::green);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, pv(QPointF(360, 260), 1));
+    auto ellipse = added(1);
+    QCOMPARE(ellipse->type(), PdfAnnotation::Circle);
+    QCOMPARE(ellipse->interiorColor(), QColor(Qt::green));
+
+    // A click (2 view points each way) makes nothing; 3 points across make a flat shape.
+    const int count = int(page(1)->annotations().size());
+    drag(overlay_, pv(QPointF(100, 200), 1), pv(QPointF(100, 200), 1) + QPointF(2, 2));
+    QCOMPARE(int(page(1)->annotations().size()), count);
+    drag(overlay_, pv(QPointF(100, 200), 1), pv(QPointF(100, 200), 1) + QPointF(3, 0));
+    QCOMPARE(int(page(1)->annotations().size()), count + 1);
+    QCOMPARE(added(1)->bounds().height(), 0.0);
+    // At 50 % the same 3 view points cover 6 page points.
+    view_->setScaleFactor(0.5);
+    view_->goToPage(page(1));
+    drag(overlay_, pv(QPointF(100, 200), 1), pv(QPointF(100, 200), 1) + QPointF(3, 0));
+    QVERIFY(qAbs(added(1)->bounds().width() - 6) < 1e-6);
+    view_->setScaleFactor(1.0);
+    view_->goToPage(page(1));
+
+    // Ink: bounds grown by the line width, the path relative to them.
+    tools_->setCurrentTool(AnnotationTool::ink);
+    QTest::qWait(10);
+    drag(overlay_, pv(QPointF(100, 100), 1), pv(QPointF(110, 100), 1), 1);
+    auto ink = added(1);
+    QCOMPARE(ink->type(), PdfAnnotation::Ink);
+    QCOMPARE(ink->bounds(), QRectF(97, 97, 16, 6));
+    QCOMPARE(ink->inkPaths().size(), 1);
+    QCOMPARE(ink->inkPaths().first().first(), QPointF(3, 3));
+    QCOMPARE(ink->inkPaths().first().size(), 2);
+    QVERIFY(!ink->interiorColor().isValid());
+    // A click with the ink tool leaves no mark and clears the stroke.
+    const int inks = int(page(1)->annotations().size());
+    sendMouse(overlay_, QEvent::MouseButtonPress, pv(QPointF(200, 200), 1), Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, pv(QPointF(200, 200), 1));
+    QCOMPARE(int(page(1)->annotations().size()), inks);
+    QVERIFY(overlay_->inkPV().empty());
+    // A press between pages draws on the nearest one.
+    view_->goToPoint(page(0), QPointF(300, 100));
+    const QPointF between = (pv(QPointF(300, 0), 0) + pv(QPointF(300, 792), 1)) / 2;
+    QVERIFY(!view_->pageAt(between, false));
+    sendMouse(overlay_, QEvent::MouseButtonPress, between, Qt::LeftButton);
+    QCOMPARE(overlay_->activePage(), page(1).get() ? view_->pageAt(between, true) : nullptr);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, between);
+}
+
+// What the overlay paints: nothing when idle; frame and handles; the
+// placeholder while dragging, the annotation itself gone from the page.
+void TestCanvas::previewsAndChrome()
+{
+    auto target = square();
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    const QImage idle = overlay_->grab().toImage();
+    bool anyPainted = false;
+    for (int y = 0; y < idle.height() && !anyPainted; y += 3)
+        for (int x = 0; x < idle.width() && !anyPainted; x += 3)
+            anyPainted = qAlpha(idle.pixel(x, y)) != 0;
+    QVERIFY(!anyPainted);
+
+    overlay_->select(target);
+    const QRectF shown = view_->convertFromPage(squareBounds, page(0));
+    QImage chrome(overlay_->size(), QImage::Format_ARGB32_Premultiplied);
+    chrome.fill(Qt::transparent);
+    overlay_->render(&chrome, QPoint(), QRegion(), QWidget::DrawChildren);
+    const QColor accent = overlay_->palette().color(QPalette::Highlight);
+    // The handle at the top-left corner is white inside with an accent ring.
+    QCOMPARE(QColor(chrome.pixel(shown.topLeft().toPoint())), QColor(Qt::white));
+    const QColor ring = chrome.pixelColor((shown.topLeft() + QPointF(4.5, 0)).toPoint());
+    QVERIFY2(qAbs(ring.hue() - accent.hue()) <= 10 && ring.alpha() > 128, qPrintable(ring.name()));
+    QCOMPARE(qAlpha(chrome.pixel(shown.center().toPoint())), 0); // no placeholder while only selected
+
+    // While dragged: an accent-tinted box, and the page under it drawn without the square.
+    const QPointF inside = shown.center();
+    sendMouse(overlay_, QEvent::MouseButtonPress, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseMove, inside + QPointF(150, 0), Qt::LeftButton);
+    chrome.fill(Qt::transparent);
+    overlay_->render(&chrome, QPoint(), QRegion(), QWidget::DrawChildren);
+    QVERIFY(qAlpha(chrome.pixel((inside + QPointF(150, 0)).toPoint())) > 0);
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    const QImage page0 = view_->viewport()->grab().toImage();
+    const QPoint edge = view_->convertFromPage(QPointF(301, 340), page(0)).toPoint();
+    QCOMPARE(QColor(page0.pixel(edge)), QColor(Qt::white)); // the blue outline is off the page
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside + QPointF(150, 0));
+    QCOMPARE(target->bounds(), squareBounds.translated(150, 0));
+}
+
+// A rectangle drawn with the pointer shows in the view where it was drawn,
+// and poppler's rendering of the saved file shows it at the same place.
+void TestCanvas::drawnRectangleInTheViewAndInAnotherReader()
+{
+    view_->goToPage(page(1));
+    tools_->setCurrentTool(AnnotationTool::rectangle);
+    tools_->setStrokeColor(Qt::red);
+    tools_->setLineWidth(4);
+    QTest::qWait(10);
+    drag(overlay_, pv(QPointF(200, 600), 1), pv(QPointF(400, 450), 1));
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    const QImage screen = view_->viewport()->grab().toImage();
+    const QColor onScreen = screen.pixelColor(pv(QPointF(200, 525), 1).toPoint());
+    QVERIFY2(onScreen.red() > 200 && onScreen.green() < 60 && onScreen.blue() < 60, qPrintable(onScreen.name()));
+    QCOMPARE(screen.pixelColor(pv(QPointF(300, 525), 1).toPoint()), QColor(Qt::white));
+
+    const QString saved = dir_.filePath("drawn.pdf");
+    QVERIFY(model_->pdfDocument()->write(saved));
+    const QString prefix = dir_.filePath("poppler");
+    QCOMPARE(QProcess::execute("pdftoppm", {"-r", "72", "-f", "2", "-l", "2", "-png", saved, prefix}), 0);
+    QImage rendered(prefix + "-2.png");
+    QVERIFY(!rendered.isNull());
+    // At 72 dpi a page point is a pixel; y is measured from the top.
+    const QColor left = rendered.pixelColor(200, 792 - 525);
+    QVERIFY2(left.red() > 200 && left.green() < 60 && left.blue() < 60, qPrintable(left.name()));
+    QCOMPARE(rendered.pixelColor(300, 792 - 525), QColor(Qt::white));
+    QCOMPARE(rendered.pixelColor(190, 792 - 525), QColor(Qt::white));
+}
+
+QTEST_MAIN(TestCanvas)
+#include "tst_canvas.moc"

@@ -23,9 +23,9 @@ namespace {
 // Kinds whose look the engine can draw from the annotation's properties.
 bool drawnByUs(const QString &type)
 {
-    return type == PdfAnnotation::Square || type == PdfAnnotation::Circle || type == PdfAnnotation::Ink
-           || type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut
-           || type == PdfAnnotation::FreeText;
+    return type == PdfAnnotation::Square || type == PdfAnnotation::Circle || type == PdfAnnotation::Ink ||
+           type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut ||
+           type == PdfAnnotation::FreeText;
 }
 
 QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha)
@@ -79,7 +79,8 @@ DefaultAppearance parseDefaultAppearance(const QByteArray &da)
         if (tokens[i] == "Tf" && i >= 2 && tokens[i - 2].startsWith('/')) {
             out.font = PdfFont{appearance::fontNameFromToken(tokens[i - 2].mid(1)), real(1)};
         } else if (tokens[i] == "rg" && i >= 3) {
-            out.color = QColor::fromRgbF(std::clamp(real(3), 0.0, 1.0), std::clamp(real(2), 0.0, 1.0), std::clamp(real(1), 0.0, 1.0));
+            out.color =
+                QColor::fromRgbF(std::clamp(real(3), 0.0, 1.0), std::clamp(real(2), 0.0, 1.0), std::clamp(real(1), 0.0, 1.0));
         } else if (tokens[i] == "g" && i >= 1) {
             const qreal g = std::clamp(real(1), 0.0, 1.0);
             out.color = QColor::fromRgbF(g, g, g);
@@ -113,7 +114,10 @@ std::shared_ptr<PdfAnnotation> PdfAnnotation::fromFile(const std::shared_ptr<Doc
     return annotation;
 }
 
-PdfAnnotation::~PdfAnnotation() { releaseObject(); }
+PdfAnnotation::~PdfAnnotation()
+{
+    releaseObject();
+}
 
 void PdfAnnotation::releaseObject()
 {
@@ -214,9 +218,9 @@ void PdfAnnotation::writeDictionary()
     if (type_ == FreeText) {
         const QColor text = fontColor_.isValid() ? fontColor_ : QColor(Qt::black);
         const PdfFont font = appearance::freeTextFont(font_);
-        da = '/' + appearance::fontNameToken(font.name) + ' ' + appearance::number(font.size) + " Tf "
-             + appearance::number(text.redF()) + ' ' + appearance::number(text.greenF()) + ' '
-             + appearance::number(text.blueF()) + " rg";
+        da = '/' + appearance::fontNameToken(font.name) + ' ' + appearance::number(font.size) + " Tf " +
+             appearance::number(text.redF()) + ' ' + appearance::number(text.greenF()) + ' ' + appearance::number(text.blueF()) +
+             " rg";
     }
     const bool freeText = type_ == FreeText;
     mu::guard([&](fz_context *c) {
@@ -284,12 +288,18 @@ void PdfAnnotation::writeAppearance()
 {
     if (!drawnByUs(type_) && !(type_ == Stamp && !stampImage_.isNull()))
         return;
-    appearance::Input input{type_,       bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
-                            font_,       fontColor_,     quadPoints_, inkPaths_,      stampImage_};
+    appearance::Input input{type_, bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
+                            font_, fontColor_,     quadPoints_, inkPaths_,      stampImage_};
     appearance::write(*core_, native_->obj, input, &native_->appearance);
 }
 
-void PdfAnnotation::changed(bool lookChanged)
+QRectF PdfAnnotation::drawnArea(const QRectF &bounds) const
+{
+    const qreal margin = 3 + borderWidth_.value_or(1);
+    return bounds.adjusted(-margin, -margin, margin, margin);
+}
+
+void PdfAnnotation::changed(bool lookChanged, const QRectF &before)
 {
     if (!native_->obj)
         return;
@@ -303,8 +313,26 @@ void PdfAnnotation::changed(bool lookChanged)
     } catch (const mu::Error &) {
         // The in-memory properties stay; the file keeps its previous state.
     }
-    if (auto page = page_.lock())
-        page->changed(PdfChangeChannel::Annotations);
+    announce(before);
+}
+
+// Tells the page where its look changed: where the annotation is and, when it
+// moved, where it was (two announcements when the places are apart, so that
+// what lies between is not drawn again).
+void PdfAnnotation::announce(const QRectF &before)
+{
+    auto page = page_.lock();
+    if (!page)
+        return;
+    const QRectF now = drawnArea();
+    if (before.isNull())
+        page->changed(PdfChangeChannel::Annotations, now);
+    else if (drawnArea(before).intersects(now))
+        page->changed(PdfChangeChannel::Annotations, now.united(drawnArea(before)));
+    else {
+        page->changed(PdfChangeChannel::Annotations, drawnArea(before));
+        page->changed(PdfChangeChannel::Annotations, now);
+    }
 }
 
 void PdfAnnotation::setBounds(const QRectF &bounds)
@@ -324,8 +352,9 @@ void PdfAnnotation::setBounds(const QRectF &bounds)
         // and readers fit its appearance into the new rectangle.
         const QPointF delta = bounds_.topLeft() - old.topLeft();
         mu::tryGuard([&](fz_context *c) {
-            pdf_dict_put_rect(c, native_->obj, PDF_NAME(Rect),
-                              fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
+            pdf_dict_put_rect(
+                c, native_->obj, PDF_NAME(Rect),
+                fz_rect{float(bounds_.left()), float(bounds_.top()), float(bounds_.right()), float(bounds_.bottom())});
             if (resized)
                 return;
             const char *keys[] = {"QuadPoints", "L", "Vertices", "CL"};
@@ -345,11 +374,10 @@ void PdfAnnotation::setBounds(const QRectF &bounds)
                 }
             }
         });
-        if (auto page = page_.lock())
-            page->changed(PdfChangeChannel::Annotations);
+        announce(old);
         return;
     }
-    changed(resized && type_ != Stamp);
+    changed(resized && type_ != Stamp, old);
 }
 
 void PdfAnnotation::setColor(const QColor &color)

@@ -81,7 +81,12 @@ private:
     // Puts the annotation's dictionary into `core` (making it on first use).
     void materialize(const std::shared_ptr<DocCore> &core);
     // Writes the changed state to the file and refreshes the page's picture.
-    void changed(bool lookChanged);
+    void changed(bool lookChanged, const QRectF &before = QRectF());
+    // The part of the page its look can cover: the bounds and a little more
+    // for the stroke and smoothed edges; with `bounds` another place of it.
+    QRectF drawnArea(const QRectF &bounds) const;
+    QRectF drawnArea() const { return drawnArea(bounds_); }
+    void announce(const QRectF &before);
     void writeDictionary();
     void writeAppearance();
     void releaseObject();

@@ -6,6 +6,7 @@
 
 #include <QFlags>
 #include <QObject>
+#include <QRectF>
 
 #include <memory>
 
@@ -23,7 +24,9 @@ public:
 signals:
     // Emitted on the thread that made the change (the user-interface thread),
     // right after it, also for a page that is not in its document right now.
-    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes);
+    // `area` is the part of the page (page space) whose look changed; an
+    // empty one means the whole page.
+    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes, QRectF area);
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(PdfChangeChannel::Changes)

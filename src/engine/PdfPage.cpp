@@ -34,7 +34,10 @@ struct PdfPage::Text {
 
 namespace {
 
-QTransform toQt(const fz_matrix &m) { return QTransform(m.a, m.b, m.c, m.d, m.e, m.f); }
+QTransform toQt(const fz_matrix &m)
+{
+    return QTransform(m.a, m.b, m.c, m.d, m.e, m.f);
+}
 
 QRectF toQt(const fz_rect &r)
 {
@@ -50,7 +53,10 @@ QString cleanFontName(const char *name)
 
 } // namespace
 
-PdfPage::PdfPage(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native) : core_(std::move(core)), native_(std::move(native)) {}
+PdfPage::PdfPage(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native)
+    : core_(std::move(core)), native_(std::move(native))
+{
+}
 
 PdfPage::~PdfPage()
 {
@@ -59,7 +65,10 @@ PdfPage::~PdfPage()
     pdf_drop_obj(mu::ctx(), native_->obj);
 }
 
-std::shared_ptr<PdfDocument> PdfPage::document() const { return document_.lock(); }
+std::shared_ptr<PdfDocument> PdfPage::document() const
+{
+    return document_.lock();
+}
 
 int PdfPage::index() const
 {
@@ -131,13 +140,13 @@ void PdfPage::place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> nativ
 
 // MuPDF reads a page's annotations when it loads the page; the next picture
 // loads it again.
-void PdfPage::changed(PdfChangeChannel::Changes changes)
+void PdfPage::changed(PdfChangeChannel::Changes changes, const QRectF &area)
 {
     unload();
     if (changes & PdfChangeChannel::Content)
         dropText();
     if (auto self = weak_from_this().lock())
-        emit core_->changes.pageChanged(self, changes);
+        emit core_->changes.pageChanged(self, changes, area);
 }
 
 QRectF PdfPage::bounds(PdfBox box) const
@@ -184,7 +193,10 @@ QTransform PdfPage::pageToDisplay() const
     return toQt(ctm);
 }
 
-QSizeF PdfPage::displaySize() const { return pageToDisplay().mapRect(bounds(PdfBox::Crop)).size(); }
+QSizeF PdfPage::displaySize() const
+{
+    return pageToDisplay().mapRect(bounds(PdfBox::Crop)).size();
+}
 
 std::vector<std::shared_ptr<PdfAnnotation>> PdfPage::annotations()
 {
@@ -273,7 +285,7 @@ void PdfPage::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
     }
     annotations_.push_back(annotation);
     annotation->page_ = weak_from_this();
-    changed(PdfChangeChannel::Annotations);
+    changed(PdfChangeChannel::Annotations, annotation->drawnArea());
 }
 
 void PdfPage::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
@@ -283,7 +295,7 @@ void PdfPage::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
     detach(native_->obj, annotation->native_->obj);
     annotations_.erase(std::remove(annotations_.begin(), annotations_.end(), annotation), annotations_.end());
     annotation->page_.reset();
-    changed(PdfChangeChannel::Annotations);
+    changed(PdfChangeChannel::Annotations, annotation->drawnArea());
 }
 
 std::shared_ptr<PdfAnnotation> PdfPage::annotation(QPointF point)
@@ -384,10 +396,14 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
     });
     if (!ok)
         return nullptr;
-    return std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list), QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+    return std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
+                                            QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
 }
 
-QImage PdfPage::render(qreal scale, const PdfRenderOptions &options) { return render(scale, QRectF(), options); }
+QImage PdfPage::render(qreal scale, const PdfRenderOptions &options)
+{
+    return render(scale, QRectF(), options);
+}
 
 QImage PdfPage::render(qreal scale, QRectF displayRegion, const PdfRenderOptions &options)
 {
@@ -448,7 +464,8 @@ PdfPage::Text &PdfPage::textLayout()
                                  fz_font_is_italic(c, ch->font) != 0};
                     if (t.fonts.empty() || t.fonts.back().name != font.name || t.fonts.back().size != font.size)
                         t.fonts.push_back(font);
-                    t.chars.push_back({toPage.mapRect(toQt(fz_rect_from_quad(ch->quad))), int(t.text.size()), int(s.size()), int(t.fonts.size()) - 1});
+                    t.chars.push_back({toPage.mapRect(toQt(fz_rect_from_quad(ch->quad))), int(t.text.size()), int(s.size()),
+                                       int(t.fonts.size()) - 1});
                     t.text += s;
                 }
                 l.end = int(t.chars.size());
@@ -462,7 +479,10 @@ PdfPage::Text &PdfPage::textLayout()
     return *text_;
 }
 
-QString PdfPage::text() { return textLayout().text; }
+QString PdfPage::text()
+{
+    return textLayout().text;
+}
 
 std::optional<PdfFont> PdfPage::fontAt(int textIndex)
 {
@@ -513,8 +533,8 @@ PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
         QRectF box;
         for (int i = from; i < to; ++i)
             box = box.united(t.chars[size_t(i)].box);
-        lines.push_back({shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex),
-                         box});
+        lines.push_back(
+            {shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex), box});
     }
     return PdfSelection(std::move(lines));
 }
@@ -538,7 +558,9 @@ std::optional<PdfSelection> PdfPage::selectionForWord(QPointF point)
     int hit = caret;
     if (hit >= int(t.chars.size()) || (hit > 0 && t.chars[size_t(hit - 1)].box.right() >= point.x()))
         --hit;
-    auto isSpace = [&](int i) { return t.text.mid(t.chars[size_t(i)].textIndex, t.chars[size_t(i)].textLength).trimmed().isEmpty(); };
+    auto isSpace = [&](int i) {
+        return t.text.mid(t.chars[size_t(i)].textIndex, t.chars[size_t(i)].textLength).trimmed().isEmpty();
+    };
     if (hit < 0 || isSpace(hit))
         return std::nullopt;
     auto lineOf = std::find_if(t.lines.begin(), t.lines.end(), [&](const auto &l) { return hit >= l.first && hit < l.end; });
@@ -550,4 +572,7 @@ std::optional<PdfSelection> PdfPage::selectionForWord(QPointF point)
     return selectionForRange(from, to);
 }
 
-PdfSelection PdfPage::selectionForAll() { return selectionForRange(0, int(textLayout().chars.size())); }
+PdfSelection PdfPage::selectionForAll()
+{
+    return selectionForRange(0, int(textLayout().chars.size()));
+}

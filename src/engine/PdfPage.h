@@ -85,8 +85,9 @@ private:
     void dropText();
     // Turns an unplaced copy into the page `ref` of `core`'s document.
     void place(std::shared_ptr<DocCore> core, std::unique_ptr<Native> native);
-    // Drops what was read from the page and announces the change.
-    void changed(PdfChangeChannel::Changes changes);
+    // Drops what was read from the page and announces the change (of `area`
+    // only, when one is given).
+    void changed(PdfChangeChannel::Changes changes, const QRectF &area = QRectF());
     Text &textLayout();
     int caretAt(QPointF point);
     PdfSelection selectionForRange(int fromChar, int toChar);

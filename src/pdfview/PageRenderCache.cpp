@@ -143,9 +143,25 @@ bool PageRenderCache::isComplete() const
     return true;
 }
 
-void PageRenderCache::invalidate(const PdfPage *page)
+void PageRenderCache::invalidate(const PdfPage *page, const QRectF &displayArea)
 {
-    generations_[page] = nextGeneration_++;
+    const quint64 before = generationOf(page);
+    const quint64 now = nextGeneration_++;
+    generations_[page] = now;
+    if (!displayArea.isEmpty()) {
+        // Pictures of tiles away from the change are still right: they move to the new version.
+        std::vector<Key> unchanged;
+        for (auto it = entries_.lower_bound(Key{page, 0, 0, 0, 0}); it != entries_.end() && it->first.page == page; ++it) {
+            const QRectF area(displayArea.topLeft() * it->second.scale, displayArea.size() * it->second.scale);
+            if (it->first.generation == before && !area.intersects(QRectF(it->second.rect)))
+                unchanged.push_back(it->first);
+        }
+        for (const Key &key : unchanged) {
+            auto node = entries_.extract(key);
+            node.key().generation = now;
+            entries_.insert(std::move(node));
+        }
+    }
     lists_.erase(page);
     wantedKeys_.clear();
     for (const Tile &tile : wanted_)

@@ -56,8 +56,10 @@ public:
     // True when every urgent tile of the last request has its picture.
     bool isComplete() const;
 
-    // The page's content changed: its pictures become stale and it is drawn again.
-    void invalidate(const PdfPage *page);
+    // The page's content changed: its pictures become stale and it is drawn
+    // again. With `displayArea` (display-space points) only the tiles that
+    // meet it do; the others stay as they are.
+    void invalidate(const PdfPage *page, const QRectF &displayArea = QRectF());
     // The page left the view: everything kept for it goes.
     void forget(const PdfPage *page);
     void clear();

@@ -136,19 +136,20 @@ void PdfView::reloadPages()
     updateCurrentPage();
 }
 
-void PdfView::invalidatePage(const std::shared_ptr<PdfPage> &page)
+void PdfView::invalidatePage(const std::shared_ptr<PdfPage> &page, const QRectF &area)
 {
-    if (indexOf(page) < 0)
+    const int index = indexOf(page);
+    if (index < 0)
         return;
     links_.erase(page.get());
-    cache_->invalidate(page.get());
+    cache_->invalidate(page.get(), area.isEmpty() ? QRectF() : pageToDisplay_[size_t(index)].mapRect(area));
     pictureTimer_.start();
     viewport()->update();
 }
 
 // A page shown here changed: a turned page takes another place in the column,
 // anything else is drawn again where it is.
-void PdfView::pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes)
+void PdfView::pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes, QRectF area)
 {
     const int index = indexOf(page);
     if (index < 0)
@@ -156,7 +157,7 @@ void PdfView::pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel
     if ((changes & PdfChangeChannel::Rotation) && page->pageToDisplay() != pageToDisplay_[size_t(index)])
         reloadPages();
     else
-        invalidatePage(page);
+        invalidatePage(page, changes & PdfChangeChannel::Annotations && !(changes & PdfChangeChannel::Content) ? area : QRectF());
 }
 
 int PdfView::indexOf(const std::shared_ptr<PdfPage> &page) const

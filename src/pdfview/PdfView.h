@@ -49,9 +49,10 @@ public:
     // the pages out again, keeping the zoom and, if it is still there, the
     // page at the top of the view.
     void reloadPages();
-    // The page's content changed: it is rendered again. Changes the engine
-    // announces for the document's pages are followed without being asked.
-    void invalidatePage(const std::shared_ptr<PdfPage> &page);
+    // The page's content changed (only `area`, in page space, when one is
+    // given): it is rendered again. Changes the engine announces for the
+    // document's pages are followed without being asked.
+    void invalidatePage(const std::shared_ptr<PdfPage> &page, const QRectF &area = QRectF());
 
     // The page that takes up most of the view (or the one last gone to).
     std::shared_ptr<PdfPage> currentPage() const;
@@ -150,7 +151,7 @@ private:
         bool dragging = false;
     };
 
-    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes);
+    void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes, QRectF area);
 
     // Layout and scrolling.
     void loadPages();

@@ -124,6 +124,7 @@ private slots:
     void reloadAfterPageChanges();
     void cacheStaysWithinItsLimit();
     void pagesReadStayWithinTheirBudget();
+    void anAnnotationChangeRedrawsOnlyItsTiles();
     void overlayChoosesItsEvents();
 
 private:
@@ -777,6 +778,50 @@ void TestPdfView::pagesReadStayWithinTheirBudget()
     QVERIFY(doc->textLayoutCount() <= PdfDocument::textLayoutBudget);
     QVERIFY(first->text().startsWith(QStringLiteral("Page 1\n")));
     QVERIFY(!first->render(0.5).isNull());
+}
+
+// Moving an annotation redraws the tiles it touches, before and after; the
+// other tiles of the page keep their pictures.
+void TestPdfView::anAnnotationChangeRedrawsOnlyItsTiles()
+{
+    auto doc = open(fixtures::numberedPages(1));
+    QVERIFY(doc);
+    auto page = doc->page(0);
+    PageRenderCache cache;
+    // At 2 pixels per point the page is 1224 x 1584 pixels: four tiles.
+    std::vector<PageRenderCache::Tile> tiles;
+    for (QRect r : {QRect(0, 0, 1024, 1024), QRect(1024, 0, 200, 1024), QRect(0, 1024, 1024, 560), QRect(1024, 1024, 200, 560)})
+        tiles.push_back({page, 2.0, r});
+    auto rendered = [&] {
+        QList<bool> have;
+        for (const auto &tile : tiles)
+            have << !cache.picture(tile).isNull();
+        return have;
+    };
+    cache.request(tiles, 4);
+    QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+    QSignalSpy changes(doc->changes(), &PdfChangeChannel::pageChanged);
+    connect(doc->changes(), &PdfChangeChannel::pageChanged, &cache,
+            [&](const std::shared_ptr<PdfPage> &p, PdfChangeChannel::Changes, QRectF area) {
+                cache.invalidate(p.get(), p->pageToDisplay().mapRect(area));
+            });
+
+    // A square low on the left (display y 632-692 points: the lower left tile only).
+    auto square = PdfAnnotation::create(QRectF(100, 100, 100, 60), PdfAnnotation::Square);
+    square->setColor(Qt::red);
+    page->addAnnotation(square);
+    QVERIFY(changes.count() >= 1);
+    QVERIFY(changes.last().at(2).toRectF().contains(QRectF(100, 100, 100, 60)));
+    QCOMPARE(rendered(), (QList<bool>{true, true, false, true}));
+    QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+    const QImage lowerLeft = cache.picture(tiles[2]);
+    QCOMPARE(lowerLeft.pixelColor(QPoint(200, (792 - 130) * 2 - 1024)).red(), 255); // the left edge of the square
+
+    // Moved to the top right: both places are drawn again, the top left tile is kept.
+    square->setBounds(QRectF(560, 700, 40, 40));
+    QCOMPARE(rendered(), (QList<bool>{true, false, false, true}));
+    QTRY_VERIFY_WITH_TIMEOUT(cache.isComplete(), renderTimeoutMs);
+    QCOMPARE(cache.picture(tiles[2]).pixelColor(QPoint(200, (792 - 130) * 2 - 1024)), QColor(Qt::white));
 }
 
 void TestPdfView::overlayChoosesItsEvents()

@@ -1,5 +1,6 @@
 #include "ContentView.h"
 
+#include "AnnotationToolbarItems.h"
 #include "CommandMenu.h"
 #include "DocumentModel.h"
 #include "ExtractPagesSheet.h"
@@ -125,6 +126,8 @@ void ContentView::buildToolbar()
     toolGroup_ = new QWidget;
     toolGroup_->setLayout(new QHBoxLayout);
     toolGroup_->layout()->setContentsMargins(0, 0, 0, 0);
+    annotationItems_ = new AnnotationToolbarItems(model_, toolSettings_, [this] { setShowSignatureSheet(true); }, &Icons::get);
+    toolGroup_->layout()->addWidget(annotationItems_);
     bar->addWidget(toolGroup_);
     bar->addWidget(stretch());
     tbUndo_ = make(tr("Undo"), "edit-undo", tr("Undo"));

@@ -11,6 +11,7 @@
 
 #include <functional>
 
+class AnnotationToolbarItems;
 class CommandMenu;
 class DocumentModel;
 class PagesMenu;
@@ -57,6 +58,7 @@ public:
     // The places other parts of the window fill in.
     QWidget *sidebarPlace() const { return sidebar_; }
     QWidget *toolGroupPlace() const { return toolGroup_; }
+    AnnotationToolbarItems *annotationToolbarItems() const { return annotationItems_; }
     QWidget *pagesMenuPlace() const { return pagesMenu_; }
     ThumbnailSidebarView *thumbnailSidebar() const { return thumbnailSidebar_; }
     PagesMenu *pagesMenu() const { return pagesMenuButton_; }
@@ -109,6 +111,7 @@ private:
     PdfViewBridge *bridge_ = nullptr;
     QWidget *sidebar_ = nullptr;
     QWidget *toolGroup_ = nullptr;
+    AnnotationToolbarItems *annotationItems_ = nullptr;
     QWidget *pagesMenu_ = nullptr;
     QStackedWidget *documentArea_ = nullptr;
     QWidget *documentPane_ = nullptr;

@@ -57,6 +57,43 @@ void draw(QPainter &p, const QString &name)
     } else if (name == "view-pages" || name == "document-properties" || name == "edit-copy") {
         p.drawRect(QRectF(4, 3, 11, 14));
         p.drawPolyline(QPolygonF({{18, 7}, {18, 21}, {8, 21}}));
+    } else if (name == "edit-select") {
+        // An arrow pointer.
+        p.drawPolygon(QPolygonF({{6, 3}, {6, 19}, {10, 15.5}, {13, 21}, {15.5, 20}, {12.5, 14.5}, {17.5, 14.5}}));
+    } else if (name == "edit-rename") {
+        // A text cursor (I-beam).
+        p.drawLine(QPointF(12, 4), QPointF(12, 20));
+        p.drawLine(QPointF(8, 4), QPointF(16, 4));
+        p.drawLine(QPointF(8, 20), QPointF(16, 20));
+    } else if (name == "insert-text") {
+        // A capital T.
+        p.drawPolyline(QPolygonF({{5, 8}, {5, 4}, {19, 4}, {19, 8}}));
+        p.drawLine(QPointF(12, 4), QPointF(12, 20));
+        p.drawLine(QPointF(9, 20), QPointF(15, 20));
+    } else if (name == "draw-freehand") {
+        // A pencil, point down to the left.
+        p.drawPolygon(QPolygonF({{4, 20}, {5.5, 14.5}, {16, 4}, {20, 8}, {9.5, 18.5}}));
+        p.drawLine(QPointF(5.5, 14.5), QPointF(9.5, 18.5));
+        p.drawLine(QPointF(13.5, 6.5), QPointF(17.5, 10.5));
+    } else if (name == "draw-rectangle") {
+        p.drawRect(QRectF(4, 6, 16, 12));
+    } else if (name == "draw-ellipse") {
+        p.drawEllipse(QRectF(3, 6, 18, 12));
+    } else if (name == "color-management") {
+        // A painter's palette: a rounded board, a thumb hole and three dabs of paint.
+        p.drawEllipse(QRectF(3, 4, 18, 16));
+        p.drawEllipse(QPointF(14.5, 15), 2, 2);
+        p.setBrush(ink);
+        for (QPointF dab : {QPointF(8, 10), QPointF(12, 7.5), QPointF(16.5, 9.5)})
+            p.drawEllipse(dab, 1.2, 1.2);
+    } else if (name == "draw-highlight") {
+        // A marker over the broad stroke it leaves.
+        p.drawPolygon(QPolygonF({{9, 13}, {16, 4}, {20, 8}, {13, 17}}));
+        p.drawPolygon(QPolygonF({{9, 13}, {13, 17}, {10, 18}, {8, 16}}));
+        QColor stroke = ink;
+        stroke.setAlphaF(0.45);
+        p.setPen(QPen(stroke, 3, Qt::SolidLine, Qt::RoundCap));
+        p.drawLine(QPointF(4, 21), QPointF(20, 21));
     } else {
         // A page with lines of text: documents, and anything else.
         p.drawPolygon(QPolygonF({{6, 2}, {15, 2}, {19, 6}, {19, 22}, {6, 22}}));

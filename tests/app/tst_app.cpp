@@ -1,10 +1,13 @@
 // The application shell driven as a user would: commands and toolbar buttons,
 // drops, the password sheet, the error alert and the page view bridge.
 #include "ActAsNobody.h"
+#include "AnnotationToolbarItems.h"
 #include "CommandMenu.h"
 #include "ContentView.h"
+#include "DrawingOverlayView.h"
 #include "DocumentModel.h"
 #include "FixtureBuilder.h"
+#include "Icons.h"
 #include "PasswordSheet.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -30,6 +33,7 @@
 #include <QScrollBar>
 #include <QStackedWidget>
 #include <QTemporaryDir>
+#include <QToolButton>
 #include <QWindow>
 #include <QtTest>
 
@@ -95,9 +99,11 @@ private slots:
     void passwordSheet();
     void unicodePasswordsTyped();
     void hintBanner();
+    void annotationGroupInTheToolbar();
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
     void pagesOpenAtTheirTopAndStayInView();
+    void deleteKeyGoesToTheOverlayFirst();
     void everyWindowFollowsAnnotationChanges();
     void fileChoosersStartInAFolderThatExists();
 
@@ -538,6 +544,28 @@ void TestApp::hintBanner()
     QVERIFY(window_->bannerText().startsWith("Click text to edit it in place"));
 }
 
+void TestApp::annotationGroupInTheToolbar()
+{
+    AnnotationToolbarItems *items = window_->annotationToolbarItems();
+    QVERIFY(items && window_->toolGroupPlace()->isAncestorOf(items));
+    model_->open(fixture("group.pdf", 1));
+    QTest::mouseClick(items->signButton(), Qt::LeftButton);
+    QVERIFY(window_->showSignatureSheet());
+    QTest::mouseClick(items->toolButton(AnnotationTool::editText), Qt::LeftButton);
+    QVERIFY(window_->bannerText().startsWith("Click text to edit it in place"));
+
+    // Where the theme lacks them, the group's icons are drawings of their own.
+    const auto look = [](const QString &name) { return Icons::get(name).pixmap(24, 24).toImage(); };
+    QList<QImage> drawn{look("no-such-icon")};
+    for (const char *name : {"edit-select", "edit-rename", "insert-text", "draw-freehand", "draw-rectangle", "draw-ellipse",
+                             "color-management", "draw-highlight"}) {
+        if (QIcon::hasThemeIcon(name))
+            continue;
+        QVERIFY2(!drawn.contains(look(name)), name);
+        drawn << look(name);
+    }
+}
+
 void TestApp::currentPageInStepBothWays()
 {
     DocumentModel &m = *model_;
@@ -642,6 +670,27 @@ void TestApp::pagesOpenAtTheirTopAndStayInView()
     QTRY_COMPARE(view->currentPageIndex(), 6);
     QVERIFY(shown(6).left() >= 0 && shown(6).right() <= view->viewport()->width());
     QVERIFY(std::abs(shown(6).center().x() - middle) <= 1);
+}
+
+// With an annotation selected on the page, Delete is the overlay's (it also
+// drops the selection), not the menu shortcut of the same key.
+void TestApp::deleteKeyGoesToTheOverlayFirst()
+{
+    model_->open(fixture("delete-key.pdf", 1));
+    auto page = model_->pdfDocument()->page(0);
+    auto square = PdfAnnotation::create(QRectF(100, 100, 80, 60), PdfAnnotation::Square);
+    model_->addAnnotation(square, page, true);
+    DrawingOverlayView *overlay = window_->bridge()->overlay();
+    window_->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(window_.get()));
+    overlay->select(square);
+    QTRY_VERIFY(overlay->hasFocus());
+    QTest::keyClick(overlay, Qt::Key_Delete);
+    QVERIFY(!square->page());
+    QVERIFY(!overlay->selection());
+    QVERIFY(!model_->selectedAnnotation());
+    window_->commands()->undo->trigger();
+    QCOMPARE(square->page(), page);
 }
 
 // Two windows on one document (File > New Window): a change made and undone

@@ -57,5 +57,10 @@ void TestTools::settingsStartFromDefaultsAndAnnounceEveryWrite()
     QCOMPARE(settings.markupColor(), QColor(Qt::yellow));
 }
 
-QTEST_GUILESS_MAIN(TestTools)
+int runToolsTests(int argc, char **argv)
+{
+    TestTools test;
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_tools.moc"

@@ -255,6 +255,8 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         break;
     case AnnotationTool::ink:
         inkPV_ = {pv};
+        inkBounds_ = QRectF(pv, pv);
+        inkCached_ = 0;
         activePage_ = pdfView_->pageAt(pv, true);
         break;
     case AnnotationTool::rectangle:
@@ -310,11 +312,20 @@ void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
     }
     const QPointF pv = event->position();
     switch (toolSettings_->currentTool()) {
-    case AnnotationTool::ink:
+    case AnnotationTool::ink: {
         if (inkPV_.empty())
             return;
+        const QPointF last = inkPV_.back();
         inkPV_.push_back(pv);
-        break;
+        inkBounds_.setCoords(std::min(inkBounds_.left(), pv.x()), std::min(inkBounds_.top(), pv.y()),
+                             std::max(inkBounds_.right(), pv.x()), std::max(inkBounds_.bottom(), pv.y()));
+        // Only the new segment needs painting.
+        const qreal pen = toolSettings_->lineWidth() + 2;
+        const QRectF segment = QRectF(last, pv).normalized().adjusted(-pen, -pen, pen, pen);
+        lastPainted_ = lastPainted_.united(segment);
+        update(segment.toAlignedRect().intersected(rect()));
+        return;
+    }
     case AnnotationTool::rectangle:
     case AnnotationTool::circle:
         if (!shapeStartPV_)
@@ -388,6 +399,8 @@ void DrawingOverlayView::finishManipulation()
 void DrawingOverlayView::clearDrawing()
 {
     inkPV_.clear();
+    inkCache_ = QImage();
+    inkCached_ = 0;
     shapeStartPV_.reset();
     shapeCurrentPV_.reset();
     activePage_.reset();
@@ -433,6 +446,17 @@ void DrawingOverlayView::leaveEvent(QEvent *event)
 }
 
 // ---- Keys -----------------------------------------------------------------------
+
+// Keys the overlay acts on (Delete, Escape, the arrows with a selection) come
+// to it before any menu shortcut of the same key.
+bool DrawingOverlayView::event(QEvent *event)
+{
+    if (event->type() == QEvent::ShortcutOverride && pdfView_ && takesKey(static_cast<QKeyEvent *>(event))) {
+        event->accept();
+        return true;
+    }
+    return QWidget::event(event);
+}
 
 void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
 {
@@ -516,11 +540,8 @@ QRectF DrawingOverlayView::paintedArea() const
         return {};
     QRectF area;
     const qreal pen = toolSettings_->lineWidth();
-    if (inkPV_.size() > 1) {
-        QPolygonF stroke(qsizetype(inkPV_.size()));
-        std::copy(inkPV_.begin(), inkPV_.end(), stroke.begin());
-        area = area.united(stroke.boundingRect().adjusted(-pen, -pen, pen, pen));
-    }
+    if (inkPV_.size() > 1)
+        area = area.united(inkBounds_.adjusted(-pen, -pen, pen, pen));
     if (shapeStartPV_ && shapeCurrentPV_)
         area = area.united(QRectF(*shapeStartPV_, *shapeCurrentPV_).normalized().adjusted(-pen, -pen, pen, pen));
     if (selection_ && selectionPage_) {
@@ -549,10 +570,8 @@ void DrawingOverlayView::paintEvent(QPaintEvent *)
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     const QPen stroke(toolSettings_->strokeColor(), toolSettings_->lineWidth(), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
-    if (toolSettings_->currentTool() == AnnotationTool::ink && inkPV_.size() > 1) {
-        painter.setPen(stroke);
-        painter.drawPolyline(inkPV_.data(), int(inkPV_.size()));
-    }
+    if (toolSettings_->currentTool() == AnnotationTool::ink && inkPV_.size() > 1)
+        drawInkPreview(painter);
     if (shapeStartPV_ && shapeCurrentPV_) {
         painter.setPen(stroke);
         painter.setBrush(Qt::NoBrush);
@@ -569,6 +588,38 @@ void DrawingOverlayView::paintEvent(QPaintEvent *)
         drawSelectionChrome(painter, r);
     }
     drawSignaturePreview(painter);
+}
+
+// The stroke is drawn opaque into the kept picture and shown at the colour's
+// opacity, so that where its segments meet the colour is not laid on twice.
+void DrawingOverlayView::drawInkPreview(QPainter &painter)
+{
+    const qreal dpr = devicePixelRatioF();
+    const QSize pixels = (QSizeF(size()) * dpr).toSize();
+    const QColor color = toolSettings_->strokeColor();
+    QColor opaque = color;
+    opaque.setAlpha(255);
+    const qreal width = toolSettings_->lineWidth();
+    if (inkCache_.size() != pixels || inkCacheColor_ != opaque || inkCacheWidth_ != width || inkCached_ > inkPV_.size()) {
+        inkCache_ = QImage(pixels, QImage::Format_ARGB32_Premultiplied);
+        inkCache_.setDevicePixelRatio(dpr);
+        inkCache_.fill(Qt::transparent);
+        inkCacheColor_ = opaque;
+        inkCacheWidth_ = width;
+        inkCached_ = 0;
+    }
+    if (inkCached_ < inkPV_.size()) {
+        QPainter cache(&inkCache_);
+        cache.setRenderHint(QPainter::Antialiasing);
+        cache.setPen(QPen(opaque, width, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+        const size_t from = inkCached_ == 0 ? 0 : inkCached_ - 1;
+        cache.drawPolyline(inkPV_.data() + from, int(inkPV_.size() - from));
+        inkCached_ = inkPV_.size();
+    }
+    painter.save();
+    painter.setOpacity(color.alphaF());
+    painter.drawImage(QPointF(0, 0), inkCache_);
+    painter.restore();
 }
 
 void DrawingOverlayView::drawSelectionChrome(QPainter &painter, const QRectF &rect) const

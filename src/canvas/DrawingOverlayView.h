@@ -86,6 +86,7 @@ public:
     std::optional<QPointF> pendingPreviewPoint() const { return pendingPreviewPoint_; }
 
 protected:
+    bool event(QEvent *event) override;
     void mousePressEvent(QMouseEvent *event) override;
     void mouseDoubleClickEvent(QMouseEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
@@ -117,11 +118,19 @@ private:
     void drawPreviewContent(QPainter &painter, const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &rect,
                             qreal scale) const;
     void drawSignaturePreview(QPainter &painter) const;
+    void drawInkPreview(QPainter &painter);
 
     QPointer<PdfView> pdfView_;
     ToolSettings *const toolSettings_;
     DocumentModel *const documentModel_;
     std::vector<QPointF> inkPV_;
+    // The stroke drawn so far, kept as a picture that each move extends by its
+    // new segment, so that a long stroke costs no more per move than a short one.
+    QRectF inkBounds_;
+    QImage inkCache_;
+    size_t inkCached_ = 0;
+    QColor inkCacheColor_;
+    qreal inkCacheWidth_ = 0;
     std::optional<QPointF> shapeStartPV_;
     std::optional<QPointF> shapeCurrentPV_;
     std::shared_ptr<PdfPage> activePage_;

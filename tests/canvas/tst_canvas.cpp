@@ -420,6 +420,22 @@ void TestCanvas::previewsAndChrome()
     QCOMPARE(QColor(page0.pixel(edge)), QColor(Qt::white)); // the blue outline is off the page
     sendMouse(overlay_, QEvent::MouseButtonRelease, inside + QPointF(150, 0));
     QCOMPARE(target->bounds(), squareBounds.translated(150, 0));
+
+    // An ink stroke in a half-transparent colour: one even tint, also where its segments meet.
+    tools_->setCurrentTool(AnnotationTool::ink);
+    tools_->setStrokeColor(QColor(0, 0, 255, 128));
+    tools_->setLineWidth(6);
+    QTest::qWait(10);
+    const QPointF start(100, 100);
+    sendMouse(overlay_, QEvent::MouseButtonPress, start, Qt::LeftButton);
+    for (int i = 1; i <= 40; ++i)
+        sendMouse(overlay_, QEvent::MouseMove, start + QPointF(5 * i, 0), Qt::LeftButton);
+    chrome.fill(Qt::transparent);
+    overlay_->render(&chrome, QPoint(), QRegion(), QWidget::DrawChildren);
+    for (int x : {110, 125, 150, 175})
+        QVERIFY2(qAbs(qAlpha(chrome.pixel(x, 100)) - 128) <= 2, qPrintable(QString::number(qAlpha(chrome.pixel(x, 100)))));
+    sendMouse(overlay_, QEvent::MouseButtonRelease, start + QPointF(200, 0));
+    QVERIFY(overlay_->inkPV().empty());
 }
 
 // A rectangle drawn with the pointer shows in the view where it was drawn,

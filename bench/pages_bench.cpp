@@ -253,7 +253,8 @@ int main(int argc, char **argv)
                 pageCount, shownMs, inSightMs, scrollMs, worstStall, qint64(cache->bytesUsed() / (56 * 74 * 4)),
                 cache->bytesUsed() / 1024);
 
-    std::printf("split_every=%.2f split_ranges=%.2f extract=%.2f insert=%.2f move=%.2f merge100=%.2f (ours/qpdf) "
+    std::printf("split_every ... merge100 below are times ours / qpdf\n");
+    std::printf("split_every=%.2f split_ranges=%.2f extract=%.2f insert=%.2f move=%.2f merge100=%.2f "
                 "sidebar_shown_ms=%lld sidebar_worst_stall_ms=%lld\n",
                 ratio(rows[0]), ratio(rows[1]), ratio(rows[2]), ratio(rows[3]), ratio(rows[4]), ratio(rows[5]), shownMs,
                 worstStall);

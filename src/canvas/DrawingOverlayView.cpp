@@ -3,6 +3,7 @@
 #include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "FontService.h"
+#include "InlineTextView.h"
 #include "PdfAnnotation.h"
 #include "PdfPage.h"
 #include "PdfView.h"
@@ -47,7 +48,7 @@ bool isArrowKey(int key)
 } // namespace
 
 DrawingOverlayView::DrawingOverlayView(ToolSettings *toolSettings, DocumentModel *documentModel, QWidget *parent)
-    : QWidget(parent), toolSettings_(toolSettings), documentModel_(documentModel)
+    : QWidget(parent), toolSettings_(toolSettings), documentModel_(documentModel), editingFont_(systemFont(14))
 {
     setAttribute(Qt::WA_TranslucentBackground);
     setAttribute(Qt::WA_NoSystemBackground);
@@ -59,6 +60,7 @@ DrawingOverlayView::DrawingOverlayView(ToolSettings *toolSettings, DocumentModel
     connect(
         toolSettings_, &ToolSettings::currentToolChanged, this,
         [this] {
+            commitInlineEdit();
             if (toolSettings_->currentTool() != AnnotationTool::none)
                 deselect();
             refresh();
@@ -95,8 +97,11 @@ void DrawingOverlayView::attachObservers()
     connect(pdfView_, &PdfView::geometryChanged, this, &DrawingOverlayView::geometryChanged);
 }
 
+// The editor keeps its place on the screen, so moving the pages under it ends the edit.
 void DrawingOverlayView::geometryChanged()
 {
+    if (inlineEditor_)
+        commitInlineEdit();
     lastPainted_ = QRectF();
     update();
 }
@@ -129,6 +134,9 @@ bool DrawingOverlayView::takesPress(QPointF pv) const
 {
     if (!pdfView_)
         return false;
+    // With an editor open, presses on it are its own; any other ends the edit.
+    if (inlineEditor_)
+        return true;
     if (!documentModel_->pendingSignatureImage().isNull())
         return true;
     if (toolSettings_->currentTool() != AnnotationTool::none)
@@ -142,7 +150,7 @@ bool DrawingOverlayView::takesKey(const QKeyEvent *event) const
 {
     const int key = event->key();
     if (key == Qt::Key_Escape)
-        return !documentModel_->pendingSignatureImage().isNull() || selection_;
+        return inlineEditor_ || !documentModel_->pendingSignatureImage().isNull() || selection_;
     if (isDeleteKey(key) || isArrowKey(key))
         return selection_ != nullptr;
     return false;
@@ -246,12 +254,20 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
     // A waiting signature is placed by its own step; until then a press leaves it waiting.
     if (!documentModel_->pendingSignatureImage().isNull())
         return;
+    if (inlineEditor_) {
+        commitInlineEdit();
+        return;
+    }
     switch (toolSettings_->currentTool()) {
     case AnnotationTool::none:
         handleSelectMouseDown(event, pv, clickCount);
         break;
     case AnnotationTool::editText:
+        handleEditTextClick(pv);
+        break;
     case AnnotationTool::freeText:
+        if (auto page = pdfView_->pageAt(pv, true))
+            beginNewTextBox(page, pdfView_->convertToPage(pv, page));
         break;
     case AnnotationTool::ink:
         inkPV_ = {pv};
@@ -285,9 +301,10 @@ void DrawingOverlayView::handleSelectMouseDown(QMouseEvent *, QPointF pv, int cl
     }
     if (annotation != selection_)
         select(annotation);
-    // Re-editing a text box on a double click belongs to the text editor.
-    if (clickCount == 2 && annotation->type() == PdfAnnotation::FreeText)
+    if (clickCount == 2 && annotation->type() == PdfAnnotation::FreeText) {
+        beginEditExisting(annotation);
         return;
+    }
     beginManipulation(Move{}, pv);
 }
 
@@ -462,7 +479,10 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
 {
     const int key = event->key();
     if (key == Qt::Key_Escape) {
-        if (!documentModel_->pendingSignatureImage().isNull())
+        if (inlineEditor_) {
+            removeInlineEditor();
+            refresh();
+        } else if (!documentModel_->pendingSignatureImage().isNull())
             documentModel_->setPendingSignatureImage(QImage());
         else if (selection_)
             deselect();

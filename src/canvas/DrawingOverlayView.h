@@ -10,6 +10,7 @@
 #pragma once
 
 #include "OverlayGeometry.h"
+#include "PdfTypes.h"
 #include "PdfViewOverlay.h"
 
 #include <QImage>
@@ -22,6 +23,7 @@
 #include <vector>
 
 class DocumentModel;
+class InlineTextView;
 class PdfAnnotation;
 class PdfPage;
 class PdfView;
@@ -43,6 +45,20 @@ public:
         bool operator==(const Move &) const = default;
     };
     using DragMode = std::variant<Resize, Idle, Move>;
+
+    // What committing the text editor does: re-edit that free-text box, cover
+    // a line of the page with a retyped one, or make a new box.
+    struct Existing {
+        std::shared_ptr<PdfAnnotation> annotation;
+        bool operator==(const Existing &) const = default;
+    };
+    struct Replacement {
+        bool operator==(const Replacement &) const = default;
+    };
+    struct NewBox {
+        bool operator==(const NewBox &) const = default;
+    };
+    using EditingMode = std::variant<Existing, Replacement, NewBox>;
 
     // Diameter of the drawn corner handles, in view points.
     static constexpr qreal handleSize = 9;
@@ -73,6 +89,30 @@ public:
     void select(const std::shared_ptr<PdfAnnotation> &annotation);
     void deselect();
 
+    // Text editing. A press of the edit-text tool: re-edit a box, retype the
+    // line under the point, or open a new box.
+    void handleEditTextClick(QPointF pv);
+    // A new one-line box whose top left corner is the page-space point.
+    void beginNewTextBox(const std::shared_ptr<PdfPage> &page, QPointF pagePoint);
+    void beginEditExisting(const std::shared_ptr<PdfAnnotation> &annotation);
+    void beginTextEdit(const EditingMode &mode, const std::shared_ptr<PdfPage> &page, const QRectF &bounds, const QString &text,
+                       const PdfFont &font, const QColor &fontColor, const QColor &editorBg);
+    // Closes the editor and applies the edit; removeInlineEditor() only closes it.
+    void commitInlineEdit();
+    void removeInlineEditor();
+    // The box a text gets: as wide as its widest line (up to 2 points before
+    // the page's right edge) and as high as its lines, never smaller than `base`.
+    static QRectF fittedBounds(const QString &text, const QRectF &base, const PdfFont &font,
+                               const std::shared_ptr<PdfPage> &page);
+    // The font the page shows `text` in (its first occurrence on the page),
+    // else the system font at `fallbackSize`.
+    static PdfFont detectFont(const QString &text, const std::shared_ptr<PdfPage> &page, qreal fallbackSize);
+    // The paper colour around a line (page-space box): the brightest of four
+    // samples beside it, or white when the page is dark there.
+    static QColor sampleBackgroundColor(const std::shared_ptr<PdfPage> &page, const QRectF &lineBox);
+    // The system font at a size, as a page font.
+    static PdfFont systemFont(qreal size);
+
     // State, for the window and for tests.
     std::shared_ptr<PdfAnnotation> selection() const { return selection_; }
     std::shared_ptr<PdfPage> selectionPage() const { return selectionPage_; }
@@ -84,6 +124,14 @@ public:
     std::optional<QPointF> shapeCurrentPV() const { return shapeCurrentPV_; }
     std::shared_ptr<PdfPage> activePage() const { return activePage_; }
     std::optional<QPointF> pendingPreviewPoint() const { return pendingPreviewPoint_; }
+    InlineTextView *inlineEditor() const;
+    std::optional<EditingMode> editingMode() const { return editingMode_; }
+    std::shared_ptr<PdfPage> editingPage() const { return editingPage_; }
+    QRectF editingBounds() const { return editingBounds_; }
+    QColor editingBg() const { return editingBg_; }
+    PdfFont editingFont() const { return editingFont_; }
+    QColor editingFontColor() const { return editingFontColor_; }
+    QString editingOriginalText() const { return editingOriginalText_; }
 
 protected:
     bool event(QEvent *event) override;
@@ -142,6 +190,14 @@ private:
     std::optional<QRectF> liveBounds_;
     bool didBeginDrag_ = false;
     std::optional<QPointF> pendingPreviewPoint_;
+    QPointer<InlineTextView> inlineEditor_;
+    std::optional<EditingMode> editingMode_;
+    std::shared_ptr<PdfPage> editingPage_;
+    QRectF editingBounds_;
+    QColor editingBg_{Qt::transparent};
+    PdfFont editingFont_;
+    QColor editingFontColor_{Qt::black};
+    QString editingOriginalText_;
     // What the last paint drew, so that the next frame repaints only around it.
     QRectF lastPainted_;
     bool observing_ = false;

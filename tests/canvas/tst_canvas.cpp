@@ -5,6 +5,8 @@
 #include "DrawingOverlayView.h"
 #include "EditHistory.h"
 #include "FixtureBuilder.h"
+#include "FontService.h"
+#include "InlineTextView.h"
 #include "OverlayGeometry.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -13,6 +15,7 @@
 #include "ToolSettings.h"
 
 #include <QProcess>
+#include <QScrollBar>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -39,6 +42,13 @@ void drag(QWidget *overlay, QPointF from, QPointF to, int steps = 4)
     sendMouse(overlay, QEvent::MouseButtonRelease, to, Qt::NoButton);
 }
 
+// A press and release at one point, sent to the overlay.
+void clickOn(QWidget *overlay, QPointF pos)
+{
+    sendMouse(overlay, QEvent::MouseButtonPress, pos, Qt::LeftButton);
+    sendMouse(overlay, QEvent::MouseButtonRelease, pos);
+}
+
 void key(QWidget *target, int code, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
 {
     QKeyEvent press(QEvent::KeyPress, code, modifiers);
@@ -61,12 +71,18 @@ private slots:
     void shapesAndInk();
     void previewsAndChrome();
     void drawnRectangleInTheViewAndInAnotherReader();
+    void newTextBoxes();
+    void replacingALine();
+    void coverTakesThePaperColour();
+    void reEditingABox();
+    void editorFontFollowsTheZoom();
 
 private:
     std::shared_ptr<PdfPage> page(int index) const { return model_->pdfDocument()->page(index); }
     std::shared_ptr<PdfAnnotation> square() const;
     QPointF pv(QPointF pagePoint, int index = 0) const { return view_->convertFromPage(pagePoint, page(index)); }
     int undoSteps() const { return int(model_->history().undoStack().size()); }
+    void click(QPointF pos) { clickOn(overlay_, pos); }
 
     QTemporaryDir dir_;
     std::unique_ptr<DocumentModel> model_;
@@ -465,6 +481,218 @@ void TestCanvas::drawnRectangleInTheViewAndInAnotherReader()
     QVERIFY2(left.red() > 200 && left.green() < 60 && left.blue() < 60, qPrintable(left.name()));
     QCOMPARE(rendered.pixelColor(300, 792 - 525), QColor(Qt::white));
     QCOMPARE(rendered.pixelColor(190, 792 - 525), QColor(Qt::white));
+}
+
+// The free-text tool and the edit-text tool on blank paper: a one-line box
+// at the press; what ends the editor and what each ending makes.
+void TestCanvas::newTextBoxes()
+{
+    tools_->setCurrentTool(AnnotationTool::freeText);
+    tools_->setFontSize(20);
+    tools_->setFontColor(Qt::blue);
+    QTest::qWait(10);
+    const int before = int(page(0)->annotations().size());
+    click(pv(QPointF(100, 200)));
+    InlineTextView *editor = overlay_->inlineEditor();
+    QVERIFY(editor);
+    QVERIFY(std::holds_alternative<DrawingOverlayView::NewBox>(*overlay_->editingMode()));
+    QCOMPARE(overlay_->editingBounds(), QRectF(100, 200 - 32, 240, 32));
+    QCOMPARE(overlay_->editingFontColor(), QColor(Qt::blue));
+    QCOMPARE(overlay_->editingBg(), QColor(Qt::transparent));
+    const QRect place = view_->convertFromPage(QRectF(100, 168, 240, 32), page(0)).toAlignedRect();
+    QCOMPARE(editor->geometry().topLeft(), place.topLeft());
+    QCOMPARE(editor->width(), place.width());
+    QVERIFY(editor->height() >= place.height()); // it grows downwards to show its lines
+
+    // Escape drops it: nothing is made.
+    QTest::keyClick(editor, Qt::Key_Escape);
+    QVERIFY(!overlay_->inlineEditor());
+    QCOMPARE(int(page(0)->annotations().size()), before);
+    // Only spaces: nothing is made and the tool stays.
+    click(pv(QPointF(100, 200)));
+    QTest::keyClicks(overlay_->inlineEditor(), "   ");
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QCOMPARE(int(page(0)->annotations().size()), before);
+    QCOMPARE(tools_->currentTool(), AnnotationTool::freeText);
+
+    // Three lines typed with Shift+Return and Alt+Return, committed by Return.
+    const int steps = undoSteps();
+    click(pv(QPointF(100, 200)));
+    editor = overlay_->inlineEditor();
+    QTest::keyClicks(editor, "one");
+    QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
+    QTest::keyClicks(editor, "two");
+    QTest::keyClick(editor, Qt::Key_Return, Qt::AltModifier);
+    QTest::keyClicks(editor, "three");
+    QTest::keyClick(editor, Qt::Key_Return);
+    QVERIFY(!overlay_->inlineEditor());
+    auto box = page(0)->annotations().back();
+    QCOMPARE(box->type(), PdfAnnotation::FreeText);
+    QCOMPARE(box->contents(), QString("one\ntwo\nthree"));
+    QCOMPARE(box->fontColor(), QColor(Qt::blue));
+    QCOMPARE(box->color().alpha(), 0);
+    QCOMPARE(box->borderWidth(), std::optional<qreal>(0));
+    QCOMPARE(box->font()->size, 20.0);
+    const QFontMetricsF metrics(FontService::instance().qFont(*box->font()));
+    const qreal lineHeight = metrics.ascent() + metrics.descent() + metrics.leading();
+    QVERIFY(box->bounds().height() >= 3 * lineHeight * 1.25 + 6 - 1e-6);
+    QCOMPARE(box->bounds().left(), 100.0);
+    QCOMPARE(box->bounds().top() + box->bounds().height(), 200.0); // the top edge stays
+    QCOMPARE(box->bounds().width(), 240.0);                        // short text: never narrower than the start
+    QCOMPARE(undoSteps(), steps + 1);
+    QCOMPARE(overlay_->selection(), box);
+    QTRY_COMPARE(tools_->currentTool(), AnnotationTool::none);
+    QTest::qWait(10);
+    QCOMPARE(overlay_->selection(), box); // choosing the select tool keeps it
+
+    // The edit-text tool on blank paper opens a new box too; scrolling commits it.
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    click(pv(QPointF(400, 100)));
+    QVERIFY(std::holds_alternative<DrawingOverlayView::NewBox>(*overlay_->editingMode()));
+    QTest::keyClicks(overlay_->inlineEditor(), "scrolled");
+    view_->verticalScrollBar()->setValue(view_->verticalScrollBar()->value() + 30);
+    QVERIFY(!overlay_->inlineEditor());
+    QCOMPARE(page(0)->annotations().back()->contents(), QString("scrolled"));
+
+    // A long line near the right edge grows the box only up to 2 points before it.
+    tools_->setCurrentTool(AnnotationTool::freeText);
+    QTest::qWait(10);
+    view_->goToPoint(page(0), QPointF(0, 400));
+    click(pv(QPointF(300, 250)));
+    QTest::keyClicks(overlay_->inlineEditor(), "a line much too long to fit before the edge of the page");
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QCOMPARE(page(0)->annotations().back()->bounds().left() + page(0)->annotations().back()->bounds().width(), 610.0);
+}
+
+// The edit-text tool on a line of the page: the line's text in the page's
+// font, over a cover of the paper colour; Return makes the cover even unchanged.
+void TestCanvas::replacingALine()
+{
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    const QPointF onLine(150, 684); // the first 12-point line of Helvetica, baseline 680
+    click(pv(onLine));
+    InlineTextView *editor = overlay_->inlineEditor();
+    QVERIFY(editor);
+    QVERIFY(std::holds_alternative<DrawingOverlayView::Replacement>(*overlay_->editingMode()));
+    const auto line = page(0)->selectionForLine(onLine);
+    QVERIFY(line);
+    QCOMPARE(overlay_->editingOriginalText(), line->string());
+    QCOMPARE(editor->toPlainText(), line->string());
+    QCOMPARE(overlay_->editingBounds(), line->bounds(page(0)).adjusted(-2, -2, 2, 2));
+    QVERIFY(overlay_->editingFont().name.contains("Helvetica"));
+    QCOMPARE(overlay_->editingFont().size, 12.0);
+    QCOMPARE(overlay_->editingBg(), QColor(Qt::white));
+    QCOMPARE(editor->textCursor().selectedText(), line->string()); // typing replaces it all
+
+    // Unchanged: a cover with the same text is made, opaque in the paper colour.
+    QTest::keyClick(editor, Qt::Key_Enter);
+    auto cover = page(0)->annotations().back();
+    QCOMPARE(cover->type(), PdfAnnotation::FreeText);
+    QCOMPARE(cover->contents(), line->string());
+    QCOMPARE(cover->color(), QColor(Qt::white));
+    QCOMPARE(cover->fontColor(), QColor(Qt::black));
+    QTRY_COMPARE(tools_->currentTool(), AnnotationTool::none);
+
+    // Emptied: an opaque patch over the line.
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    click(pv(QPointF(150, 668)));
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Backspace);
+    QCOMPARE(overlay_->inlineEditor()->toPlainText(), QString());
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    auto patch = page(0)->annotations().back();
+    QCOMPARE(patch->contents(), QString());
+    QCOMPARE(patch->color(), QColor(Qt::white));
+    QVERIFY(cover->page()); // Backspace in the editor did not delete the selected cover
+
+    // The fallback size follows the line's height, within 6 and 96 points.
+    QCOMPARE(DrawingOverlayView::detectFont("no such words on the page", page(0), 9.36).size, 9.36);
+    QVERIFY(DrawingOverlayView::detectFont("Page 1", page(0), 9).name.contains("Helvetica"));
+    QCOMPARE(DrawingOverlayView::detectFont("Page 1", page(0), 9).size, 24.0);
+}
+
+// A cream page gives a cream cover; a mid-grey one a white cover.
+void TestCanvas::coverTakesThePaperColour()
+{
+    auto pages = fixtures::numberedPages(2);
+    pages[0].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Square /F 4", QRectF(0, 0, 612, 792), "1 0.96 0.84 rg 0 0 612 792 re f"});
+    pages[1].annotations.push_back({"<< /Type /Annot /Subtype /Square /F 4", QRectF(0, 0, 612, 792), "0.5 g 0 0 612 792 re f"});
+    const QString path = dir_.filePath("papers.pdf");
+    QVERIFY(fixtures::writePdf(path, pages));
+    auto doc = PdfDocument::open(path);
+    QVERIFY(doc);
+    const QRectF lineBox(72, 677, 300, 14);
+    const QColor cream = DrawingOverlayView::sampleBackgroundColor(doc->page(0), lineBox);
+    QVERIFY2(qAbs(cream.red() - 255) <= 2 && qAbs(cream.green() - 245) <= 2 && qAbs(cream.blue() - 214) <= 2,
+             qPrintable(cream.name()));
+    QCOMPARE(cream.alpha(), 255);
+    QCOMPARE(DrawingOverlayView::sampleBackgroundColor(doc->page(1), lineBox), QColor(Qt::white));
+    // Text under a sample point does not darken the cover: the brightest sample wins.
+    QCOMPARE(DrawingOverlayView::sampleBackgroundColor(page(0), QRectF(72, 677, 300, 14)), QColor(Qt::white));
+}
+
+// A double click with the select tool re-edits a box; the grown box stays when the text change is undone.
+void TestCanvas::reEditingABox()
+{
+    auto box = PdfAnnotation::create(QRectF(100, 300, 120, 30), PdfAnnotation::FreeText);
+    box->setContents("short");
+    box->setFont(PdfFont{"Helvetica", 12});
+    box->setColor(Qt::transparent);
+    model_->addAnnotation(box, page(0), true);
+    const int steps = undoSteps();
+    const QPointF inside = pv(QPointF(150, 315));
+    sendMouse(overlay_, QEvent::MouseButtonPress, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside);
+    sendMouse(overlay_, QEvent::MouseButtonDblClick, inside, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, inside);
+    InlineTextView *editor = overlay_->inlineEditor();
+    QVERIFY(editor);
+    QCOMPARE(overlay_->editingMode(), std::optional<DrawingOverlayView::EditingMode>(DrawingOverlayView::Existing{box}));
+    QCOMPARE(editor->toPlainText(), QString("short"));
+    QCOMPARE(overlay_->editingBg(), QColor(Qt::transparent));
+    QTest::keyClicks(editor, "a much longer text than before");
+    QTest::keyClick(editor, Qt::Key_Return, Qt::ShiftModifier);
+    QTest::keyClicks(editor, "and a second line");
+    // A press on the overlay outside the editor commits.
+    click(pv(QPointF(400, 100)));
+    QVERIFY(!overlay_->inlineEditor());
+    QCOMPARE(box->contents(), QString("a much longer text than before\nand a second line"));
+    const QRectF grown = box->bounds();
+    QVERIFY(grown.width() > 120 && grown.height() > 30);
+    QCOMPARE(grown.top() + grown.height(), 330.0);
+    QCOMPARE(undoSteps(), steps + 1);
+    model_->history().performUndo();
+    QCOMPARE(box->contents(), QString("short"));
+    QCOMPARE(box->bounds(), grown);
+
+    // Unchanged text changes nothing and records nothing.
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    click(pv(QPointF(150, 315)));
+    QVERIFY(std::holds_alternative<DrawingOverlayView::Existing>(*overlay_->editingMode()));
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QCOMPARE(undoSteps(), steps); // the undone step went to the redo stack; nothing new
+    QCOMPARE(box->contents(), QString("short"));
+}
+
+// The editor shows the text at the page's size times the zoom, never below 5 points.
+void TestCanvas::editorFontFollowsTheZoom()
+{
+    auto box = PdfAnnotation::create(QRectF(100, 300, 120, 30), PdfAnnotation::FreeText);
+    box->setContents("zoomed");
+    box->setFont(PdfFont{"Helvetica", 10});
+    model_->addAnnotation(box, page(0), true);
+    for (auto [zoom, expected] : {std::pair{3.0, 30}, std::pair{0.1, 5}}) {
+        view_->setScaleFactor(zoom);
+        view_->goToPoint(page(0), QPointF(90, 340));
+        overlay_->beginEditExisting(box);
+        QVERIFY(overlay_->inlineEditor());
+        QCOMPARE(overlay_->inlineEditor()->font().pixelSize(), expected);
+        overlay_->removeInlineEditor();
+    }
 }
 
 QTEST_MAIN(TestCanvas)

@@ -6,6 +6,7 @@
 
 #include <QFile>
 #include <QImage>
+#include <QMap>
 #include <QPainter>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -13,7 +14,10 @@
 namespace fixtures {
 namespace {
 
-QByteArray num(qreal v) { return QByteArray::number(v, 'f', 2); }
+QByteArray num(qreal v)
+{
+    return QByteArray::number(v, 'f', 2);
+}
 
 QByteArray rect(const QRectF &r)
 {
@@ -36,8 +40,29 @@ QByteArray escaped(const QString &text)
 QByteArray buildPdf(const std::vector<PageSpec> &pages)
 {
     // Objects: 1 catalog, 2 page tree, 3 font, then per page: the page, its
-    // contents, and two objects (dictionary, appearance) per annotation.
+    // contents, and two objects (dictionary, appearance) per annotation; fonts
+    // other than Helvetica come last, so the numbers above never change.
     std::vector<QByteArray> objects(3);
+    int count = 3;
+    for (const PageSpec &p : pages) {
+        count += 2;
+        for (const RawAnnotation &a : p.annotations)
+            count += a.popup ? 3 : 2;
+    }
+    QMap<QByteArray, int> otherFonts;
+    for (const PageSpec &p : pages)
+        for (const TextRun &run : p.text)
+            if (run.font != "Helvetica")
+                otherFonts.insert(run.font, 0);
+    int next = count;
+    for (int &number : otherFonts)
+        number = ++next;
+    auto fontKey = [&](const QByteArray &name) {
+        return name == "Helvetica" ? QByteArray("F1") : "F" + QByteArray::number(otherFonts.value(name));
+    };
+    QByteArray fontResources = "/F1 3 0 R";
+    for (auto it = otherFonts.begin(); it != otherFonts.end(); ++it)
+        fontResources += " /F" + QByteArray::number(it.value()) + ' ' + QByteArray::number(it.value()) + " 0 R";
     QByteArray kids;
     for (const PageSpec &p : pages) {
         const int pageNumber = int(objects.size()) + 1;
@@ -47,11 +72,11 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages)
             page += " /CropBox " + rect(*p.cropBox);
         if (p.rotation)
             page += " /Rotate " + QByteArray::number(p.rotation);
-        page += " /Resources << /Font << /F1 3 0 R >> >> /Contents " + QByteArray::number(pageNumber + 1) + " 0 R";
+        page += " /Resources << /Font << " + fontResources + " >> >> /Contents " + QByteArray::number(pageNumber + 1) + " 0 R";
         QByteArray content;
         for (const TextRun &run : p.text)
-            content += "BT /F1 " + num(run.size) + " Tf " + num(run.origin.x()) + ' ' + num(run.origin.y()) + " Td ("
-                       + escaped(run.text) + ") Tj ET\n";
+            content += "BT /" + fontKey(run.font) + ' ' + num(run.size) + " Tf " + num(run.origin.x()) + ' ' +
+                       num(run.origin.y()) + " Td (" + escaped(run.text) + ") Tj ET\n";
         QByteArray annots;
         std::vector<QByteArray> extra;
         for (const RawAnnotation &a : p.annotations) {
@@ -59,14 +84,14 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages)
             const QByteArray pageRef = " /P " + QByteArray::number(pageNumber) + " 0 R";
             annots += QByteArray::number(dictNumber) + " 0 R ";
             const QByteArray popupRef = a.popup ? " /Popup " + QByteArray::number(dictNumber + 2) + " 0 R" : QByteArray();
-            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N "
-                            + QByteArray::number(dictNumber + 1) + " 0 R >> >>");
-            extra.push_back("<< /Type /XObject /Subtype /Form /BBox " + rect(a.rect) + " /Length "
-                            + QByteArray::number(a.appearance.size()) + " >>\nstream\n" + a.appearance + "\nendstream");
+            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N " +
+                            QByteArray::number(dictNumber + 1) + " 0 R >> >>");
+            extra.push_back("<< /Type /XObject /Subtype /Form /BBox " + rect(a.rect) + " /Length " +
+                            QByteArray::number(a.appearance.size()) + " >>\nstream\n" + a.appearance + "\nendstream");
             if (a.popup) {
                 annots += QByteArray::number(dictNumber + 2) + " 0 R ";
-                extra.push_back("<< /Type /Annot /Subtype /Popup /Rect " + rect(*a.popup) + pageRef + " /Parent "
-                                + QByteArray::number(dictNumber) + " 0 R /Open false >>");
+                extra.push_back("<< /Type /Annot /Subtype /Popup /Rect " + rect(*a.popup) + pageRef + " /Parent " +
+                                QByteArray::number(dictNumber) + " 0 R /Open false >>");
             }
         }
         if (!annots.isEmpty())
@@ -78,6 +103,8 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages)
     objects[0] = "<< /Type /Catalog /Pages 2 0 R >>";
     objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>";
     objects[2] = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
+    for (auto it = otherFonts.begin(); it != otherFonts.end(); ++it)
+        objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /" + it.key() + " /Encoding /WinAnsiEncoding >>");
 
     QByteArray out = "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n";
     std::vector<qsizetype> offsets;
@@ -89,8 +116,8 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages)
     out += "xref\n0 " + QByteArray::number(int(objects.size()) + 1) + "\n0000000000 65535 f \n";
     for (qsizetype offset : offsets)
         out += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
-    out += "trailer\n<< /Size " + QByteArray::number(int(objects.size()) + 1) + " /Root 1 0 R >>\nstartxref\n"
-           + QByteArray::number(xref) + "\n%%EOF\n";
+    out += "trailer\n<< /Size " + QByteArray::number(int(objects.size()) + 1) + " /Root 1 0 R >>\nstartxref\n" +
+           QByteArray::number(xref) + "\n%%EOF\n";
     return out;
 }
 
@@ -100,7 +127,10 @@ bool writeFile(const QString &path, const QByteArray &data)
     return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
 }
 
-bool writePdf(const QString &path, const std::vector<PageSpec> &pages) { return writeFile(path, buildPdf(pages)); }
+bool writePdf(const QString &path, const std::vector<PageSpec> &pages)
+{
+    return writeFile(path, buildPdf(pages));
+}
 
 std::vector<PageSpec> numberedPages(int count, int linesPerPage)
 {
@@ -109,8 +139,10 @@ std::vector<PageSpec> numberedPages(int count, int linesPerPage)
         auto &text = pages[size_t(i)].text;
         text.push_back({QStringLiteral("Page %1").arg(i + 1), {72, 720}, 24});
         for (int line = 0; line < linesPerPage; ++line)
-            text.push_back({QStringLiteral("The quick brown fox jumps over the lazy dog, line %1 of page %2.").arg(line + 1).arg(i + 1),
-                            {72, 680.0 - 16 * line}, 12});
+            text.push_back(
+                {QStringLiteral("The quick brown fox jumps over the lazy dog, line %1 of page %2.").arg(line + 1).arg(i + 1),
+                 {72, 680.0 - 16 * line},
+                 12});
     }
     return pages;
 }
@@ -196,11 +228,9 @@ PageSpec pageWithForeignAnnotations()
     PageSpec page;
     page.text.push_back({QStringLiteral("Form"), {72, 720}, 24});
     page.annotations.push_back({"<< /Type /Annot /Subtype /Line /L [100 300 300 400] /C [0 0 1] /F 4",
-                                QRectF(QPointF(98, 298), QPointF(302, 402)),
-                                "0 0 1 RG 4 w 100 300 m 300 400 l S"});
-    page.annotations.push_back({"<< /Type /Annot /Subtype /Widget /FT /Tx /T (name) /F 4",
-                                QRectF(100, 500, 150, 30),
-                                "0 0.6 0 rg 100 500 150 30 re f"});
+                                QRectF(QPointF(98, 298), QPointF(302, 402)), "0 0 1 RG 4 w 100 300 m 300 400 l S"});
+    page.annotations.push_back(
+        {"<< /Type /Annot /Subtype /Widget /FT /Tx /T (name) /F 4", QRectF(100, 500, 150, 30), "0 0.6 0 rg 100 500 150 30 re f"});
     return page;
 }
 
@@ -219,11 +249,12 @@ bool writeGhostscriptNote(const QString &path)
 {
     QTemporaryDir dir;
     const QString ps = dir.filePath(QStringLiteral("note.ps"));
-    const QByteArray program = "%!PS\n/Helvetica findfont 24 scalefont setfont 72 720 moveto (Notes) show\n"
-                               "[ /_objdef {note1} /Rect [100 600 120 620] /Subtype /Text /Contents (A note) /T (Reviewer)"
-                               " /Open false /Color [1 1 0] /Popup {pop1} /ANN pdfmark\n"
-                               "[ /_objdef {pop1} /Rect [130 520 330 620] /Subtype /Popup /Open false /Parent {note1} /ANN pdfmark\n"
-                               "showpage\n";
+    const QByteArray program =
+        "%!PS\n/Helvetica findfont 24 scalefont setfont 72 720 moveto (Notes) show\n"
+        "[ /_objdef {note1} /Rect [100 600 120 620] /Subtype /Text /Contents (A note) /T (Reviewer)"
+        " /Open false /Color [1 1 0] /Popup {pop1} /ANN pdfmark\n"
+        "[ /_objdef {pop1} /Rect [130 520 330 620] /Subtype /Popup /Open false /Parent {note1} /ANN pdfmark\n"
+        "showpage\n";
     return writeFile(ps, program) && QProcess::execute(QStringLiteral("ps2pdf"), {ps, path}) == 0 && QFile::exists(path);
 }
 

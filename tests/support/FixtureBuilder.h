@@ -18,6 +18,8 @@ struct TextRun {
     QString text;
     QPointF origin;
     qreal size = 12;
+    // A standard font by its PDF name ("Times-Roman", "Courier-Bold", ...).
+    QByteArray font = "Helvetica";
 };
 
 // An annotation written as it is into the file, as another program would:

@@ -1,11 +1,19 @@
 #include "FontService.h"
 
+#include "CffFont.h"
 #include "FontFaces.h"
+#include "FontPrograms.h"
+#include "SystemFonts.h"
 
+#include <QFile>
 #include <QFontDatabase>
 #include <QGuiApplication>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QTextBoundaryFinder>
+
+#include <ft2build.h>
+#include FT_FREETYPE_H
 
 #include <cmath>
 #include <functional>
@@ -28,14 +36,19 @@ using Source = std::function<std::optional<Found>(const PdfFont &)>;
 QString standardFontName(const PdfFont &font)
 {
     const QString name = font.name.toLower();
-    const bool bold = font.bold || name.contains("bold") || name.contains("black") || name.contains("heavy");
-    const bool italic = font.italic || name.contains("italic") || name.contains("oblique");
-    if (name.contains("courier") || name.contains("mono") || name.contains("consol"))
+    // TeX's Computer Modern and Latin Modern faces go by short names: cmr10, cmbx12, cmtt10.
+    static const QRegularExpression tex("^(?:[a-z]{6}\\+)?(?:cm|lm)(r|bx|b|ti|sl|mi|csc|u|tt|ss|ssbx|ssi)\\d");
+    const QString texShape = tex.match(name).captured(1);
+    const bool bold = font.bold || name.contains("bold") || name.contains("black") || name.contains("heavy") ||
+                      texShape == "bx" || texShape == "ssbx" || texShape == "b";
+    const bool italic = font.italic || name.contains("italic") || name.contains("oblique") || texShape == "ti" ||
+                        texShape == "sl" || texShape == "mi" || texShape == "ssi";
+    if (name.contains("courier") || name.contains("mono") || name.contains("consol") || texShape == "tt")
         return bold && italic ? "Courier-BoldOblique" : bold ? "Courier-Bold" : italic ? "Courier-Oblique" : "Courier";
-    const bool serif = !name.contains("sans")
-                       && (name.contains("times") || name.contains("serif") || name.contains("roman") || name.contains("georgia")
-                           || name.contains("garamond") || name.contains("cambria") || name.contains("minion")
-                           || name.contains("palatino") || name.contains("book"));
+    const bool serif = !name.contains("sans") && !texShape.startsWith("ss") &&
+                       (!texShape.isEmpty() || name.contains("times") || name.contains("serif") || name.contains("roman") ||
+                        name.contains("georgia") || name.contains("garamond") || name.contains("cambria") ||
+                        name.contains("minion") || name.contains("palatino") || name.contains("book"));
     if (serif)
         return bold && italic ? "Times-BoldItalic" : bold ? "Times-Bold" : italic ? "Times-Italic" : "Times-Roman";
     return bold && italic ? "Helvetica-BoldOblique" : bold ? "Helvetica-Bold" : italic ? "Helvetica-Oblique" : "Helvetica";
@@ -54,236 +67,51 @@ std::optional<Found> standardFace(const PdfFont &font)
     Found found;
     found.face.data = QByteArray::fromRawData(reinterpret_cast<const char *>(data), length);
     found.face.bold = name.contains("Bold");
+    found.face.weight = found.face.bold ? 700 : 400;
     found.face.italic = name.contains("Italic") || name.contains("Oblique");
     found.mupdfName = latin;
     found.serif = name.startsWith("Times");
     return found;
 }
 
-// Reading and rewriting a bare CFF font program: just enough to learn its
-// names and to give it another family name.
-namespace cff {
-
-struct Index {
-    int end = 0; // the first byte after the index
-    std::vector<QByteArray> items;
-};
-
-bool readIndex(const QByteArray &d, int pos, Index &out)
+// Names that stand for the system's default font of a kind rather than for one family.
+QStringList genericFamilies()
 {
-    auto byte = [&](qsizetype i) { return i < d.size() ? int(uchar(d[i])) : -1; };
-    if (pos + 2 > d.size())
-        return false;
-    const int count = byte(pos) << 8 | byte(pos + 1);
-    if (count == 0) {
-        out.end = pos + 2;
-        return true;
-    }
-    const int offSize = byte(pos + 2);
-    if (offSize < 1 || offSize > 4 || pos + 3 + qsizetype(count + 1) * offSize > d.size())
-        return false;
-    std::vector<qint64> offsets;
-    for (int i = 0; i <= count; ++i) {
-        qint64 offset = 0;
-        for (int k = 0; k < offSize; ++k)
-            offset = offset << 8 | byte(pos + 3 + i * offSize + k);
-        offsets.push_back(offset);
-    }
-    const qint64 base = pos + 3 + qint64(count + 1) * offSize - 1;
-    for (int i = 0; i < count; ++i) {
-        if (offsets[i] < 1 || offsets[i + 1] < offsets[i] || base + offsets[i + 1] > d.size())
-            return false;
-        out.items.push_back(d.mid(base + offsets[i], offsets[i + 1] - offsets[i]));
-    }
-    out.end = int(base + offsets[count]);
-    return true;
+    QStringList generic{"sans-serif", "serif", "monospace", "sans", "mono", "system-ui"};
+    if (qobject_cast<QGuiApplication *>(QCoreApplication::instance()))
+        generic << QFontDatabase::systemFont(QFontDatabase::GeneralFont).family();
+    return generic;
 }
 
-QByteArray writeIndex(const std::vector<QByteArray> &items)
+// The installed face fontconfig finds for the font's name and style.
+std::optional<Found> systemFace(const PdfFont &font)
 {
-    QByteArray out;
-    out += char(items.size() >> 8);
-    out += char(items.size() & 0xff);
-    if (items.empty())
-        return out;
-    qint64 total = 1;
-    for (const QByteArray &item : items)
-        total += item.size();
-    const int offSize = total < 0x100 ? 1 : total < 0x10000 ? 2 : total < 0x1000000 ? 3 : 4;
-    out += char(offSize);
-    qint64 offset = 1;
-    auto putOffset = [&](qint64 value) {
-        for (int k = offSize - 1; k >= 0; --k)
-            out += char((value >> (8 * k)) & 0xff);
-    };
-    putOffset(offset);
-    for (const QByteArray &item : items)
-        putOffset(offset += item.size());
-    for (const QByteArray &item : items)
-        out += item;
-    return out;
-}
-
-// A DICT entry: its operator (12 x is 0x0c00 | x) and its operands as written.
-struct Entry {
-    int op = 0;
-    std::vector<QByteArray> operands;
-};
-
-bool readDict(const QByteArray &d, std::vector<Entry> &out)
-{
-    std::vector<QByteArray> operands;
-    for (qsizetype i = 0; i < d.size();) {
-        const int b = uchar(d[i]);
-        qsizetype length = 0;
-        if (b <= 21) {
-            const bool escaped = b == 12;
-            if (escaped && i + 1 >= d.size())
-                return false;
-            out.push_back({escaped ? 0x0c00 | uchar(d[i + 1]) : b, std::move(operands)});
-            operands.clear();
-            i += escaped ? 2 : 1;
-            continue;
-        }
-        if (b == 28)
-            length = 3;
-        else if (b == 29)
-            length = 5;
-        else if (b == 30) {
-            length = 1;
-            while (i + length < d.size() && (uchar(d[i + length]) & 0x0f) != 0x0f && (uchar(d[i + length]) >> 4) != 0x0f)
-                ++length;
-            ++length;
-        } else if (b >= 32 && b <= 246)
-            length = 1;
-        else if (b >= 247 && b <= 254)
-            length = 2;
-        else
-            return false;
-        if (i + length > d.size())
-            return false;
-        operands.push_back(d.mid(i, length));
-        i += length;
-    }
-    return operands.empty();
-}
-
-std::optional<qint64> intOperand(const QByteArray &o)
-{
-    const int b0 = uchar(o[0]);
-    if (b0 >= 32 && b0 <= 246)
-        return b0 - 139;
-    if (b0 >= 247 && b0 <= 250)
-        return (b0 - 247) * 256 + uchar(o[1]) + 108;
-    if (b0 >= 251 && b0 <= 254)
-        return -(b0 - 251) * 256 - uchar(o[1]) - 108;
-    if (b0 == 28)
-        return qint16(uchar(o[1]) << 8 | uchar(o[2]));
-    if (b0 == 29)
-        return qint32(quint32(uchar(o[1])) << 24 | quint32(uchar(o[2])) << 16 | quint32(uchar(o[3])) << 8 | uchar(o[4]));
-    return std::nullopt;
-}
-
-// Always five bytes, so a DICT's size does not depend on the values it holds.
-QByteArray fixedInt(qint64 value)
-{
-    QByteArray out(1, char(29));
-    for (int k = 3; k >= 0; --k)
-        out += char((value >> (8 * k)) & 0xff);
-    return out;
-}
-
-constexpr int FullName = 2, FamilyName = 3, Charset = 15, Encoding = 16, CharStrings = 17, Private = 18;
-constexpr int Ros = 0x0c00 | 30, FdArray = 0x0c00 | 36, FdSelect = 0x0c00 | 37;
-constexpr int StandardStrings = 391;
-
-struct Font {
-    Index names, topDicts, strings;
-    std::vector<Entry> top;
-
-    QByteArray string(const Entry *entry) const
-    {
-        const auto sid = entry && entry->operands.size() == 1 ? intOperand(entry->operands[0]) : std::nullopt;
-        if (!sid || *sid < StandardStrings || *sid - StandardStrings >= qint64(strings.items.size()))
-            return {};
-        return strings.items[size_t(*sid - StandardStrings)];
-    }
-    Entry *entry(int op)
-    {
-        for (Entry &e : top)
-            if (e.op == op)
-                return &e;
-        return nullptr;
-    }
-};
-
-// A font program with one font that is not CID-keyed: the standard fonts are.
-std::optional<Font> read(const QByteArray &d)
-{
-    Font f;
-    if (d.size() < 4 || d[0] != 1 || !readIndex(d, uchar(d[2]), f.names) || !readIndex(d, f.names.end, f.topDicts)
-        || !readIndex(d, f.topDicts.end, f.strings) || f.names.items.size() != 1 || f.topDicts.items.size() != 1
-        || !readDict(f.topDicts.items[0], f.top) || f.entry(Ros))
+    const std::optional<systemfonts::Face> match = systemfonts::find(font.name, font.bold, font.italic, genericFamilies());
+    if (!match)
         return std::nullopt;
-    return f;
-}
-
-// The same font program with `prefix` put before its family and full names.
-// Everything after the strings moves by the same amount, so only the offsets
-// in the top DICT change.
-QByteArray withFamilyPrefix(const QByteArray &d, const QByteArray &prefix)
-{
-    std::optional<Font> f = read(d);
-    if (!f)
-        return {};
-    std::map<qint64, qint64> renamed;
-    for (int op : {FamilyName, FullName}) {
-        Entry *e = f->entry(op);
-        const QByteArray old = f->string(e);
-        if (old.isEmpty())
-            return {};
-        const qint64 sid = *intOperand(e->operands[0]);
-        if (!renamed.count(sid)) {
-            renamed[sid] = StandardStrings + qint64(f->strings.items.size());
-            f->strings.items.push_back(prefix + old);
-        }
-        e->operands[0] = fixedInt(renamed[sid]);
+    // Files are read once; every face of a collection shares its bytes.
+    static std::map<QString, QByteArray> files;
+    auto file = files.find(match->file);
+    if (file == files.end()) {
+        QFile f(match->file);
+        if (!f.open(QIODevice::ReadOnly))
+            return std::nullopt;
+        file = files.emplace(match->file, f.readAll()).first;
     }
-    const int oldRest = f->strings.end;
-    auto offsetOperand = [](const Entry &e) -> int {
-        if (e.op == Charset || e.op == Encoding)
-            return intOperand(e.operands.back()).value_or(0) > 2 ? int(e.operands.size()) - 1 : -1;
-        return e.op == CharStrings || e.op == Private || e.op == FdArray || e.op == FdSelect ? int(e.operands.size()) - 1 : -1;
-    };
-    std::vector<qint64> offsets(f->top.size(), -1);
-    for (size_t i = 0; i < f->top.size(); ++i) {
-        const int k = offsetOperand(f->top[i]);
-        if (k < 0)
-            continue;
-        offsets[i] = intOperand(f->top[i].operands[size_t(k)]).value_or(-1);
-        if (offsets[i] < oldRest)
-            return {};
-        f->top[i].operands[size_t(k)] = fixedInt(0);
-    }
-    auto dict = [&] {
-        QByteArray out;
-        for (const Entry &e : f->top) {
-            for (const QByteArray &o : e.operands)
-                out += o;
-            if (e.op >= 0x0c00)
-                out += char(12);
-            out += char(e.op & 0xff);
-        }
-        return out;
-    };
-    const qint64 delta = f->names.end + writeIndex({dict()}).size() + writeIndex(f->strings.items).size() - oldRest;
-    for (size_t i = 0; i < f->top.size(); ++i)
-        if (offsets[i] >= 0)
-            f->top[i].operands.back() = fixedInt(offsets[i] + delta);
-    return d.left(f->names.end) + writeIndex({dict()}) + writeIndex(f->strings.items) + d.mid(oldRest);
+    // A file that cannot be read as a font leaves the name to the standard faces.
+    if (!fontprograms::names(file->second, match->index))
+        return std::nullopt;
+    Found found;
+    found.face.data = file->second;
+    found.face.index = match->index;
+    found.face.weight = match->weight;
+    found.face.bold = match->weight >= 600;
+    found.face.italic = match->italic;
+    found.face.postScriptName = match->postScriptName;
+    found.mupdfName = (match->postScriptName.isEmpty() ? match->family : match->postScriptName).toUtf8();
+    found.serif = standardFontName(PdfFont{match->family, 0}).startsWith("Times");
+    return found;
 }
-
-} // namespace cff
 
 // Qt may already know a system font by the family name a face carries, and
 // would then draw with that one; the face is registered under its own name.
@@ -373,7 +201,7 @@ struct FontService::Private {
     };
 
     // Asked in order; the first face found wins.
-    std::vector<Source> sources{standardFace};
+    std::vector<Source> sources{systemFace, standardFace};
     std::map<QString, Face *> byRequest;
     std::vector<std::unique_ptr<Face>> faces;
 
@@ -414,6 +242,13 @@ struct FontService::Private {
             f->qtData = cff::withFamilyPrefix(f->face.data, UniqueFamilyPrefix);
             if (!f->qtData.isEmpty())
                 f->face.family = QString::fromUtf8(UniqueFamilyPrefix + program->string(program->entry(cff::FamilyName)));
+        } else if (std::optional<fontprograms::Names> names = fontprograms::names(f->face.data, f->face.index)) {
+            if (!names->postScriptName.isEmpty())
+                f->face.postScriptName = names->postScriptName;
+            const QString family = QString::fromUtf8(UniqueFamilyPrefix) + names->family;
+            f->qtData = fontprograms::renamed(f->face.data, f->face.index, family);
+            if (!f->qtData.isEmpty())
+                f->face.family = family;
         }
         if (f->qtData.isEmpty())
             f->qtData = f->face.data;
@@ -487,7 +322,8 @@ QFont FontService::qFont(const PdfFont &font)
     QFont q;
     if (face.isValid()) {
         q.setFamilies({face.family});
-        q.setBold(face.bold);
+        // The face's own weight and slant, so that Qt never makes a bolder or slanted copy of it.
+        q.setWeight(QFont::Weight(std::clamp(face.weight, 100, 900)));
         q.setItalic(face.italic);
     }
     q.setKerning(false);
@@ -536,6 +372,18 @@ namespace fontfaces {
 
 fz_font *mupdfFont(const PdfFont &font) { return FontServiceAccess::mupdf(font); }
 
+Program program(fz_font *font)
+{
+    Program p;
+    if (!font || !font->buffer)
+        return p;
+    p.data = QByteArray::fromRawData(reinterpret_cast<const char *>(font->buffer->data), qsizetype(font->buffer->len));
+    // The low half of FreeType's face index is the face; the high half an instance of a variable font.
+    if (const auto face = static_cast<FT_Face>(fz_font_ft_face(mu::ctx(), font)))
+        p.index = int(face->face_index & 0xffff);
+    return p;
+}
+
 std::vector<Glyph> glyphs(const PdfFont &font, QStringView text)
 {
     fz_font *face = mupdfFont(font);
@@ -553,7 +401,7 @@ std::vector<Glyph> glyphs(const PdfFont &font, QStringView text)
         const int repeat = cp == U'\t' ? 4 : 1;
         if (cp == U'\t')
             cp = U' ';
-        Glyph g{face, 0, 0, position};
+        Glyph g{face, 0, 0, position, cp};
         mu::guard([&](fz_context *c) {
             g.id = fz_encode_character(c, face, int(cp));
             if (g.id == 0 && cp != U' ')
@@ -569,3 +417,15 @@ std::vector<Glyph> glyphs(const PdfFont &font, QStringView text)
 }
 
 } // namespace fontfaces
+
+qreal FontService::ascent(const PdfFont &font)
+{
+    qreal ascender = 0.8;
+    try {
+        if (fz_font *face = fontfaces::mupdfFont(font))
+            mu::tryGuard([&](fz_context *c) { ascender = fz_font_ascender(c, face); });
+    } catch (const mu::Error &) {
+        // No face at all: the appearance writer's own default.
+    }
+    return ascender * font.size;
+}

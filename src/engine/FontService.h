@@ -16,11 +16,12 @@
 
 // A font file, or one face of a collection, as text is drawn with it.
 struct FontFace {
-    QByteArray data; // the font file, as it is embedded in saved files
+    QByteArray data; // the font file; saved files embed the glyphs a text draws
     int index = 0;   // the face within `data`
     QString family;  // the family Qt knows the face by, once registered
     QString postScriptName;
-    bool bold = false;
+    int weight = 400;  // OpenType weight class: 400 regular, 700 bold
+    bool bold = false; // weight 600 and more
     bool italic = false;
 
     bool isValid() const { return !data.isEmpty(); }
@@ -37,9 +38,13 @@ public:
     FontService(const FontService &) = delete;
     FontService &operator=(const FontService &) = delete;
 
-    // The face that stands for `font` (its size does not matter). Faces are
-    // looked up once per name and style and kept for the process; the face is
-    // invalid only when no source has one.
+    // The face that stands for `font` (its size does not matter): the
+    // installed face fontconfig finds for the name (a PDF font name such as
+    // "ABCDEF+Arial-BoldMT" is read as family and style) and style, when it
+    // is of that family or one fontconfig puts in its place; else the
+    // built-in standard face of its kind (serif, sans-serif or monospace).
+    // Faces are looked up once per name and style and kept for the process;
+    // the face is invalid only when no source has one.
     const FontFace &resolve(const PdfFont &font);
 
     // A font that draws with exactly the resolved face, `font.size` logical
@@ -54,6 +59,10 @@ public:
     // characters the face lacks are measured in the fallback face that draws
     // them. 0 when the face cannot be loaded.
     qreal textWidth(const PdfFont &font, const QString &line);
+
+    // How far above its baseline free text in `font` is drawn from the top of
+    // its text area, in points: the face's ascender at the font's size.
+    qreal ascent(const PdfFont &font);
 
     // The lines `text` breaks into in a box `width` points wide, the way a
     // plain text editor wrapping at word boundaries (or anywhere, for a word

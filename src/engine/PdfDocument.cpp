@@ -19,8 +19,8 @@ DocCore::~DocCore()
 {
     fz_context *c = mu::ctx();
     unloadPages();
-    for (auto &[name, obj] : fonts)
-        pdf_drop_obj(c, obj);
+    for (auto &[key, font] : fonts)
+        pdf_drop_obj(c, font.font);
     dropGraftMaps();
     pdf_drop_document(c, doc);
 }

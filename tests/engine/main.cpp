@@ -5,6 +5,7 @@
 int runEngineTests(int argc, char **argv);
 int runIntegrityTests(int argc, char **argv);
 int runProducerTests(int argc, char **argv);
+int runFontTests(int argc, char **argv);
 int runSaveWorker(const QString &path);
 
 int main(int argc, char **argv)
@@ -16,5 +17,6 @@ int main(int argc, char **argv)
     int failures = runEngineTests(argc, argv);
     failures += runIntegrityTests(argc, argv);
     failures += runProducerTests(argc, argv);
+    failures += runFontTests(argc, argv);
     return failures;
 }

@@ -1,10 +1,13 @@
 #include "Appearance.h"
 
 #include "DocCore.h"
+#include "FontEmbedding.h"
 #include "FontFaces.h"
 #include "FontService.h"
 
 #include <cmath>
+#include <map>
+#include <optional>
 #include <vector>
 
 namespace appearance {
@@ -68,12 +71,24 @@ QByteArray colorOperator(const QColor &color, const char *op)
     return number(color.redF()) + ' ' + number(color.greenF()) + ' ' + number(color.blueF()) + ' ' + op + '\n';
 }
 
+// Glyphs of one font drawn in a row, by their ids in the face.
+struct GlyphRun {
+    size_t font = 0;
+    std::vector<int> glyphs;
+};
+
 struct Resources {
     bool graphicsState = false;
     qreal strokeAlpha = 1;
     qreal fillAlpha = 1;
     bool multiply = false;
     std::vector<fz_font *> fonts; // the first is the face the default appearance names
+    std::vector<std::map<int, fontembedding::UsedGlyph>> glyphs; // of each font, by glyph id
+    // Text is written once its fonts are embedded, as a subset gives its
+    // glyphs codes of its own: the content so far is these pieces, each
+    // followed by the codes of a run of glyphs.
+    std::vector<QByteArray> pieces;
+    std::vector<GlyphRun> runs;
     QByteArray primaryFontName;   // as written in content streams
     bool image = false;
 };
@@ -84,6 +99,7 @@ int fontIndex(Resources &res, fz_font *font)
         if (res.fonts[i] == font)
             return int(i);
     res.fonts.push_back(font);
+    res.glyphs.emplace_back();
     return int(res.fonts.size() - 1);
 }
 
@@ -219,12 +235,15 @@ QByteArray freeTextContent(const Input &in, Resources &res)
     for (int i = 0; i < lines.size(); ++i) {
         const qreal baseline = h - inset - ascender * font.size - i * lineHeight;
         s += "1 0 0 1 " + number(inset) + ' ' + number(baseline) + " Tm\n";
-        size_t currentFont = res.fonts.size();
-        QByteArray run;
+        std::optional<size_t> currentFont; // each line sets its font anew
+        GlyphRun run;
         auto flush = [&] {
-            if (!run.isEmpty())
-                s += '<' + run + "> Tj\n";
-            run.clear();
+            if (run.glyphs.empty())
+                return;
+            res.pieces.push_back(s + '<');
+            res.runs.push_back(std::move(run));
+            s = "> Tj\n";
+            run = {};
         };
         for (const fontfaces::Glyph &glyph : fontfaces::glyphs(font, lines[i])) {
             const auto index = size_t(fontIndex(res, glyph.font));
@@ -233,7 +252,9 @@ QByteArray freeTextContent(const Input &in, Resources &res)
                 s += '/' + fontResourceName(res, index) + ' ' + number(font.size) + " Tf\n";
                 currentFont = index;
             }
-            run += QByteArray::number(glyph.id, 16).rightJustified(4, '0');
+            run.font = index;
+            run.glyphs.push_back(glyph.id);
+            res.glyphs[index].try_emplace(glyph.id, fontembedding::UsedGlyph{glyph.width, glyph.character});
         }
         flush();
     }
@@ -317,19 +338,27 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
     else
         return;
 
-    // Fonts are embedded once per document, as CID fonts, so that any text shows.
+    // Each font holds the glyphs this text draws, so that any text shows and
+    // the file grows by little more than what it draws.
     std::vector<pdf_obj *> fontRefs;
     std::vector<QByteArray> fontNames;
-    for (fz_font *font : res.fonts) {
-        fontNames.push_back(fontNameFromToken(fontResourceName(res, fontNames.size())).toUtf8());
-        const std::string key = fz_font_name(mu::ctx(), font);
-        auto it = core.fonts.find(key);
-        if (it == core.fonts.end()) {
-            pdf_obj *ref = nullptr;
-            mu::guard([&](fz_context *c) { ref = pdf_add_cid_font(c, core.doc, font); });
-            it = core.fonts.emplace(key, ref).first;
+    std::vector<const EmbeddedFont *> embedded;
+    for (size_t i = 0; i < res.fonts.size(); ++i) {
+        fontNames.push_back(fontNameFromToken(fontResourceName(res, i)).toUtf8());
+        embedded.push_back(&fontembedding::embed(core, res.fonts[i], res.glyphs[i]));
+        fontRefs.push_back(embedded.back()->font);
+    }
+    if (!res.runs.empty()) {
+        QByteArray text;
+        for (size_t i = 0; i < res.runs.size(); ++i) {
+            text += res.pieces[i];
+            const std::map<int, int> &codes = embedded[res.runs[i].font]->codes;
+            for (int id : res.runs[i].glyphs) {
+                const auto code = codes.find(id);
+                text += QByteArray::number(code == codes.end() ? id : code->second, 16).rightJustified(4, '0');
+            }
         }
-        fontRefs.push_back(it->second);
+        content = text + content;
     }
     pdf_obj *imageRef = nullptr;
     if (res.image) {

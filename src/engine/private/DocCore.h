@@ -23,6 +23,14 @@ class PdfPage;
 // the source page, form parent and replied-to note are cut.
 pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot);
 
+// A font embedded in a document: its font dictionary (a reference the
+// document core keeps) and the code that draws each glyph of the face, by the
+// glyph's id in the face; a glyph not listed is drawn with its id.
+struct EmbeddedFont {
+    pdf_obj *font = nullptr;
+    std::map<int, int> codes;
+};
+
 struct DocCore {
     explicit DocCore(pdf_document *d) : doc(d) {}
     ~DocCore();
@@ -51,8 +59,9 @@ struct DocCore {
     std::vector<PdfPage *> textPages;
     // Content streams (object numbers) found readable, or mended, before a save.
     std::unordered_set<int> checkedContents;
-    // Fonts embedded for free-text appearances, by font name.
-    std::map<std::string, pdf_obj *> fonts;
+    // Fonts embedded for free-text appearances: whole fonts by their
+    // program's digest, subsets by it and their glyphs.
+    std::map<std::string, EmbeddedFont> fonts;
 
 private:
     void dropGraftMaps();

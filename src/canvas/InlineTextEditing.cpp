@@ -57,8 +57,15 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
     if (line && !text.isEmpty()) {
         if (text.trimmed().isEmpty())
             return;
-        const QRectF lineBox = line->bounds(page);
+        QRectF lineBox = line->bounds(page);
         const PdfFont font = detectFont(text, page, fallbackSizeFor(lineBox.height()));
+        // The box is placed so that the retyped text sits on the line's own
+        // baseline: the page's font may measure its ascent differently from
+        // the face the box is drawn with.
+        if (const auto baseline = page->baselineAt(p)) {
+            const qreal ascent = FontService::instance().ascent(font);
+            lineBox.translate(0, *baseline + ascent - (lineBox.top() + lineBox.height()));
+        }
         const QColor background = sampleBackgroundColor(page, lineBox);
         beginTextEdit(Replacement{}, page, lineBox.adjusted(-2, -2, 2, 2), text, font, Qt::black, background);
         return;

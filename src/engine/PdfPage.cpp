@@ -25,6 +25,7 @@ struct PdfPage::Text {
         QRectF box;
         int first;
         int end;
+        std::optional<qreal> baseline; // page-space y, for a line that runs left to right
     };
     QString text;
     std::vector<Char> chars;
@@ -457,7 +458,10 @@ PdfPage::Text &PdfPage::textLayout()
             if (block->type != FZ_STEXT_BLOCK_TEXT)
                 continue;
             for (fz_stext_line *line = block->u.t.first_line; line; line = line->next) {
-                Text::Line l{toPage.mapRect(toQt(line->bbox)), int(t.chars.size()), int(t.chars.size())};
+                Text::Line l{toPage.mapRect(toQt(line->bbox)), int(t.chars.size()), int(t.chars.size()), std::nullopt};
+                if (line->first_char && line->dir.x > 0.99f && std::abs(line->dir.y) < 0.01f && toPage.isAffine()
+                    && toPage.m12() == 0 && toPage.m21() == 0)
+                    l.baseline = toPage.map(QPointF(line->first_char->origin.x, line->first_char->origin.y)).y();
                 for (fz_stext_char *ch = line->first_char; ch; ch = ch->next) {
                     const QString s = QString::fromUcs4(reinterpret_cast<const char32_t *>(&ch->c), 1);
                     PdfFont font{cleanFontName(fz_font_name(c, ch->font)), ch->size, fz_font_is_bold(c, ch->font) != 0,
@@ -545,6 +549,15 @@ std::optional<PdfSelection> PdfPage::selectionForLine(QPointF point)
     for (const auto &line : t.lines)
         if (line.box.adjusted(-1, -1, 1, 1).contains(point))
             return selectionForRange(line.first, line.end);
+    return std::nullopt;
+}
+
+std::optional<qreal> PdfPage::baselineAt(QPointF point)
+{
+    const Text &t = textLayout();
+    for (const auto &line : t.lines)
+        if (line.box.adjusted(-1, -1, 1, 1).contains(point))
+            return line.baseline;
     return std::nullopt;
 }
 

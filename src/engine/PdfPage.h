@@ -65,6 +65,9 @@ public:
     std::optional<PdfFont> fontAt(int textIndex);
     // The whole line under a page-space point, or none.
     std::optional<PdfSelection> selectionForLine(QPointF point);
+    // The baseline (page-space y) of that line when its text runs left to
+    // right on the page, else none.
+    std::optional<qreal> baselineAt(QPointF point);
     // The word under (or nearest to) a page-space point, or none.
     std::optional<PdfSelection> selectionForWord(QPointF point);
     // All text of the page.

@@ -580,7 +580,14 @@ void TestCanvas::replacingALine()
     QVERIFY(line);
     QCOMPARE(overlay_->editingOriginalText(), line->string());
     QCOMPARE(editor->toPlainText(), line->string());
-    QCOMPARE(overlay_->editingBounds(), line->bounds(page(0)).adjusted(-2, -2, 2, 2));
+    // The box stands where its text, drawn from 2 points below its top edge,
+    // sits on the line's own baseline (680).
+    QCOMPARE(*page(0)->baselineAt(onLine), 680.0);
+    const QRectF at = overlay_->editingBounds();
+    QVERIFY(qAbs(at.top() + at.height() - FontService::TextInset - FontService::instance().ascent(overlay_->editingFont()) -
+                 680) < 0.01);
+    QVERIFY(qAbs(at.height() - line->bounds(page(0)).height() - 4) < 0.01);
+    QCOMPARE(at.left(), line->bounds(page(0)).left() - 2);
     QVERIFY(overlay_->editingFont().name.contains("Helvetica"));
     QCOMPARE(overlay_->editingFont().size, 12.0);
     QCOMPARE(overlay_->editingBg(), QColor(Qt::white));

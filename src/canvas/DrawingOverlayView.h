@@ -104,6 +104,8 @@ public:
     // the page's right edge) and as high as its lines, never smaller than `base`.
     static QRectF fittedBounds(const QString &text, const QRectF &base, const PdfFont &font,
                                const std::shared_ptr<PdfPage> &page);
+    // The same width for a cover over a line of the page, but only as high as its lines.
+    static QRectF coverBounds(const QString &text, const QRectF &base, const PdfFont &font, const std::shared_ptr<PdfPage> &page);
     // The font the page shows `text` in (its first occurrence on the page),
     // else the system font at `fallbackSize`.
     static PdfFont detectFont(const QString &text, const std::shared_ptr<PdfPage> &page, qreal fallbackSize);

@@ -59,12 +59,14 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
             return;
         QRectF lineBox = line->bounds(page);
         const PdfFont font = detectFont(text, page, fallbackSizeFor(lineBox.height()));
-        // The box is placed so that the retyped text sits on the line's own
-        // baseline: the page's font may measure its ascent differently from
-        // the face the box is drawn with.
+        // The box spans the line from the face's descent to its ascent around
+        // the line's own baseline, so that the retyped text sits on it and the
+        // cover stays clear of the lines above and below (the page's font may
+        // measure itself generously).
         if (const auto baseline = page->baselineAt(p)) {
-            const qreal ascent = FontService::instance().ascent(font);
-            lineBox.translate(0, *baseline + ascent - (lineBox.top() + lineBox.height()));
+            FontService &fonts = FontService::instance();
+            const qreal descent = fonts.descent(font);
+            lineBox = QRectF(lineBox.left(), *baseline - descent, lineBox.width(), fonts.ascent(font) + descent);
         }
         const QColor background = sampleBackgroundColor(page, lineBox);
         beginTextEdit(Replacement{}, page, lineBox.adjusted(-2, -2, 2, 2), text, font, Qt::black, background);
@@ -168,7 +170,9 @@ void DrawingOverlayView::commitInlineEdit()
         const auto &annotation = existing->annotation;
         if (text != editingOriginalText_) {
             // The grown box is not part of the undoable step: undoing keeps it.
-            annotation->setBounds(fittedBounds(text, annotation->bounds(), editingFont_, page));
+            const bool cover = annotation->color().isValid() && annotation->color().alpha() == 255;
+            annotation->setBounds(cover ? coverBounds(text, annotation->bounds(), editingFont_, page)
+                                        : fittedBounds(text, annotation->bounds(), editingFont_, page));
             documentModel_->setAnnotationContents(annotation, text, editingOriginalText_);
         }
         select(annotation);
@@ -180,7 +184,9 @@ void DrawingOverlayView::commitInlineEdit()
         refresh();
         return;
     }
-    auto annotation = PdfAnnotation::create(fittedBounds(text, editingBounds_, editingFont_, page), PdfAnnotation::FreeText);
+    const QRectF bounds = replacement ? coverBounds(text, editingBounds_, editingFont_, page)
+                                      : fittedBounds(text, editingBounds_, editingFont_, page);
+    auto annotation = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
     annotation->setContents(text);
     annotation->setFont(editingFont_);
     annotation->setFontColor(editingFontColor_);
@@ -209,6 +215,20 @@ QRectF DrawingOverlayView::fittedBounds(const QString &text, const QRectF &base,
     const qreal height = std::max(base.height(), lineHeight * qreal(lines.size()) * 1.25 + 6);
     const qreal top = base.top() + base.height();
     return QRectF(base.left(), top - height, width, height);
+}
+
+// A cover over a line of the page is as wide as a fitted box but reaches down
+// only as far as its own lines, so that the page's next line stays in sight.
+QRectF DrawingOverlayView::coverBounds(const QString &text, const QRectF &base, const PdfFont &font,
+                                       const std::shared_ptr<PdfPage> &page)
+{
+    QRectF bounds = fittedBounds(text, base, font, page);
+    FontService &fonts = FontService::instance();
+    const qreal lines = qreal(text.count(QLatin1Char('\n')) + 1);
+    const qreal drawn =
+        FontService::TextInset + fonts.ascent(font) + (lines - 1) * fonts.lineAdvance(font) + fonts.descent(font) + 1;
+    bounds.setTop(bounds.top() + bounds.height() - std::max(base.height(), drawn));
+    return bounds;
 }
 
 PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_ptr<PdfPage> &page, qreal fallbackSize)

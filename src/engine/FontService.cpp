@@ -429,3 +429,15 @@ qreal FontService::ascent(const PdfFont &font)
     }
     return ascender * font.size;
 }
+
+qreal FontService::descent(const PdfFont &font)
+{
+    qreal descender = -0.2;
+    try {
+        if (fz_font *face = fontfaces::mupdfFont(font))
+            mu::tryGuard([&](fz_context *c) { descender = fz_font_descender(c, face); });
+    } catch (const mu::Error &) {
+        // No face at all: the appearance writer's own default.
+    }
+    return -descender * font.size;
+}

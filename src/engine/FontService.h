@@ -63,6 +63,10 @@ public:
     // How far above its baseline free text in `font` is drawn from the top of
     // its text area, in points: the face's ascender at the font's size.
     qreal ascent(const PdfFont &font);
+    // How far below its baseline the face reaches, in points (positive).
+    qreal descent(const PdfFont &font);
+    // The distance between two baselines of free text in `font`.
+    qreal lineAdvance(const PdfFont &font) { return (ascent(font) + descent(font)) * 1.1; }
 
     // The lines `text` breaks into in a box `width` points wide, the way a
     // plain text editor wrapping at word boundaries (or anywhere, for a word

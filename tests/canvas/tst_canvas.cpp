@@ -586,7 +586,8 @@ void TestCanvas::replacingALine()
     const QRectF at = overlay_->editingBounds();
     QVERIFY(qAbs(at.top() + at.height() - FontService::TextInset - FontService::instance().ascent(overlay_->editingFont()) -
                  680) < 0.01);
-    QVERIFY(qAbs(at.height() - line->bounds(page(0)).height() - 4) < 0.01);
+    FontService &fonts = FontService::instance();
+    QVERIFY(qAbs(at.height() - fonts.ascent(overlay_->editingFont()) - fonts.descent(overlay_->editingFont()) - 4) < 0.01);
     QCOMPARE(at.left(), line->bounds(page(0)).left() - 2);
     QVERIFY(overlay_->editingFont().name.contains("Helvetica"));
     QCOMPARE(overlay_->editingFont().size, 12.0);
@@ -600,6 +601,18 @@ void TestCanvas::replacingALine()
     QCOMPARE(cover->contents(), line->string());
     QCOMPARE(cover->color(), QColor(Qt::white));
     QCOMPARE(cover->fontColor(), QColor(Qt::black));
+    // It reaches down only as far as its own line: the capitals of the next
+    // line (baseline 664, 12 points) stay uncovered.
+    const qreal nextInkTop = *page(0)->baselineAt(QPointF(150, 666)) + 0.75 * 12;
+    QVERIFY2(cover->bounds().top() >= nextInkTop,
+             qPrintable(QStringLiteral("%1 < %2").arg(cover->bounds().top()).arg(nextInkTop)));
+    // Retyped again, it stays clear of the next line too.
+    overlay_->beginEditExisting(cover);
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_End);
+    QTest::keyClicks(overlay_->inlineEditor(), " and more");
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QVERIFY(cover->contents().endsWith(" and more"));
+    QVERIFY(cover->bounds().top() >= nextInkTop);
     QTRY_COMPARE(tools_->currentTool(), AnnotationTool::none);
 
     // Emptied: an opaque patch over the line.

@@ -3,6 +3,7 @@
 #include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "FontService.h"
+#include "ImageStampAnnotation.h"
 #include "InlineTextView.h"
 #include "PdfAnnotation.h"
 #include "PdfPage.h"
@@ -24,7 +25,7 @@ namespace {
 // A stamp that carries a picture (a signature) keeps its proportions when resized.
 bool isImageStamp(const std::shared_ptr<PdfAnnotation> &annotation)
 {
-    return annotation && annotation->type() == PdfAnnotation::Stamp && !annotation->stampImage().isNull();
+    return std::dynamic_pointer_cast<ImageStampAnnotation>(annotation) && !annotation->stampImage().isNull();
 }
 
 // Height, in page points, of a signature image placed 200 points wide.
@@ -251,9 +252,14 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
     if (!pdfView_)
         return;
     const QPointF pv = event->position();
-    // A waiting signature is placed by its own step; until then a press leaves it waiting.
-    if (!documentModel_->pendingSignatureImage().isNull())
+    // A waiting signature goes on the page nearest the press; without one it stays waiting.
+    if (const QImage signature = documentModel_->pendingSignatureImage(); !signature.isNull()) {
+        if (auto page = pdfView_->pageAt(pv, true)) {
+            placeSignature(signature, pv, page);
+            documentModel_->setPendingSignatureImage(QImage());
+        }
         return;
+    }
     if (inlineEditor_) {
         commitInlineEdit();
         return;
@@ -502,7 +508,17 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
     }
 }
 
-// ---- Making shapes and ink --------------------------------------------------------
+// ---- Making shapes, ink and stamps ------------------------------------------------
+
+void DrawingOverlayView::placeSignature(const QImage &image, QPointF pv, const std::shared_ptr<PdfPage> &page)
+{
+    const QPointF p = pdfView_->convertToPage(pv, page);
+    const qreal height = signatureHeight(image);
+    auto stamp = AnnotationFactory::makeImageStamp(image, QRectF(p.x() - 100, p.y() - height / 2, 200, height));
+    documentModel_->addAnnotation(stamp, page, true);
+    toolSettings_->setCurrentTool(AnnotationTool::none);
+    select(stamp);
+}
 
 void DrawingOverlayView::finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page)
 {

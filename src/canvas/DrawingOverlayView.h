@@ -115,6 +115,11 @@ public:
     // The system font at a size, as a page font.
     static PdfFont systemFont(qreal size);
 
+    // Puts a signature image on the page as a stamp 200 points wide centred on
+    // the view point (its height follows the image, within 40 to 200 points),
+    // selected, with the select tool.
+    void placeSignature(const QImage &image, QPointF pv, const std::shared_ptr<PdfPage> &page);
+
     // State, for the window and for tests.
     std::shared_ptr<PdfAnnotation> selection() const { return selection_; }
     std::shared_ptr<PdfPage> selectionPage() const { return selectionPage_; }

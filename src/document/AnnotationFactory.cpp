@@ -1,5 +1,7 @@
 #include "AnnotationFactory.h"
 
+#include "ImageStampAnnotation.h"
+
 #include "PdfAnnotation.h"
 #include "PdfPage.h"
 
@@ -40,6 +42,14 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation)
                                       QStringLiteral("Square"), QStringLiteral("Circle"),   QStringLiteral("Widget"),
                                       QStringLiteral("Line")};
     return annotation && editable.contains(annotation->type(), Qt::CaseSensitive);
+}
+
+std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds)
+{
+    auto stamp = ImageStampAnnotation::create(bounds);
+    stamp->setStampImage(image);
+    stamp->setBorderWidth(0);
+    return stamp;
 }
 
 } // namespace AnnotationFactory

@@ -9,8 +9,10 @@
 #include <functional>
 #include <memory>
 
+class ImageStampAnnotation;
 class PdfAnnotation;
 class PdfPage;
+class QImage;
 
 namespace AnnotationFactory {
 
@@ -25,5 +27,9 @@ void applyMarkup(const QString &subtype, const PdfSelection &selection, const QC
 // annotation: stamps, free text, ink, squares, circles, form fields and lines.
 // Text markup, links, notes and every other kind are left alone.
 bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
+
+// A stamp showing `image` stretched over `bounds`, without a border. Its saved
+// look is drawn once, at the size it has when it is first put on a page.
+std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds);
 
 } // namespace AnnotationFactory

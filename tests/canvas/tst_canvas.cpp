@@ -6,6 +6,7 @@
 #include "EditHistory.h"
 #include "FixtureBuilder.h"
 #include "FontService.h"
+#include "ImageStampAnnotation.h"
 #include "InlineTextView.h"
 #include "OverlayGeometry.h"
 #include "PdfAnnotation.h"
@@ -14,6 +15,7 @@
 #include "PdfView.h"
 #include "ToolSettings.h"
 
+#include <QPainter>
 #include <QProcess>
 #include <QScrollBar>
 #include <QTemporaryDir>
@@ -76,6 +78,8 @@ private slots:
     void coverTakesThePaperColour();
     void reEditingABox();
     void editorFontFollowsTheZoom();
+    void placingSignatures();
+    void placedSignatureInAnotherReader();
 
 private:
     std::shared_ptr<PdfPage> page(int index) const { return model_->pdfDocument()->page(index); }
@@ -713,6 +717,127 @@ void TestCanvas::editorFontFollowsTheZoom()
         QCOMPARE(overlay_->inlineEditor()->font().pixelSize(), expected);
         overlay_->removeInlineEditor();
     }
+}
+
+// A pending signature: every press is the overlay's; the next press on (or
+// nearest to) a page places a stamp 200 points wide centred on it.
+void TestCanvas::placingSignatures()
+{
+    auto image = [](int w, int h) {
+        QImage i(w, h, QImage::Format_ARGB32_Premultiplied);
+        i.fill(Qt::transparent);
+        return i;
+    };
+    auto placeAt = [&](const QImage &signature, QPointF pagePoint, int index = 0) {
+        model_->setPendingSignatureImage(signature);
+        QTest::qWait(10);
+        click(pv(pagePoint, index));
+        return page(index)->annotations().back();
+    };
+    tools_->setCurrentTool(AnnotationTool::rectangle);
+    QTest::qWait(10);
+    const int steps = undoSteps();
+    auto wide = placeAt(image(400, 100), QPointF(300, 500));
+    QVERIFY(std::dynamic_pointer_cast<ImageStampAnnotation>(wide));
+    QCOMPARE(wide->bounds(), QRectF(200, 475, 200, 50));
+    QCOMPARE(wide->borderWidth(), std::optional<qreal>(0));
+    QVERIFY(model_->pendingSignatureImage().isNull());
+    QCOMPARE(overlay_->selection(), wide);
+    QCOMPARE(undoSteps(), steps + 1);
+    QTRY_COMPARE(tools_->currentTool(), AnnotationTool::none);
+    QTest::qWait(10);
+    QCOMPARE(overlay_->selection(), wide); // the tool change keeps it selected
+    QCOMPARE(placeAt(image(1000, 100), QPointF(300, 500))->bounds().size(), QSizeF(200, 40));
+    QCOMPARE(placeAt(image(100, 300), QPointF(300, 500))->bounds().size(), QSizeF(200, 200));
+    // 30 points from the left edge: 70 of its 200 points lie off the page.
+    QCOMPARE(placeAt(image(400, 100), QPointF(30, 400))->bounds().left(), -70.0);
+    overlay_->placeSignature(QImage(), pv(QPointF(300, 300)), page(0));
+    QCOMPARE(page(0)->annotations().back()->bounds().size(), QSizeF(200, 66));
+
+    // A press between two pages places it on the nearer one, in its coordinates.
+    view_->goToPoint(page(0), QPointF(300, 100));
+    const QPointF gap = (pv(QPointF(300, 0), 0) + pv(QPointF(300, 792), 1)) / 2 + QPointF(0, 2);
+    model_->setPendingSignatureImage(image(400, 100));
+    QTest::qWait(10);
+    clickOn(overlay_, gap);
+    auto nearest = view_->pageAt(gap, true);
+    QCOMPARE(nearest, page(1));
+    QVERIFY(page(1)->annotations().back()->bounds().contains(view_->convertToPage(gap, page(1))));
+
+    // Escape drops a pending signature: nothing is placed, the next press acts by the tool.
+    const int count = int(page(0)->annotations().size());
+    model_->setPendingSignatureImage(image(400, 100));
+    QTest::qWait(10);
+    overlay_->setFocus();
+    QMouseEvent hover(QEvent::MouseMove, pv(QPointF(300, 300)), QPointF(), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    QVERIFY(overlay_->wantsEvent(&hover));
+    QVERIFY(overlay_->pendingPreviewPoint().has_value());
+    key(overlay_, Qt::Key_Escape);
+    QVERIFY(model_->pendingSignatureImage().isNull());
+    QTRY_VERIFY(!overlay_->pendingPreviewPoint());
+    click(pv(QPointF(300, 300)));
+    QCOMPARE(int(page(0)->annotations().size()), count);
+
+    // A corner drag keeps the stamp's proportions; undo takes a placement away.
+    view_->goToPoint(page(0), QPointF(0, 600));
+    overlay_->select(wide);
+    const QRectF before = wide->bounds();
+    drag(overlay_, pv(QPointF(before.right(), before.top())), pv(QPointF(before.right() + 100, before.top() - 5)));
+    QVERIFY(qAbs(wide->bounds().width() / wide->bounds().height() - 4) < 0.01);
+    QVERIFY(wide->bounds().width() > 250);
+    const auto last = page(1)->annotations().back();
+    while (last->page())
+        model_->history().performUndo();
+    QVERIFY(!last->page());
+}
+
+// The saved stamp: poppler shows the image where it was placed, multiplied
+// over a coloured page (no white box), also after a move; read back it is a
+// plain stamp that resizes freely.
+void TestCanvas::placedSignatureInAnotherReader()
+{
+    auto pages = fixtures::numberedPages(1);
+    pages[0].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Square /F 4", QRectF(0, 0, 612, 792), "1 0.9 0.6 rg 0 0 612 792 re f"});
+    const QString path = dir_.filePath("cream.pdf");
+    QVERIFY(fixtures::writePdf(path, pages));
+    model_->open(path);
+    view_->setDocument(model_->pdfDocument());
+    view_->goToPage(page(0));
+    // A signature: a black bar on white, 400 x 100.
+    QImage signature(400, 100, QImage::Format_ARGB32);
+    signature.fill(Qt::white);
+    QPainter(&signature).fillRect(QRect(50, 40, 300, 20), Qt::black);
+    model_->setPendingSignatureImage(signature);
+    QTest::qWait(10);
+    click(pv(QPointF(300, 400)));
+    auto stamp = page(0)->annotations().back();
+    QCOMPARE(stamp->bounds(), QRectF(200, 375, 200, 50));
+    overlay_->select(stamp);
+    key(overlay_, Qt::Key_Right, Qt::ShiftModifier); // moved 10 points right
+
+    const QString saved = dir_.filePath("signed.pdf");
+    QVERIFY(model_->pdfDocument()->write(saved));
+    const QString prefix = dir_.filePath("signed");
+    QCOMPARE(QProcess::execute("pdftoppm", {"-r", "72", "-png", "-singlefile", saved, prefix}), 0);
+    const QImage rendered(prefix + ".png");
+    QVERIFY(!rendered.isNull());
+    // The bar: black in the middle of the stamp (x 210-410, y from the top 792-425 .. 792-375).
+    QVERIFY(qGray(rendered.pixel(310, 792 - 400)) < 60);
+    // The white of the image shows the cream page, not white.
+    const QColor paper = rendered.pixelColor(240, 792 - 420);
+    QVERIFY2(qAbs(paper.red() - 255) <= 3 && qAbs(paper.green() - 230) <= 3 && qAbs(paper.blue() - 153) <= 3,
+             qPrintable(paper.name()));
+    // Nothing left where it was before the move.
+    QVERIFY(qGray(rendered.pixel(205, 792 - 400)) > 150);
+
+    // Read back: a plain stamp, still drawn, resized freely.
+    auto reopened = PdfDocument::open(saved);
+    QVERIFY(reopened);
+    auto again = reopened->page(0)->annotations().back();
+    QCOMPARE(again->type(), PdfAnnotation::Stamp);
+    QVERIFY(!std::dynamic_pointer_cast<ImageStampAnnotation>(again));
+    QCOMPARE(again->bounds(), QRectF(210, 375, 200, 50));
 }
 
 QTEST_MAIN(TestCanvas)

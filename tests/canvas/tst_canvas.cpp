@@ -838,6 +838,14 @@ void TestCanvas::placedSignatureInAnotherReader()
     QCOMPARE(again->type(), PdfAnnotation::Stamp);
     QVERIFY(!std::dynamic_pointer_cast<ImageStampAnnotation>(again));
     QCOMPARE(again->bounds(), QRectF(210, 375, 200, 50));
+    // Moved again after reopening and saved a second time, it still shows its image.
+    again->setBounds(QRectF(210, 275, 200, 50));
+    const QString twice = dir_.filePath("signed-twice.pdf");
+    QVERIFY(reopened->write(twice));
+    QCOMPARE(QProcess::execute("pdftoppm", {"-r", "72", "-png", "-singlefile", twice, prefix + "2"}), 0);
+    const QImage second(prefix + "2.png");
+    QVERIFY(qGray(second.pixel(310, 792 - 300)) < 60);
+    QVERIFY(qGray(second.pixel(310, 792 - 400)) > 150);
 }
 
 QTEST_MAIN(TestCanvas)

@@ -10,6 +10,7 @@
 #include "PagesMenu.h"
 #include "PasswordSheet.h"
 #include "PdfViewBridge.h"
+#include "SignatureSheet.h"
 #include "SplitSheet.h"
 #include "ThumbnailSidebarView.h"
 #include "ToolSettings.h"
@@ -322,6 +323,8 @@ void ContentView::updateSheets()
                  &ContentView::setShowInsertSheet);
     presentSheet(showExtractSheet_, extractSheet_, [this] { return new ExtractPagesSheet(model_, this); },
                  &ContentView::setShowExtractSheet);
+    presentSheet(showSignatureSheet_, signatureSheet_, [this] { return new SignatureSheet(model_, this); },
+                 &ContentView::setShowSignatureSheet);
 }
 
 // A sheet is made afresh each time its flag turns true, and its flag turns

@@ -74,11 +74,12 @@ public:
     QPushButton *bannerCancelButton() const { return bannerCancel_; }
     QMessageBox *errorAlert() const { return alert_; }
     PasswordSheet *passwordSheet() const { return passwordSheet_; }
-    // The page dialogs on show, or none.
+    // The page and signature dialogs on show, or none.
     QDialog *mergeSheet() const { return mergeSheet_; }
     QDialog *splitSheet() const { return splitSheet_; }
     QDialog *insertSheet() const { return insertSheet_; }
     QDialog *extractSheet() const { return extractSheet_; }
+    QDialog *signatureSheet() const { return signatureSheet_; }
 
 signals:
     // The window is on screen for the first time, painted.
@@ -133,6 +134,7 @@ private:
     QPointer<QDialog> splitSheet_;
     QPointer<QDialog> insertSheet_;
     QPointer<QDialog> extractSheet_;
+    QPointer<QDialog> signatureSheet_;
     bool shown_ = false;
     bool showMergeSheet_ = false;
     bool showSplitSheet_ = false;

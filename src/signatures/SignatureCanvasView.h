@@ -1,0 +1,40 @@
+// The surface a signature is drawn on with the pointer: each press, drag and
+// release is one stroke, a polyline of the points as they came. Shown as
+// black ink on white above a grey guide line; rendered out as black ink on a
+// transparent image the canvas's size.
+#pragma once
+
+#include <QImage>
+#include <QList>
+#include <QPointF>
+#include <QWidget>
+
+class SignatureCanvasView : public QWidget {
+    Q_OBJECT
+public:
+    using Stroke = QList<QPointF>;
+
+    explicit SignatureCanvasView(QWidget *parent = nullptr);
+
+    // The finished strokes, in drawing order, and the one being drawn (empty
+    // while the button is up).
+    const QList<Stroke> &strokes() const { return strokes_; }
+    const Stroke &currentStroke() const { return currentStroke_; }
+
+    // Forgets every stroke.
+    void clear();
+
+    // The finished strokes at one pixel per point; null when there are none.
+    // A stroke of a single point (a click) counts but leaves no ink.
+    QImage renderImage() const;
+
+protected:
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void paintEvent(QPaintEvent *event) override;
+
+private:
+    QList<Stroke> strokes_;
+    Stroke currentStroke_;
+};

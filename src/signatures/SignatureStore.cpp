@@ -1,0 +1,96 @@
+#include "SignatureStore.h"
+
+#include "SignatureFonts.h"
+
+#include <QBuffer>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFontMetricsF>
+#include <QPainter>
+
+#include <algorithm>
+#include <cmath>
+
+namespace SignatureStore {
+namespace {
+
+constexpr qreal typedFontSize = 96;
+constexpr qreal typedMargin = 28;
+
+QString baseFolder()
+{
+    const QString base = qEnvironmentVariable("XDG_DATA_HOME");
+    if (!base.isEmpty() && QDir::isAbsolutePath(base))
+        return base;
+    return QDir::homePath() + QStringLiteral("/.local/share");
+}
+
+} // namespace
+
+QString directory()
+{
+    static const QString folder = [] {
+        const QString path = baseFolder() + QStringLiteral("/Vellora/Signatures");
+        QDir().mkpath(path);
+        return path;
+    }();
+    return folder;
+}
+
+QString save(const QImage &image)
+{
+    const qint64 seconds = QDateTime::currentMSecsSinceEpoch() / 1000;
+    const QString path = directory() + QStringLiteral("/sig_%1.png").arg(seconds);
+    QByteArray png;
+    QBuffer buffer(&png);
+    if (image.isNull() || !buffer.open(QIODevice::WriteOnly) || !image.save(&buffer, "PNG"))
+        return {};
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(png);
+    return path;
+}
+
+QStringList load()
+{
+    const QDir folder(directory());
+    QStringList names = folder.entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
+    names.erase(
+        std::remove_if(names.begin(), names.end(), [](const QString &name) { return !name.endsWith(QLatin1String(".png")); }),
+        names.end());
+    std::sort(names.begin(), names.end());
+    QStringList paths;
+    for (const QString &name : names)
+        paths.append(folder.filePath(name));
+    return paths;
+}
+
+void deleteSignature(const QString &path)
+{
+    QFile::remove(path);
+}
+
+QImage renderTypedSignature(const QString &name, const QString &fontName)
+{
+    const QString text = name.trimmed();
+    if (text.isEmpty())
+        return {};
+    const QFont font = SignatureFonts::font(fontName, typedFontSize);
+    const QSizeF measured = QFontMetricsF(font).size(0, text);
+    const int width = int(std::ceil(measured.width() + 2 * typedMargin));
+    const int height = int(std::ceil(measured.height() + 2 * typedMargin));
+    if (width < 2 || height < 2)
+        return {};
+    QImage image(width, height, QImage::Format_ARGB32_Premultiplied);
+    if (image.isNull())
+        return {};
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    painter.setFont(font);
+    painter.setPen(Qt::black);
+    painter.drawText(QRectF(QPointF(typedMargin, typedMargin), measured), Qt::AlignLeft | Qt::AlignTop, text);
+    return image;
+}
+
+} // namespace SignatureStore

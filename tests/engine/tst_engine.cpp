@@ -3,6 +3,7 @@
 // (poppler's pdftoppm renders them, qpdf checks their structure).
 #include "ActAsNobody.h"
 #include "FixtureBuilder.h"
+#include "FontChecks.h"
 #include "PdfInspect.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
@@ -139,18 +140,6 @@ int inkLines(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF p
         inBand = ink;
     }
     return bands;
-}
-
-// Whether two fonts draw every character of `text` with the same outline.
-bool sameOutlines(const QRawFont &a, const QRawFont &b, const QString &text)
-{
-    const QList<quint32> ga = a.glyphIndexesForString(text), gb = b.glyphIndexesForString(text);
-    if (ga.size() != text.size() || gb.size() != text.size())
-        return false;
-    for (int i = 0; i < ga.size(); ++i)
-        if (a.pathForGlyph(ga[i]) != b.pathForGlyph(gb[i]))
-            return false;
-    return true;
 }
 
 // The lines Qt's own text layout breaks `text` into, wrapping as a plain text editor does.

@@ -4,6 +4,7 @@
 // and saved text boxes embed only the glyphs they draw, which poppler and
 // MuPDF's own tools show and give back as text.
 #include "FixtureBuilder.h"
+#include "FontChecks.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -56,18 +57,6 @@ int width(const PdfFont &font, const QString &text)
     PdfFont thousand = font;
     thousand.size = 1000;
     return int(std::lround(FontService::instance().textWidth(thousand, text)));
-}
-
-// Whether two fonts draw every character of `text` with the same outline.
-bool sameOutlines(const QRawFont &a, const QRawFont &b, const QString &text)
-{
-    const QList<quint32> ga = a.glyphIndexesForString(text), gb = b.glyphIndexesForString(text);
-    if (ga.size() != text.size() || gb.size() != text.size())
-        return false;
-    for (int i = 0; i < ga.size(); ++i)
-        if (a.pathForGlyph(ga[i]) != b.pathForGlyph(gb[i]))
-            return false;
-    return true;
 }
 
 QString folded(QString s)

@@ -3,7 +3,7 @@
 // (poppler's pdftoppm renders them, qpdf checks their structure).
 #include "ActAsNobody.h"
 #include "FixtureBuilder.h"
-#include "FontChecks.h"
+#include "EngineTestHelpers.h"
 #include "PdfInspect.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
@@ -197,17 +197,6 @@ std::shared_ptr<PdfAnnotation> square(QRectF bounds, QColor stroke, QColor fill 
     return a;
 }
 
-// Black text on no background, without a border.
-std::shared_ptr<PdfAnnotation> plainTextBox(QRectF bounds, const PdfFont &font, const QString &text)
-{
-    auto box = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
-    box->setFont(font);
-    box->setContents(text);
-    box->setFontColor(Qt::black);
-    box->setColor(QColor(0, 0, 0, 0));
-    box->setBorderWidth(0);
-    return box;
-}
 
 } // namespace
 

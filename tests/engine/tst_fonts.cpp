@@ -4,7 +4,7 @@
 // and saved text boxes embed only the glyphs they draw, which poppler and
 // MuPDF's own tools show and give back as text.
 #include "FixtureBuilder.h"
-#include "FontChecks.h"
+#include "EngineTestHelpers.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -150,16 +150,6 @@ std::vector<EmbeddedFont> freeTextFonts(const QString &path)
     return out;
 }
 
-std::shared_ptr<PdfAnnotation> textBox(QRectF bounds, const PdfFont &font, const QString &text)
-{
-    auto box = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
-    box->setFont(font);
-    box->setContents(text);
-    box->setFontColor(Qt::black);
-    box->setColor(QColor(0, 0, 0, 0));
-    box->setBorderWidth(0);
-    return box;
-}
 
 // The font descriptors of a file that carry a font program.
 int fontPrograms(const QString &path)
@@ -319,13 +309,13 @@ void TestFonts::freeTextEmbedsOnlyTheGlyphsItDraws()
     auto page = doc->page(0);
     std::vector<std::shared_ptr<PdfAnnotation>> boxes;
     for (int i = 0; i < samples.size(); ++i) {
-        boxes.push_back(textBox({72, 650.0 - 80 * i, 470, 40}, PdfFont{names[i], 18}, samples[i]));
+        boxes.push_back(plainTextBox({72, 650.0 - 80 * i, 470, 40}, PdfFont{names[i], 18}, samples[i]));
         page->addAnnotation(boxes.back());
     }
     // Characters the face lacks come from fallback faces, here a collection
     // whose glyphs are addressed by CID.
     const QString cjk = QString::fromUtf8("中文字体 日本語 한국어");
-    auto cjkBox = textBox({72, 330, 470, 40}, PdfFont{"Arial", 18}, cjk);
+    auto cjkBox = plainTextBox({72, 330, 470, 40}, PdfFont{"Arial", 18}, cjk);
     page->addAnnotation(cjkBox);
     const QString saved = path("scripts.pdf");
     QVERIFY(doc->write(saved));
@@ -384,7 +374,7 @@ void TestFonts::freeTextEmbedsOnlyTheGlyphsItDraws()
     auto small = PdfDocument::open(path("blank.pdf"));
     QVERIFY(small->write(path("plain.pdf")));
     small->page(0)->addAnnotation(
-        textBox({72, 600, 400, 60}, PdfFont{"Arial", 12}, "The quick brown fox jumps over the lazy sleeping dog"));
+        plainTextBox({72, 600, 400, 60}, PdfFont{"Arial", 12}, "The quick brown fox jumps over the lazy sleeping dog"));
     QVERIFY(small->write(path("ten-words.pdf")));
     const qint64 added = QFileInfo(path("ten-words.pdf")).size() - QFileInfo(path("plain.pdf")).size();
     qInfo("A ten-word text box adds %lld bytes", added);
@@ -395,7 +385,7 @@ void TestFonts::savingAgainLeavesNoOldSubsets()
 {
     QVERIFY(fixtures::writePdf(path("edits.pdf"), {fixtures::PageSpec{}}));
     auto doc = PdfDocument::open(path("edits.pdf"));
-    auto box = textBox({72, 600, 400, 60}, PdfFont{"Arial", 14}, "First words of a note");
+    auto box = plainTextBox({72, 600, 400, 60}, PdfFont{"Arial", 14}, "First words of a note");
     doc->page(0)->addAnnotation(box);
     const QStringList edits{"First words of a note", QString::fromUtf8("Zweite Fassung, größer"),
                             QString::fromUtf8("Τρίτη εκδοχή του σημειώματος"), "First words of a note"};

@@ -88,9 +88,11 @@ QImage SignatureCanvasView::renderImage() const
 {
     if (strokes_.isEmpty())
         return {};
-    QImage image(qMax(1, width()), qMax(1, height()), QImage::Format_ARGB32_Premultiplied);
+    QImage image(qMax(1, width()) * inkScale, qMax(1, height()) * inkScale, QImage::Format_ARGB32_Premultiplied);
     if (image.isNull())
         return {};
+    // Its size in points is the canvas's.
+    image.setDevicePixelRatio(inkScale);
     image.fill(Qt::transparent);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);

@@ -13,6 +13,9 @@ class SignatureCanvasView : public QWidget {
     Q_OBJECT
 public:
     using Stroke = QList<QPointF>;
+    // Pixels per point of the rendered drawing: enough for sharp edges when
+    // the signature is printed, whatever the screen it was drawn on.
+    static constexpr int inkScale = 4;
 
     explicit SignatureCanvasView(QWidget *parent = nullptr);
 
@@ -24,7 +27,7 @@ public:
     // Forgets every stroke.
     void clear();
 
-    // The finished strokes at one pixel per point; null when there are none.
+    // The finished strokes, inkScale pixels per point; null when there are none.
     // A stroke of a single point (a click) counts but leaves no ink.
     QImage renderImage() const;
 

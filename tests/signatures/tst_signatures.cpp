@@ -210,7 +210,8 @@ void TestSignatures::canvasStrokes()
     click(&canvas, {80, 60});
     QCOMPARE(canvas.strokes(), QList<SignatureCanvasView::Stroke>({{QPointF(40, 40)}, {QPointF(80, 60)}}));
     QImage image = canvas.renderImage();
-    QCOMPARE(image.size(), QSize(300, 120));
+    QCOMPARE(image.deviceIndependentSize(), QSizeF(300, 120));
+    QCOMPARE(image.size(), QSize(300, 120) * SignatureCanvasView::inkScale);
     QVERIFY(image.hasAlphaChannel() && inkPixels(image) == 0);
 
     // A drag: the points as they came, not the release point. Unfinished, it
@@ -226,8 +227,9 @@ void TestSignatures::canvasStrokes()
     QTest::mouseRelease(&canvas, Qt::LeftButton, {}, {140, 100});
     QCOMPARE(canvas.strokes().last(), SignatureCanvasView::Stroke({QPointF(20, 30), QPointF(60, 40), QPointF(100, 80)}));
     image = canvas.renderImage();
-    QCOMPARE(image.pixelColor(80, 60), QColor(Qt::black));
-    QVERIFY(qAlpha(image.pixel(130, 94)) == 0 && qAlpha(image.pixel(150, 84)) == 0);
+    const int s = SignatureCanvasView::inkScale;
+    QCOMPARE(image.pixelColor(80 * s, 60 * s), QColor(Qt::black));
+    QVERIFY(qAlpha(image.pixel(130 * s, 94 * s)) == 0 && qAlpha(image.pixel(150 * s, 84 * s)) == 0);
     bool black = true;
     QVERIFY(inkPixels(image, &black) > 100 && black);
 
@@ -301,7 +303,7 @@ void TestSignatures::drawingAndTypedButtons()
     // Saving keeps the drawing and picks nothing.
     sheet.saveDrawingButton()->click();
     QCOMPARE(sheet.savedPaths(), SignatureStore::load());
-    QCOMPARE(QImage(sheet.savedPaths().value(0)).size(), canvas->size());
+    QCOMPARE(QImage(sheet.savedPaths().value(0)).size(), canvas->size() * SignatureCanvasView::inkScale);
     QVERIFY(sheet.selectedPath().isEmpty() && !sheet.placeSelectedButton()->isEnabled());
     QVERIFY(sheet.noSavedLabel()->isHidden() && sheet.thumbnail(sheet.savedPaths().first())->isVisible());
     QCOMPARE(canvas->strokes().size(), 1);
@@ -322,7 +324,7 @@ void TestSignatures::drawingAndTypedButtons()
     click(canvas, {50, 50});
     sheet.placeDrawingButton()->click();
     QVERIFY(!sheet.isVisible() && sheet.result() == QDialog::Accepted);
-    QCOMPARE(model_->pendingSignatureImage().size(), QSize(canvas->width(), SignatureSheet::canvasHeight));
+    QCOMPARE(model_->pendingSignatureImage().deviceIndependentSize(), QSizeF(canvas->width(), SignatureSheet::canvasHeight));
     QCOMPARE(inkPixels(model_->pendingSignatureImage()), 0);
 }
 

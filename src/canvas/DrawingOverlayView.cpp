@@ -120,9 +120,7 @@ bool DrawingOverlayView::wantsEvent(const QEvent *event)
     case QEvent::MouseMove: {
         // Hovering chooses the cursor here; where a press would go to the view,
         // the view follows the pointer too (its I-beam and link hand).
-        const QPointF pv = static_cast<const QMouseEvent *>(event)->position();
-        pointerMoved(pv);
-        return takesPress(pv);
+        return pointerMoved(static_cast<const QMouseEvent *>(event)->position());
     }
     case QEvent::KeyPress:
         return takesKey(static_cast<const QKeyEvent *>(event));
@@ -430,33 +428,39 @@ void DrawingOverlayView::clearDrawing()
     refresh();
 }
 
-void DrawingOverlayView::pointerMoved(QPointF pv)
+// Chooses the cursor for the pointer at `pv` and tells whether a press there
+// would be the overlay's (the same answer as takesPress, with one probe of the page).
+bool DrawingOverlayView::pointerMoved(QPointF pv)
 {
     if (!documentModel_->pendingSignatureImage().isNull()) {
         pendingPreviewPoint_ = pv;
         setCursor(Qt::CrossCursor);
         refresh();
-        return;
+        return true;
     }
     switch (toolSettings_->currentTool()) {
     case AnnotationTool::ink:
     case AnnotationTool::rectangle:
     case AnnotationTool::circle:
         setCursor(Qt::CrossCursor);
-        return;
+        return true;
     case AnnotationTool::editText:
     case AnnotationTool::freeText:
         setCursor(Qt::IBeamCursor);
-        return;
+        return true;
     case AnnotationTool::none:
         break;
     }
-    if (selection_ && handle(pv))
+    if (selection_ && handle(pv)) {
         setCursor(Qt::CrossCursor);
-    else if (annotationAt(pv).first)
+        return true;
+    }
+    const bool onAnnotation = annotationAt(pv).first != nullptr;
+    if (onAnnotation)
         setCursor(Qt::OpenHandCursor);
     else
         unsetCursor(); // the view's own: an arrow, or the I-beam over text and the hand over links
+    return onAnnotation || selection_ || inlineEditor_;
 }
 
 void DrawingOverlayView::leaveEvent(QEvent *event)

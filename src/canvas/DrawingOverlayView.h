@@ -158,7 +158,7 @@ private:
     void beginManipulation(DragMode mode, QPointF pv);
     void updateManipulation(QPointF pv);
     void finishManipulation();
-    void pointerMoved(QPointF pv);
+    bool pointerMoved(QPointF pv);
     void finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page);
     void finishInk(const std::shared_ptr<PdfPage> &page);
     void clearDrawing();

@@ -191,9 +191,8 @@ void PdfAnnotation::materialize(const std::shared_ptr<DocCore> &core)
         // A file's annotation moving to another document takes its dictionary
         // (and its popup) along.
         pdf_obj *moved = nullptr;
-        pdf_graft_map *map = core->graftMapFor(core_);
-        const bool copied = mu::tryGuard([&](fz_context *c) { moved = copyAnnotation(c, core->doc, map, native_->obj); });
-        pdf_drop_graft_map(mu::ctx(), map);
+        Graft graft(core_, core->doc);
+        const bool copied = mu::tryGuard([&](fz_context *c) { moved = copyAnnotation(c, core->doc, &graft, native_->obj); });
         if (!copied)
             throw mu::Error("cannot copy the annotation");
         releaseObject();

@@ -2,8 +2,9 @@
 
 #include "DocCore.h"
 #include "Native.h"
-#include "SafeSave.h"
 #include "PdfPage.h"
+#include "SafeSave.h"
+#include "Structure.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <initializer_list>
+#include <optional>
 #include <unordered_set>
 
 #include <zlib.h>
@@ -21,7 +23,7 @@ DocCore::~DocCore()
     unloadPages();
     for (auto &[key, font] : fonts)
         pdf_drop_obj(c, font.font);
-    dropGraftMaps();
+    copying_.reset();
     pdf_drop_document(c, doc);
 }
 
@@ -33,30 +35,17 @@ void DocCore::unloadPages()
         page->unload();
 }
 
-pdf_graft_map *DocCore::graftMapFor(const std::shared_ptr<DocCore> &source)
+void DocCore::beginCopyBatch()
 {
-    auto kept = graftMaps_.find(source);
-    if (kept != graftMaps_.end())
-        return pdf_keep_graft_map(mu::ctx(), kept->second);
-    pdf_graft_map *map = nullptr;
-    mu::guard([&](fz_context *c) { map = pdf_new_graft_map(c, doc); });
-    if (copyBatches_ > 0)
-        graftMaps_.emplace(source, pdf_keep_graft_map(mu::ctx(), map));
-    return map;
+    if (copyBatches_++ == 0)
+        copying_ = std::make_unique<CopyState>();
 }
 
-void DocCore::endCopyBatch()
+std::unique_ptr<CopyState> DocCore::endCopyBatch()
 {
-    if (copyBatches_ > 0 && --copyBatches_ == 0)
-        dropGraftMaps();
-}
-
-void DocCore::dropGraftMaps()
-{
-    auto maps = std::move(graftMaps_);
-    graftMaps_.clear();
-    for (auto &[source, map] : maps)
-        pdf_drop_graft_map(mu::ctx(), map);
+    if (copyBatches_ == 0 || --copyBatches_ > 0)
+        return nullptr;
+    return std::move(copying_);
 }
 
 pdf_obj *DocCore::reference(fz_context *c, pdf_obj *obj)
@@ -136,46 +125,42 @@ void copyAppearances(fz_context *c, pdf_document *doc, pdf_obj *annot)
 }
 
 // A copy of the annotation `annot` added to `dst` as an object of its own
-// (a new reference): grafted through `map` from another document, or with
+// (a new reference): brought through `graft` from another document, or with
 // appearances of its own within the same one. Its links to the source page,
 // popup, form parent and replied-to note would drag the source along; they
 // are cut, and the caller links the copy to its new page and popup.
-pdf_obj *copyAnnotationOnly(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot)
+pdf_obj *copyAnnotationOnly(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *annot)
 {
     // A new dictionary takes the entries. A deep copy still names the source
     // object as its parent, so changing it would make MuPDF prepare the source
     // for a change (which corrupts the source when memory runs out half-way):
     // the copied values are cut loose first.
     pdf_obj *source = pdf_resolve_indirect(c, annot);
-    pdf_obj *copy = pdf_new_dict(c, pdf_get_bound_document(c, source), pdf_dict_len(c, source));
-    pdf_obj *brought = nullptr;
+    const int n = pdf_dict_len(c, source);
+    pdf_obj *copy = pdf_new_dict(c, graft ? dst : pdf_get_bound_document(c, source), n);
     pdf_obj *ref = nullptr;
-    fz_var(brought);
     fz_var(ref);
     fz_try(c)
     {
         pdf_obj *links[] = {PDF_NAME(P), PDF_NAME(Popup), PDF_NAME(Parent), PDF_NAME(IRT)};
-        for (int i = 0; i < pdf_dict_len(c, source); ++i) {
+        for (int i = 0; i < n; ++i) {
             pdf_obj *key = pdf_dict_get_key(c, source, i);
             if (std::any_of(std::begin(links), std::end(links), [&](pdf_obj *link) { return pdf_name_eq(c, key, link); }))
                 continue;
-            pdf_obj *value = pdf_deep_copy_obj(c, pdf_dict_get_val(c, source, i));
-            pdf_set_obj_parent(c, value, 0);
-            pdf_dict_put_drop(c, copy, key, value);
+            pdf_obj *value = pdf_dict_get_val(c, source, i);
+            if (graft) {
+                pdf_dict_put_drop(c, copy, key, graft->bring(c, value));
+            } else {
+                value = pdf_deep_copy_obj(c, value);
+                pdf_set_obj_parent(c, value, 0);
+                pdf_dict_put_drop(c, copy, key, value);
+            }
         }
-        if (map) {
-            brought = pdf_graft_mapped_object(c, map, copy);
-        } else {
-            brought = pdf_keep_obj(c, copy);
-            copyAppearances(c, dst, brought);
-        }
-        ref = pdf_add_object(c, dst, brought);
+        if (!graft)
+            copyAppearances(c, dst, copy);
+        ref = pdf_add_object(c, dst, copy);
     }
-    fz_always(c)
-    {
-        pdf_drop_obj(c, brought);
-        pdf_drop_obj(c, copy);
-    }
+    fz_always(c) pdf_drop_obj(c, copy);
     fz_catch(c)
     {
         pdf_drop_obj(c, ref);
@@ -186,15 +171,15 @@ pdf_obj *copyAnnotationOnly(fz_context *c, pdf_document *dst, pdf_graft_map *map
 
 } // namespace
 
-pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot)
+pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *annot)
 {
-    pdf_obj *copy = copyAnnotationOnly(c, dst, map, annot);
+    pdf_obj *copy = copyAnnotationOnly(c, dst, graft, annot);
     pdf_obj *popup = pdf_dict_get(c, annot, PDF_NAME(Popup));
     if (!pdf_is_dict(c, popup))
         return copy;
     fz_try(c)
     {
-        pdf_dict_put_drop(c, copy, PDF_NAME(Popup), copyAnnotationOnly(c, dst, map, popup));
+        pdf_dict_put_drop(c, copy, PDF_NAME(Popup), copyAnnotationOnly(c, dst, graft, popup));
         pdf_dict_put(c, pdf_dict_get(c, copy, PDF_NAME(Popup)), PDF_NAME(Parent), copy);
     }
     fz_catch(c)
@@ -322,9 +307,15 @@ bool PdfDocument::loadPageList()
     return true;
 }
 
-QString PdfDocument::path() const { return core_->path; }
+QString PdfDocument::path() const
+{
+    return core_->path;
+}
 
-PdfChangeChannel *PdfDocument::changes() const { return &core_->changes; }
+PdfChangeChannel *PdfDocument::changes() const
+{
+    return &core_->changes;
+}
 
 bool PdfDocument::isEncrypted() const
 {
@@ -333,7 +324,10 @@ bool PdfDocument::isEncrypted() const
     return encrypted || locked_;
 }
 
-bool PdfDocument::isLocked() const { return locked_; }
+bool PdfDocument::isLocked() const
+{
+    return locked_;
+}
 
 namespace {
 
@@ -342,7 +336,10 @@ const unsigned char passwordPadding[32] = {0x28, 0xbf, 0x4e, 0x5e, 0x4e, 0x75, 0
                                            0x3e, 0x80, 0x2f, 0x0c, 0xa9, 0xfe, 0x64, 0x53, 0x69, 0x7a};
 
 // Bytes of the file key, as MuPDF's crypt object counts them.
-int fileKeyLength(fz_context *c, pdf_crypt *crypt) { return std::clamp(pdf_crypt_length(c, crypt) / 8, 0, 16); }
+int fileKeyLength(fz_context *c, pdf_crypt *crypt)
+{
+    return std::clamp(pdf_crypt_length(c, crypt) / 8, 0, 16);
+}
 
 // MD5 of the password padded to 32 bytes and of `more`, then (revision 3 and
 // later) 50 more rounds over the first `n` bytes.
@@ -401,7 +398,9 @@ bool authenticateUserBytes(fz_context *c, pdf_document *doc, const unsigned char
     const bool plainMetadata = revision >= 4 && !pdf_crypt_encrypt_metadata(c, crypt);
     unsigned char key[16];
     passwordHash(password, length,
-                 {{pdf_crypt_owner_password(c, crypt), 32}, {permissions, 4}, {idBytes, idLength},
+                 {{pdf_crypt_owner_password(c, crypt), 32},
+                  {permissions, 4},
+                  {idBytes, idLength},
                   {unencryptedMetadata, plainMetadata ? 4 : 0}},
                  revision, n, key);
 
@@ -468,11 +467,11 @@ bool PdfDocument::unlock(const QString &password)
                 ok = pdf_authenticate_password(c, core_->doc, utf8.constData());
             if (!ok && older) {
                 const auto *bytes = reinterpret_cast<const unsigned char *>(utf8.constData());
-                ok = authenticateUserBytes(c, core_->doc, bytes, size_t(utf8.size()))
-                     || authenticateOwnerBytes(c, core_->doc, bytes, size_t(utf8.size()));
+                ok = authenticateUserBytes(c, core_->doc, bytes, size_t(utf8.size())) ||
+                     authenticateOwnerBytes(c, core_->doc, bytes, size_t(utf8.size()));
             }
-        })
-        || !ok)
+        }) ||
+        !ok)
         return false;
     locked_ = false;
     if (!loadPageList()) {
@@ -482,11 +481,20 @@ bool PdfDocument::unlock(const QString &password)
     return true;
 }
 
-int PdfDocument::pageCount() const { return locked_ ? 0 : int(pages_.size()); }
+int PdfDocument::pageCount() const
+{
+    return locked_ ? 0 : int(pages_.size());
+}
 
-int PdfDocument::loadedPageCount() const { return int(core_->loadedPages.size()); }
+int PdfDocument::loadedPageCount() const
+{
+    return int(core_->loadedPages.size());
+}
 
-int PdfDocument::textLayoutCount() const { return int(core_->textPages.size()); }
+int PdfDocument::textLayoutCount() const
+{
+    return int(core_->textPages.size());
+}
 
 std::shared_ptr<PdfPage> PdfDocument::page(int index)
 {
@@ -504,8 +512,9 @@ int PdfDocument::indexOf(const PdfPage *page) const
 namespace {
 
 // Appends to the page's /Annots copies of the source page's annotations, each
-// followed by a copy of its popup, linked to it.
-void copyAnnotations(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *srcPage, pdf_obj *page)
+// followed by a copy of its popup, linked to it. A graft lists the copies,
+// to be tied up once the page is in.
+void copyAnnotations(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *srcPage, pdf_obj *page)
 {
     pdf_obj *annots = pdf_dict_get(c, srcPage, PDF_NAME(Annots));
     const int n = pdf_array_len(c, annots);
@@ -516,8 +525,10 @@ void copyAnnotations(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_o
         pdf_obj *annot = pdf_array_get(c, annots, i);
         if (!pdf_is_dict(c, annot) || pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Popup)))
             continue;
-        pdf_obj *copy = copyAnnotation(c, dst, map, annot);
+        pdf_obj *copy = copyAnnotation(c, dst, graft, annot);
         pdf_array_push_drop(c, copies, copy);
+        if (graft)
+            graft->copiedAnnotations.emplace_back(mu::Obj(pdf_keep_obj(c, annot)), mu::Obj(pdf_keep_obj(c, copy)));
         pdf_dict_put(c, copy, PDF_NAME(P), page);
         pdf_obj *popup = pdf_dict_get(c, copy, PDF_NAME(Popup));
         if (popup) {
@@ -528,11 +539,12 @@ void copyAnnotations(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_o
 }
 
 // Builds in `dst` a new page dictionary from `srcPage`, of another document
-// (copied through `map`) or of `dst` itself (no map: contents and resources
+// (copied through `graft`, into the page's slot, so links to it made
+// earlier lead to it) or of `dst` itself (no graft: contents and resources
 // are shared, annotations get their own copies). Returns a new reference.
-pdf_obj *importPage(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *srcPage)
+pdf_obj *importPage(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *srcPage)
 {
-    auto bring = [&](pdf_obj *obj) { return map ? pdf_graft_mapped_object(c, map, obj) : pdf_keep_obj(c, obj); };
+    auto bring = [&](pdf_obj *obj) { return graft ? graft->bring(c, obj) : pdf_keep_obj(c, obj); };
     pdf_obj *dict = pdf_new_dict(c, dst, 12);
     pdf_obj *ref = nullptr;
     fz_var(ref);
@@ -545,15 +557,21 @@ pdf_obj *importPage(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_ob
             if (val)
                 pdf_dict_put_drop(c, dict, key, bring(val));
         }
-        pdf_obj *own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox), PDF_NAME(ArtBox),
-                          PDF_NAME(UserUnit), PDF_NAME(Group)};
+        pdf_obj *own[] = {PDF_NAME(Contents), PDF_NAME(BleedBox), PDF_NAME(TrimBox),
+                          PDF_NAME(ArtBox),   PDF_NAME(UserUnit), PDF_NAME(Group)};
         for (pdf_obj *key : own) {
             pdf_obj *val = pdf_dict_get(c, srcPage, key);
             if (val)
                 pdf_dict_put_drop(c, dict, key, bring(val));
         }
-        ref = pdf_add_object(c, dst, dict);
-        copyAnnotations(c, dst, map, srcPage, ref);
+        if (graft) {
+            const int num = graft->placePage(c, pdf_to_num(c, srcPage));
+            pdf_update_object(c, dst, num, dict);
+            ref = pdf_new_indirect(c, dst, num, 0);
+        } else {
+            ref = pdf_add_object(c, dst, dict);
+        }
+        copyAnnotations(c, dst, graft, srcPage, ref);
     }
     fz_always(c) pdf_drop_obj(c, dict);
     fz_catch(c)
@@ -580,21 +598,33 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
         return true;
     }
     // Copied in: from another document, or a second place for a page of this one.
-    pdf_graft_map *map = nullptr;
+    const bool ownBatch = !core_->copying();
+    if (ownBatch)
+        core_->beginCopyBatch();
+    Graft *graft = nullptr;
     try {
         if (page->core_ != core_)
-            map = core_->graftMapFor(page->core_);
-    } catch (const mu::Error &) {
-        return false;
+            graft = &core_->copying()->graftFor(page->core_, core_->doc);
+    } catch (const std::bad_alloc &) {
     }
     pdf_obj *ref = nullptr;
-    const bool copied = mu::tryGuard([&](fz_context *c) {
-        ref = importPage(c, core_->doc, map, page->native_->obj);
-        pdf_insert_page(c, core_->doc, index, ref);
-    });
-    pdf_drop_graft_map(mu::ctx(), map);
+    const bool copied = (graft || page->core_ == core_) && mu::tryGuard([&](fz_context *c) {
+                            ref = importPage(c, core_->doc, graft, page->native_->obj);
+                            pdf_insert_page(c, core_->doc, index, ref);
+                        });
+    if (copied && graft) {
+        try {
+            structure::tieAnnotations(*core_->copying(), *graft);
+        } catch (const std::exception &) {
+            // The page is in; what its annotations point at is as far as it got.
+        }
+    }
     if (!copied) {
+        if (graft)
+            graft->copiedAnnotations.clear();
         pdf_drop_obj(mu::ctx(), ref);
+        if (ownBatch)
+            endCopyBatch();
         return false;
     }
     std::shared_ptr<PdfPage> placed;
@@ -606,19 +636,55 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     placed->document_ = weak_from_this();
     pages_.insert(pages_.begin() + index, placed);
+    if (ownBatch)
+        endCopyBatch();
     return true;
 }
 
-PdfCopyBatch::PdfCopyBatch(const std::shared_ptr<PdfDocument> &into) : core_(into ? into->core_ : nullptr)
+std::vector<int> PdfDocument::pageNumbers() const
 {
-    if (core_)
-        core_->beginCopyBatch();
+    std::vector<int> numbers;
+    numbers.reserve(pages_.size());
+    mu::tryGuard([&](fz_context *c) {
+        for (const auto &page : pages_)
+            numbers.push_back(pdf_to_num(c, page->native_->obj));
+    });
+    return numbers;
+}
+
+void PdfDocument::endCopyBatch()
+{
+    std::unique_ptr<CopyState> state = core_->endCopyBatch();
+    if (!state)
+        return;
+    try {
+        structure::finishCopies(*state, core_->doc, pageNumbers());
+    } catch (const std::exception &) {
+        // The pages are in; the outline and names are as far as they got.
+    }
+}
+
+bool PdfDocument::hasOutline() const
+{
+    return !locked_ && structure::hasOutline(core_->doc);
+}
+
+PdfCopyBatch::PdfCopyBatch(const std::shared_ptr<PdfDocument> &into) : into_(into)
+{
+    if (into_)
+        into_->core_->beginCopyBatch();
 }
 
 PdfCopyBatch::~PdfCopyBatch()
 {
-    if (core_)
-        core_->endCopyBatch();
+    if (into_)
+        into_->endCopyBatch();
+}
+
+void PdfCopyBatch::groupOutline(const std::shared_ptr<PdfDocument> &source, const QString &title)
+{
+    if (into_ && source && into_->core_->copying())
+        into_->core_->copying()->outlineGroups[source->core_.get()] = title;
 }
 
 bool PdfDocument::removePage(int index)
@@ -781,6 +847,9 @@ bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
         std::memcpy(opts.opwd_utf8, owner.constData(), size_t(owner.size()) + 1);
     }
 
+    // What points at pages not in the page tree stays out of the file (and
+    // comes back once it is written).
+    std::optional<structure::SaveTrim> trim(std::in_place, core_->doc, pageNumbers());
     fz_buffer *buffer = nullptr;
     fz_output *out = nullptr;
     const bool written = mu::tryGuard([&](fz_context *c) {
@@ -789,6 +858,7 @@ bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
         pdf_write_document(c, core_->doc, out, &opts);
         fz_close_output(c, out);
     });
+    trim.reset();
     fz_context *c = mu::ctx();
     fz_drop_output(c, out);
     bool ok = false;

@@ -23,7 +23,15 @@ class PdfDocument;
 // While a batch is open, the pages copied into its document from one source
 // share the copies of what they have in common (fonts, images), so a merge of
 // many pages writes each shared resource once. Outside a batch every copy is
-// made afresh from the source as it is at that moment.
+// made afresh from the source as it is at that moment (a batch of its own).
+//
+// Copied pages keep what leads from them within their document: a link to a
+// page copied in the same batch leads to the copy; one to a page left behind
+// is dropped when the document is written. Named destinations the copies use
+// come along, and form widgets stay fields of the document's form; names
+// already taken there get a suffix ("-2"). When the batch ends, each source's
+// outline entries that lead to copied pages (or hold entries that do) come
+// along, in their order and nesting, among the document's entries in page order.
 class PdfCopyBatch {
 public:
     explicit PdfCopyBatch(const std::shared_ptr<PdfDocument> &into);
@@ -31,8 +39,12 @@ public:
     PdfCopyBatch(const PdfCopyBatch &) = delete;
     PdfCopyBatch &operator=(const PdfCopyBatch &) = delete;
 
+    // Puts the outline entries brought from `source` under one new entry,
+    // `title`, that leads to the first page copied from it.
+    void groupOutline(const std::shared_ptr<PdfDocument> &source, const QString &title);
+
 private:
-    std::shared_ptr<DocCore> core_;
+    std::shared_ptr<PdfDocument> into_;
 };
 
 class PdfDocument : public std::enable_shared_from_this<PdfDocument> {
@@ -56,6 +68,8 @@ public:
     bool unlock(const QString &password);
 
     int pageCount() const;
+    // Whether the document has bookmarks (outline entries).
+    bool hasOutline() const;
     std::shared_ptr<PdfPage> page(int index);
 
     // What is read from pages (the engine's loaded page, the text layout) is
@@ -72,7 +86,10 @@ public:
 
     // Writes the whole document: a temporary file next to `path`, synced and
     // renamed over it only when everything was written, so a failure, a crash
-    // or a power cut leaves the old file or the new one, never a mix.
+    // or a power cut leaves the old file or the new one, never a mix. Links,
+    // bookmarks, named destinations and form fields that lead to pages no
+    // longer in the document are left out of the file (and kept in memory,
+    // so a page put back finds them again).
     bool write(const QString &path, const PdfWriteOptions &options = {});
 
 private:
@@ -81,6 +98,10 @@ private:
     PdfDocument() = default;
     bool loadPageList();
     int indexOf(const PdfPage *page) const;
+    // The object numbers of the pages, in order.
+    std::vector<int> pageNumbers() const;
+    // Ends a copy batch; the outermost one ties up what the copies brought.
+    void endCopyBatch();
 
     std::shared_ptr<DocCore> core_;
     bool locked_ = false;

@@ -3,6 +3,8 @@
 #include "PdfDocument.h"
 #include "PdfPage.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 
 namespace PageOperations {
@@ -23,6 +25,13 @@ bool placeCopy(const std::shared_ptr<PdfPage> &page, PdfDocument &into, qint64 a
     return copy && into.insert(copy, int(at));
 }
 
+// The bookmark standing for a merged document: its file's name.
+QString outlineTitle(const PdfDocument &document)
+{
+    const QString name = QFileInfo(document.path()).completeBaseName();
+    return name.isEmpty() ? QStringLiteral("Untitled") : name;
+}
+
 std::shared_ptr<PdfPage> pageAt(const std::shared_ptr<PdfDocument> &document, qint64 index)
 {
     if (!document || index < 0 || index >= document->pageCount())
@@ -36,12 +45,14 @@ std::shared_ptr<PdfPage> pageAt(const std::shared_ptr<PdfDocument> &document, qi
 // page costs the engine a walk along the page list up to it, so appending
 // one by one would make building a long document quadratic in its length.
 std::shared_ptr<PdfDocument> build(const std::vector<std::shared_ptr<PdfPage>> &pages, const Progress &progress, qint64 &done,
-                                   qint64 total)
+                                   qint64 total, const std::vector<std::shared_ptr<PdfDocument>> &groupedSources = {})
 {
     auto result = PdfDocument::create();
     if (!result)
         return nullptr;
-    const PdfCopyBatch batch(result);
+    PdfCopyBatch batch(result);
+    for (const auto &source : groupedSources)
+        batch.groupOutline(source, outlineTitle(*source));
     for (auto it = pages.rbegin(); it != pages.rend(); ++it) {
         placeCopy(*it, *result, 0);
         if (!goOn(progress, ++done, total))
@@ -55,11 +66,23 @@ std::shared_ptr<PdfDocument> build(const std::vector<std::shared_ptr<PdfPage>> &
 std::shared_ptr<PdfDocument> merge(const std::vector<std::shared_ptr<PdfDocument>> &documents, const Progress &progress)
 {
     std::vector<std::shared_ptr<PdfPage>> pages;
-    for (const auto &document : documents)
-        for (int i = 0; document && i < document->pageCount(); ++i)
+    std::vector<std::shared_ptr<PdfDocument>> sources;
+    bool outlined = false;
+    for (const auto &document : documents) {
+        if (!document || document->pageCount() == 0)
+            continue;
+        for (int i = 0; i < document->pageCount(); ++i)
             pages.push_back(document->page(i));
+        if (std::find(sources.begin(), sources.end(), document) == sources.end())
+            sources.push_back(document);
+        outlined = outlined || document->hasOutline();
+    }
+    // Bookmarks of several documents go under one entry per document; a
+    // single document's stay as they are.
+    if (sources.size() < 2 || !outlined)
+        sources.clear();
     qint64 done = 0;
-    return build(pages, progress, done, qint64(pages.size()));
+    return build(pages, progress, done, qint64(pages.size()), sources);
 }
 
 std::vector<std::shared_ptr<PdfDocument>> splitEveryPage(const std::shared_ptr<PdfDocument> &document, const Progress &progress)

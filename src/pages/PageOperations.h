@@ -7,6 +7,9 @@
 // documents and leave their sources alone; insertPages and movePages change
 // the document they are given. A page the engine cannot yield or copy is
 // skipped, so a result can be shorter; nothing reports an error.
+//
+// Copies keep their links, bookmarks, named destinations and form fields as
+// far as they lead to pages that are copied too (see PdfCopyBatch).
 #pragma once
 
 #include <QtGlobal>
@@ -32,6 +35,8 @@ namespace PageOperations {
 using Progress = std::function<bool(qint64 done, qint64 total)>;
 
 // All pages of the documents, in order, in one new document. Null when stopped.
+// With bookmarks in any of two or more documents, each document's bookmarks
+// go under one bookmark named after its file.
 std::shared_ptr<PdfDocument> merge(const std::vector<std::shared_ptr<PdfDocument>> &documents, const Progress &progress = {});
 
 // One new one-page document per page. Empty when stopped.

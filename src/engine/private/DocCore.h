@@ -3,6 +3,7 @@
 // PdfDocument itself is gone.
 #pragma once
 
+#include "Graft.h"
 #include "MuContext.h"
 #include "PdfChangeChannel.h"
 
@@ -18,10 +19,10 @@ class PdfPage;
 
 // A copy of the annotation `annot` (and of its popup, linked to it) added to
 // `dst` as an object of its own; a new reference. From another document it is
-// grafted through `map`; within one document (no map) it gets appearance
+// copied through `graft`; within one document (no graft) it gets appearance
 // streams of its own, so restyling one leaves the other as it is. Links to
 // the source page, form parent and replied-to note are cut.
-pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, pdf_graft_map *map, pdf_obj *annot);
+pdf_obj *copyAnnotation(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *annot);
 
 // A font embedded in a document: its font dictionary (a reference the
 // document core keeps) and the code that draws each glyph of the face, by the
@@ -40,13 +41,17 @@ struct DocCore {
     // MuPDF caches loaded pages by number and reads /Annots only when a page is
     // loaded, so loaded pages are dropped whenever the page tree changes.
     void unloadPages();
-    // A graft map for copying objects from `source` (a new reference). While
-    // a copy batch is open, copies from one source share a map, so resources
-    // they have in common are copied once; outside a batch every copy is made
-    // afresh, so it never reuses a stale copy of a source that changed since.
-    pdf_graft_map *graftMapFor(const std::shared_ptr<DocCore> &source);
-    void beginCopyBatch() { ++copyBatches_; }
-    void endCopyBatch();
+    // Pages come in from other documents within a copy batch: one that
+    // PdfCopyBatch opens, or one around a single copy. Within a batch,
+    // copies from one source share a graft, so what they have in common is
+    // copied once; a later batch copies afresh, so it never reuses a stale
+    // copy of a source that changed since.
+    void beginCopyBatch();
+    // The batch's state when this ends the outermost batch, for the caller
+    // to finish; null otherwise.
+    std::unique_ptr<CopyState> endCopyBatch();
+    // The open batch's state, or null.
+    CopyState *copying() const { return copying_.get(); }
     // An indirect reference to `obj` where it has an object number, else `obj`.
     pdf_obj *reference(fz_context *c, pdf_obj *obj);
 
@@ -64,9 +69,7 @@ struct DocCore {
     std::map<std::string, EmbeddedFont> fonts;
 
 private:
-    void dropGraftMaps();
-
     int copyBatches_ = 0;
-    // The batch's maps by source; the sources are kept alive only while it is open.
-    std::map<std::shared_ptr<DocCore>, pdf_graft_map *> graftMaps_;
+    // Its grafts keep their sources alive only while the batch is open.
+    std::unique_ptr<CopyState> copying_;
 };

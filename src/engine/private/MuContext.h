@@ -6,6 +6,7 @@
 #include <mupdf/pdf.h>
 
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 namespace mu {
@@ -24,16 +25,14 @@ fz_context *ctx();
 // must not have C++ objects with destructors alive while it calls MuPDF.
 void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg);
 
-template <class F>
-void guard(F &&f)
+template <class F> void guard(F &&f)
 {
     auto trampoline = [](fz_context *c, void *p) { (*static_cast<std::remove_reference_t<F> *>(p))(c); };
     guardImpl(ctx(), trampoline, &f);
 }
 
 // Same, but false instead of an exception.
-template <class F>
-bool tryGuard(F &&f) noexcept
+template <class F> bool tryGuard(F &&f) noexcept
 {
     try {
         guard(std::forward<F>(f));
@@ -42,6 +41,44 @@ bool tryGuard(F &&f) noexcept
         return false;
     }
 }
+
+// Runs f(ctx) under a guard of its own and returns its result. Code that
+// keeps C++ objects alive between MuPDF calls makes each call through this,
+// so a MuPDF error unwinds it as an ordinary exception.
+template <class F> auto call(F &&f)
+{
+    using Result = decltype(f(ctx()));
+    if constexpr (std::is_void_v<Result>) {
+        guard(std::forward<F>(f));
+    } else {
+        Result result{};
+        guard([&](fz_context *c) { result = f(c); });
+        return result;
+    }
+}
+
+// Holds one reference to a MuPDF object and drops it when it goes.
+class Obj {
+public:
+    Obj() = default;
+    explicit Obj(pdf_obj *taken) : obj_(taken) {}
+    ~Obj() { pdf_drop_obj(ctx(), obj_); }
+    Obj(Obj &&other) noexcept : obj_(std::exchange(other.obj_, nullptr)) {}
+    Obj &operator=(Obj &&other) noexcept
+    {
+        std::swap(obj_, other.obj_);
+        return *this;
+    }
+    Obj(const Obj &) = delete;
+    Obj &operator=(const Obj &) = delete;
+    pdf_obj *get() const { return obj_; }
+    // Gives up the reference without dropping it.
+    pdf_obj *release() { return std::exchange(obj_, nullptr); }
+    explicit operator bool() const { return obj_ != nullptr; }
+
+private:
+    pdf_obj *obj_ = nullptr;
+};
 
 // Puts `value` (its reference is taken over) into `dict` under a key that has
 // no predefined name; MuPDF's own pdf_dict_puts_drop leaks the value when

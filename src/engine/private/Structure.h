@@ -1,0 +1,55 @@
+// Internal to the engine: the document structure that page copies carry
+// along (internal links, named destinations, the outline, form fields), and
+// the trimming a save does so that nothing in the file points at a page that
+// is not in its page tree.
+#pragma once
+
+#include "Graft.h"
+
+#include <vector>
+
+namespace structure {
+
+// Ties up the annotations copied through `graft` since the last call: the
+// named destinations they use are carried into the destination (renamed when
+// the name is taken), and form widgets join the destination's form under
+// copies of their parent fields, a top-level field renamed when its name is taken.
+void tieAnnotations(CopyState &state, Graft &graft);
+
+// Ends a batch of copies into `dst`, whose pages are `pages` (object numbers,
+// in order): every source's outline entries that point at pages copied from
+// it are brought along, placed among the destination's entries in page order
+// (under an entry of their own when the batch asked for it), and the carried
+// named destinations are written into the destination's name tree.
+void finishCopies(CopyState &state, pdf_document *dst, const std::vector<int> &pages);
+
+// Whether the document has outline entries.
+bool hasOutline(pdf_document *doc);
+
+// For the time of a save, takes out of the document what points at pages
+// that are not in its page tree (`pages`: object numbers): links and outline
+// entries to them (an entry with children stays, without its destination),
+// named destinations, the opening view, form fields whose widgets are not on
+// a page, and an annotation's page reference that is not its own page. A
+// save then writes no page outside the tree. Everything is put back when the
+// trim goes, so the pages can still return (undo) with all that pointed at them.
+class SaveTrim {
+public:
+    SaveTrim(pdf_document *doc, const std::vector<int> &pages);
+    ~SaveTrim();
+    SaveTrim(const SaveTrim &) = delete;
+    SaveTrim &operator=(const SaveTrim &) = delete;
+
+    // Sets dict[key] to `value` (null: removes it), keeping the old value.
+    void put(pdf_obj *dict, pdf_obj *key, pdf_obj *value);
+
+private:
+    struct Change {
+        mu::Obj dict;
+        mu::Obj key;
+        mu::Obj old;
+    };
+    std::vector<Change> changes_;
+};
+
+} // namespace structure

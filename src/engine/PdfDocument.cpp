@@ -21,6 +21,7 @@ DocCore::~DocCore()
 {
     fz_context *c = mu::ctx();
     unloadPages();
+    outline.reset();
     for (auto &[key, font] : fonts)
         pdf_drop_obj(c, font.font);
     copying_.reset();
@@ -658,7 +659,7 @@ void PdfDocument::endCopyBatch()
     if (!state)
         return;
     try {
-        structure::finishCopies(*state, core_->doc, pageNumbers());
+        structure::finishCopies(*state, *core_, pageNumbers());
     } catch (const std::exception &) {
         // The pages are in; the outline and names are as far as they got.
     }
@@ -804,7 +805,35 @@ bool mendStream(fz_context *c, pdf_document *doc, pdf_obj *stream)
 
 bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
 {
-    if (locked_ || path.isEmpty())
+    if (path.isEmpty())
+        return false;
+    return serialize(options, [&](const char *data, qint64 size) { return safesave::write(path, data, size); });
+}
+
+std::vector<bool> PdfDocument::writeAll(const std::vector<std::pair<std::shared_ptr<PdfDocument>, QString>> &files,
+                                        const std::function<void(qint64 done)> &step)
+{
+    safesave::Batch batch;
+    std::vector<bool> staged(files.size(), false);
+    for (size_t i = 0; i < files.size(); ++i) {
+        const auto &[document, path] = files[i];
+        staged[i] = document && !path.isEmpty() &&
+                    document->serialize({}, [&](const char *data, qint64 size) { return batch.stage(path, data, size); });
+        if (step)
+            step(qint64(i) + 1);
+    }
+    const std::vector<bool> placed = batch.commit();
+    std::vector<bool> written(files.size(), false);
+    // The batch answers for the staged files only.
+    for (size_t i = 0, k = 0; i < files.size(); ++i)
+        if (staged[i])
+            written[i] = placed[k++];
+    return written;
+}
+
+bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<bool(const char *, qint64)> &sink)
+{
+    if (locked_)
         return false;
     // Damaged page contents are written as far as they can be read; a content
     // stream that cannot be opened at all is left as it is. Each stream is
@@ -865,7 +894,7 @@ bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
     if (written) {
         unsigned char *data = nullptr;
         const size_t size = fz_buffer_storage(c, buffer, &data);
-        ok = safesave::write(path, reinterpret_cast<const char *>(data), qint64(size));
+        ok = sink(reinterpret_cast<const char *>(data), qint64(size));
     }
     fz_drop_buffer(c, buffer);
     return ok;

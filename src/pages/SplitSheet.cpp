@@ -233,15 +233,15 @@ void SplitSheet::performSplit()
         model_->fileURL().isEmpty() ? QStringLiteral("document") : QFileInfo(model_->fileURL()).completeBaseName();
     const QDir into(folder);
     const qint64 total = qint64(outputs.size());
-    qint64 failures = 0, done = 0;
+    qint64 failures = 0;
     // Once files are being written the work runs to the end, so that no set
     // of outputs is left half-written.
     progress.begin(tr("Writing %1 files…").arg(total), false);
-    for (const auto &[suffix, part] : outputs) {
-        if (!part->write(into.filePath(base + QLatin1Char('-') + suffix + QStringLiteral(".pdf"))))
-            ++failures;
-        progress.step(++done, total);
-    }
+    std::vector<std::pair<std::shared_ptr<PdfDocument>, QString>> files;
+    for (const auto &[suffix, part] : outputs)
+        files.emplace_back(part, into.filePath(base + QLatin1Char('-') + suffix + QStringLiteral(".pdf")));
+    for (bool written : PdfDocument::writeAll(files, [&](qint64 done) { progress.step(done, total); }))
+        failures += written ? 0 : 1;
 
     QString message;
     if (failures > 0 && failures == total)

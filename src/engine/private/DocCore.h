@@ -16,6 +16,9 @@
 #include <vector>
 
 class PdfPage;
+namespace structure {
+struct OutlineIndex;
+}
 
 // A copy of the annotation `annot` (and of its popup, linked to it) added to
 // `dst` as an object of its own; a new reference. From another document it is
@@ -67,6 +70,8 @@ struct DocCore {
     // Fonts embedded for free-text appearances: whole fonts by their
     // program's digest, subsets by it and their glyphs.
     std::map<std::string, EmbeddedFont> fonts;
+    // The outline as read for copies of its pages; dropped when it changes.
+    std::shared_ptr<const structure::OutlineIndex> outline;
 
 private:
     int copyBatches_ = 0;

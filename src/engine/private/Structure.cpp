@@ -417,7 +417,7 @@ void linkChildren(pdf_obj *parent, const std::vector<Obj> &children, bool open)
     });
 }
 
-// The outline entries of a chain and their children (references kept).
+// The outline entries of a chain (references kept).
 std::vector<Obj> chainOf(pdf_obj *first, std::unordered_set<int> &seen)
 {
     std::vector<Obj> items;
@@ -431,47 +431,73 @@ std::vector<Obj> chainOf(pdf_obj *first, std::unordered_set<int> &seen)
     return items;
 }
 
-enum class Target { Elsewhere, Copied, Dropped };
-
-// Where a source outline entry leads: outside the document's pages (or
-// nowhere), to a page copied into the result, or to a page left behind.
-Target targetOf(Graft &graft, const PageIndex &index, pdf_obj *item)
+// Reads a chain of entries and those below them into `index`; the position
+// of the chain's first entry, or -1.
+int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int depth, std::unordered_set<int> &seen)
 {
-    pdf_document *src = graft.source()->doc;
-    return mu::call([&](fz_context *c) {
-        pdf_obj *dest = localDestination(c, item);
-        if (!dest)
-            return Target::Elsewhere;
-        const int page = destinationPage(c, src, dest);
-        const int copy = page > 0 ? graft.copyOfPage(page) : 0;
-        return copy && index.count(copy) ? Target::Copied : Target::Dropped;
-    });
+    if (depth > maxDepth)
+        return -1;
+    int head = -1, last = -1;
+    for (Obj &item : chainOf(first, seen)) {
+        const int at = int(index.entries.size());
+        index.entries.push_back({});
+        if (last >= 0)
+            index.entries[size_t(last)].next = at;
+        else
+            head = at;
+        last = at;
+        mu::call([&](fz_context *c) {
+            OutlineIndex::Entry &entry = index.entries[size_t(at)];
+            pdf_obj *dest = localDestination(c, item.get());
+            entry.local = dest != nullptr;
+            entry.page = dest ? destinationPage(c, doc, dest) : 0;
+            entry.open = pdf_dict_get_int(c, item.get(), PDF_NAME(Count)) >= 0;
+        });
+        pdf_obj *child = mu::call([&](fz_context *c) { return pdf_dict_get(c, item.get(), PDF_NAME(First)); });
+        index.entries[size_t(at)].item = std::move(item);
+        const int children = readChain(index, doc, child, depth + 1, seen);
+        index.entries[size_t(at)].firstChild = children;
+    }
+    return head;
 }
 
-// Copies of the source outline entries from `first` on that lead to copied
-// pages or elsewhere, or have children that do; an entry kept only for its
-// children loses its destination.
-std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &index, pdf_obj *first, int depth,
-                             std::unordered_set<int> &seen)
+std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core)
+{
+    if (!core.outline) {
+        auto index = std::make_shared<OutlineIndex>();
+        pdf_obj *first = mu::call([&](fz_context *c) { return pdf_dict_getp(c, rootOf(c, core.doc), "Outlines/First"); });
+        std::unordered_set<int> seen;
+        index->first = readChain(*index, core.doc, first, 0, seen);
+        core.outline = index;
+    }
+    return core.outline;
+}
+
+// Copies of the source outline entries from position `first` on that lead
+// to copied pages or elsewhere, or have entries below them that do; an entry
+// kept only for those loses its destination.
+std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &pages, const OutlineIndex &outline, int first,
+                             int depth)
 {
     std::vector<Obj> result;
     if (depth > maxDepth)
         return result;
     pdf_document *dst = graft.destination();
-    for (const Obj &item : chainOf(first, seen)) {
-        pdf_obj *firstChild = mu::call([&](fz_context *c) { return pdf_dict_get(c, item.get(), PDF_NAME(First)); });
-        std::vector<Obj> children = copyEntries(state, graft, index, firstChild, depth + 1, seen);
-        const Target target = targetOf(graft, index, item.get());
-        if (target == Target::Dropped && children.empty())
+    for (int at = first; at >= 0; at = outline.entries[size_t(at)].next) {
+        const OutlineIndex::Entry &source = outline.entries[size_t(at)];
+        std::vector<Obj> children = copyEntries(state, graft, pages, outline, source.firstChild, depth + 1);
+        const int copy = source.page > 0 ? graft.copyOfPage(source.page) : 0;
+        const bool dropped = source.local && !(copy && pages.count(copy));
+        if (dropped && children.empty())
             continue;
         Obj entry(mu::call([&](fz_context *c) {
             pdf_obj *made = pdf_add_new_dict(c, dst, 8);
             fz_try(c)
             {
                 pdf_obj *keys[] = {PDF_NAME(Title), PDF_NAME(C), PDF_NAME(F), PDF_NAME(Dest), PDF_NAME(A)};
-                const int kept = target == Target::Dropped ? 3 : 5;
+                const int kept = dropped ? 3 : 5;
                 for (int k = 0; k < kept; ++k)
-                    if (pdf_obj *value = pdf_dict_get(c, item.get(), keys[k]))
+                    if (pdf_obj *value = pdf_dict_get(c, source.item.get(), keys[k]))
                         pdf_dict_put_drop(c, made, keys[k], graft.bring(c, value));
             }
             fz_catch(c)
@@ -481,10 +507,9 @@ std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &in
             }
             return made;
         }));
-        if (target != Target::Dropped)
+        if (!dropped)
             carryNames(state, graft, entry.get());
-        const bool open = mu::call([&](fz_context *c) { return pdf_dict_get_int(c, item.get(), PDF_NAME(Count)) >= 0; });
-        linkChildren(entry.get(), children, open);
+        linkChildren(entry.get(), children, source.open);
         result.push_back(std::move(entry));
     }
     return result;
@@ -534,11 +559,9 @@ Carried carryOutline(CopyState &state, Graft &graft, const PageIndex &index)
     }
     if (carried.firstPage < 0)
         return carried;
-    pdf_document *src = graft.source()->doc;
     pdf_document *dst = graft.destination();
-    pdf_obj *first = mu::call([&](fz_context *c) { return pdf_dict_getp(c, rootOf(c, src), "Outlines/First"); });
-    std::unordered_set<int> seen;
-    carried.entries = copyEntries(state, graft, index, first, 0, seen);
+    const auto outline = outlineOf(*graft.source());
+    carried.entries = copyEntries(state, graft, index, *outline, outline->first, 0);
     auto group = state.outlineGroups.find(graft.source().get());
     if (group == state.outlineGroups.end())
         return carried;
@@ -624,8 +647,9 @@ void tieAnnotations(CopyState &state, Graft &graft)
     }
 }
 
-void finishCopies(CopyState &state, pdf_document *dst, const std::vector<int> &pages)
+void finishCopies(CopyState &state, DocCore &core, const std::vector<int> &pages)
 {
+    pdf_document *dst = core.doc;
     PageIndex index;
     for (size_t i = 0; i < pages.size(); ++i)
         index.emplace(pages[i], int(i));
@@ -640,8 +664,11 @@ void finishCopies(CopyState &state, pdf_document *dst, const std::vector<int> &p
     }
     try {
         writeDestinationNames(state, dst);
-        for (Carried &one : carried)
+        for (Carried &one : carried) {
+            if (!one.entries.empty())
+                core.outline.reset();
             placeInOutline(state, dst, index, one);
+        }
     } catch (const mu::Error &) {
     }
 }

@@ -10,6 +10,24 @@
 
 namespace structure {
 
+// A document's outline as read once: every entry (a reference kept), linked
+// by positions, with the page its destination leads to. Page copies consult
+// it for every copy made from the document, so it is read only once.
+struct OutlineIndex {
+    struct Entry {
+        mu::Obj item;
+        int firstChild = -1;
+        int next = -1;
+        // Whether it leads to a place in its document, and the object
+        // number of that page (0: none that can be read).
+        bool local = false;
+        int page = 0;
+        bool open = true;
+    };
+    std::vector<Entry> entries;
+    int first = -1;
+};
+
 // Ties up the annotations copied through `graft` since the last call: the
 // named destinations they use are carried into the destination (renamed when
 // the name is taken), and form widgets join the destination's form under
@@ -21,7 +39,7 @@ void tieAnnotations(CopyState &state, Graft &graft);
 // it are brought along, placed among the destination's entries in page order
 // (under an entry of their own when the batch asked for it), and the carried
 // named destinations are written into the destination's name tree.
-void finishCopies(CopyState &state, pdf_document *dst, const std::vector<int> &pages);
+void finishCopies(CopyState &state, DocCore &dst, const std::vector<int> &pages);
 
 // Whether the document has outline entries.
 bool hasOutline(pdf_document *doc);

@@ -11,6 +11,10 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
+#include <algorithm>
+#include <functional>
+#include <map>
+
 namespace fixtures {
 namespace {
 
@@ -35,90 +39,282 @@ QByteArray escaped(const QString &text)
     return out;
 }
 
+QByteArray ref(int number)
+{
+    return QByteArray::number(number) + " 0 R";
+}
+
+// A text string: literal when it is ASCII, UTF-16 otherwise.
+QByteArray textString(const QString &text)
+{
+    if (std::all_of(text.begin(), text.end(), [](QChar ch) { return ch.unicode() < 128; }))
+        return '(' + escaped(text) + ')';
+    QByteArray hex = "<FEFF";
+    for (QChar ch : text)
+        hex += QByteArray::number(ch.unicode(), 16).rightJustified(4, '0').toUpper();
+    return hex + '>';
+}
+
+QByteArray stream(const QByteArray &dictionary, const QByteArray &content)
+{
+    return "<< " + dictionary + " /Length " + QByteArray::number(content.size()) + " >>\nstream\n" + content + "\nendstream";
+}
+
+// The objects of a file, numbered from 1 in the order they are made; the
+// first is the catalog.
+class ObjectTable {
+public:
+    int reserve() { return add({}); }
+    int add(const QByteArray &object)
+    {
+        objects_.push_back(object);
+        return int(objects_.size());
+    }
+    void set(int number, const QByteArray &object) { objects_[size_t(number - 1)] = object; }
+
+    QByteArray file() const
+    {
+        QByteArray out = "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n";
+        std::vector<qsizetype> offsets;
+        for (size_t i = 0; i < objects_.size(); ++i) {
+            offsets.push_back(out.size());
+            out += QByteArray::number(int(i) + 1) + " 0 obj\n" + objects_[i] + "\nendobj\n";
+        }
+        const qsizetype xref = out.size();
+        const QByteArray size = QByteArray::number(int(objects_.size()) + 1);
+        out += "xref\n0 " + size + "\n0000000000 65535 f \n";
+        for (qsizetype offset : offsets)
+            out += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
+        return out + "trailer\n<< /Size " + size + " /Root 1 0 R >>\nstartxref\n" + QByteArray::number(xref) + "\n%%EOF\n";
+    }
+
+private:
+    std::vector<QByteArray> objects_;
+};
+
+// Where a link or an outline entry goes: `page` directly, or through the
+// named destination `name`, as a /Dest entry or a GoTo action.
+using TargetWriter = std::function<QByteArray(int page, const QByteArray &name, bool asAction)>;
+
+// The first, the last and the number of entries (all open) of one level of
+// the outline below `parent`.
+struct OutlineLevel {
+    int first = 0;
+    int last = 0;
+    int count = 0;
+};
+
+OutlineLevel writeOutline(ObjectTable &objects, const std::vector<OutlineSpec> &items, int parent, const TargetWriter &target)
+{
+    std::vector<int> numbers;
+    for (size_t i = 0; i < items.size(); ++i)
+        numbers.push_back(objects.reserve());
+    if (numbers.empty())
+        return {};
+    OutlineLevel level{numbers.front(), numbers.back(), int(items.size())};
+    for (size_t i = 0; i < items.size(); ++i) {
+        const OutlineSpec &item = items[i];
+        QByteArray dict = "<< /Title " + textString(item.title) + " /Parent " + ref(parent);
+        if (i > 0)
+            dict += " /Prev " + ref(numbers[i - 1]);
+        if (i + 1 < items.size())
+            dict += " /Next " + ref(numbers[i + 1]);
+        const OutlineLevel below = writeOutline(objects, item.children, numbers[i], target);
+        if (below.count)
+            dict += " /First " + ref(below.first) + " /Last " + ref(below.last) + " /Count " + QByteArray::number(below.count);
+        level.count += below.count;
+        if (item.page >= 0 || !item.name.isEmpty())
+            dict += target(item.page, item.name, item.asAction);
+        objects.set(numbers[i], dict + " >>");
+    }
+    return level;
+}
+
+// A text field's appearance: `value` in Helvetica 12, in the widget's box.
+QByteArray fieldAppearance(const FieldSpec &field, const QString &value)
+{
+    QByteArray content = "/Tx BMC\n";
+    if (!value.isEmpty())
+        content += "q BT /Helv 12 Tf 0 g 2 " + num((field.rect.height() - 12) / 2 + 3) + " Td (" + escaped(value) + ") Tj ET Q\n";
+    content += "EMC";
+    return stream("/Type /XObject /Subtype /Form /BBox [0 0 " + num(field.rect.width()) + ' ' + num(field.rect.height()) +
+                      "] /Resources << /Font << /Helv 3 0 R >> >>",
+                  content);
+}
+
 } // namespace
 
 QByteArray buildPdf(const std::vector<PageSpec> &pages)
 {
+    return buildStructuredPdf(StructuredSpec{pages});
+}
+
+QByteArray buildStructuredPdf(const StructuredSpec &spec)
+{
     // Objects: 1 catalog, 2 page tree, 3 font, then per page: the page, its
-    // contents, and two objects (dictionary, appearance) per annotation; fonts
-    // other than Helvetica come last, so the numbers above never change.
-    std::vector<QByteArray> objects(3);
-    int count = 3;
-    for (const PageSpec &p : pages) {
-        count += 2;
-        for (const RawAnnotation &a : p.annotations)
-            count += a.popup ? 3 : 2;
+    // contents, two objects (dictionary, appearance) per annotation and one
+    // more for a popup, its links, two objects per widget (and a kid
+    // widget's field where it first appears); fonts other than Helvetica
+    // come next, so the numbers above never change, then outline, names and form.
+    ObjectTable objects;
+    objects.reserve();
+    objects.reserve();
+    objects.add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
+    const std::vector<PageSpec> &pages = spec.pages;
+    std::vector<int> pageNumbers;
+    std::vector<QByteArray> pageAnnots;
+    std::vector<std::pair<int, const LinkSpec *>> links;
+    std::vector<int> fields;
+    QMap<QString, int> kidParents;
+    QMap<int, QByteArray> parentKids;
+    // Kid widgets show their field's value: the first one given for the name.
+    auto fieldValue = [&](const FieldSpec &field) {
+        for (const FieldSpec &other : spec.fields)
+            if (field.kid && other.kid && other.name == field.name && !other.value.isEmpty())
+                return other.value;
+        return field.value;
+    };
+    for (size_t i = 0; i < pages.size(); ++i) {
+        const int pageNumber = objects.reserve();
+        pageNumbers.push_back(pageNumber);
+        objects.reserve();
+        const QByteArray pageRef = " /P " + ref(pageNumber);
+        QByteArray annots;
+        for (const RawAnnotation &a : pages[i].annotations) {
+            const int dictNumber = objects.reserve();
+            annots += ref(dictNumber) + ' ';
+            const QByteArray popupRef = a.popup ? " /Popup " + ref(dictNumber + 2) : QByteArray();
+            objects.set(dictNumber, a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N " +
+                                        ref(dictNumber + 1) + " >> >>");
+            objects.add(stream("/Type /XObject /Subtype /Form /BBox " + rect(a.rect), a.appearance));
+            if (a.popup) {
+                annots += ref(dictNumber + 2) + ' ';
+                objects.add("<< /Type /Annot /Subtype /Popup /Rect " + rect(*a.popup) + pageRef + " /Parent " + ref(dictNumber) +
+                            " /Open false >>");
+            }
+        }
+        for (const LinkSpec &link : spec.links) {
+            if (link.fromPage != int(i))
+                continue;
+            links.emplace_back(objects.reserve(), &link);
+            annots += ref(links.back().first) + ' ';
+        }
+        for (const FieldSpec &field : spec.fields) {
+            if (field.page != int(i))
+                continue;
+            const int widget = objects.reserve();
+            annots += ref(widget) + ' ';
+            QByteArray dict = "<< /Type /Annot /Subtype /Widget /F 4 /Rect " + rect(field.rect) + pageRef;
+            if (field.kid) {
+                if (!kidParents.contains(field.name)) {
+                    kidParents.insert(field.name, objects.reserve());
+                    fields.push_back(kidParents.value(field.name));
+                }
+                parentKids[kidParents.value(field.name)] += ref(widget) + ' ';
+                dict += " /Parent " + ref(kidParents.value(field.name));
+            } else {
+                dict += " /FT /Tx /T " + textString(field.name) + " /DA (/Helv 12 Tf 0 g)";
+                if (!field.value.isEmpty())
+                    dict += " /V " + textString(field.value);
+                fields.push_back(widget);
+            }
+            objects.set(widget, dict + " /AP << /N " + ref(objects.add(fieldAppearance(field, fieldValue(field)))) + " >> >>");
+        }
+        pageAnnots.push_back(annots);
     }
+
     QMap<QByteArray, int> otherFonts;
     for (const PageSpec &p : pages)
         for (const TextRun &run : p.text)
             if (run.font != "Helvetica")
                 otherFonts.insert(run.font, 0);
-    int next = count;
-    for (int &number : otherFonts)
-        number = ++next;
+    for (auto it = otherFonts.begin(); it != otherFonts.end(); ++it)
+        it.value() = objects.add("<< /Type /Font /Subtype /Type1 /BaseFont /" + it.key() + " /Encoding /WinAnsiEncoding >>");
     auto fontKey = [&](const QByteArray &name) {
         return name == "Helvetica" ? QByteArray("F1") : "F" + QByteArray::number(otherFonts.value(name));
     };
     QByteArray fontResources = "/F1 3 0 R";
     for (auto it = otherFonts.begin(); it != otherFonts.end(); ++it)
-        fontResources += " /F" + QByteArray::number(it.value()) + ' ' + QByteArray::number(it.value()) + " 0 R";
+        fontResources += " /F" + QByteArray::number(it.value()) + ' ' + ref(it.value());
     QByteArray kids;
-    for (const PageSpec &p : pages) {
-        const int pageNumber = int(objects.size()) + 1;
-        kids += QByteArray::number(pageNumber) + " 0 R ";
+    for (size_t i = 0; i < pages.size(); ++i) {
+        const PageSpec &p = pages[i];
+        const int pageNumber = pageNumbers[i];
+        kids += ref(pageNumber) + ' ';
         QByteArray page = "<< /Type /Page /Parent 2 0 R /MediaBox " + rect(p.mediaBox);
         if (p.cropBox)
             page += " /CropBox " + rect(*p.cropBox);
         if (p.rotation)
             page += " /Rotate " + QByteArray::number(p.rotation);
-        page += " /Resources << /Font << " + fontResources + " >> >> /Contents " + QByteArray::number(pageNumber + 1) + " 0 R";
+        page += " /Resources << /Font << " + fontResources + " >> >> /Contents " + ref(pageNumber + 1);
+        if (!pageAnnots[i].isEmpty())
+            page += " /Annots [" + pageAnnots[i] + "]";
+        objects.set(pageNumber, page + " >>");
         QByteArray content;
         for (const TextRun &run : p.text)
             content += "BT /" + fontKey(run.font) + ' ' + num(run.size) + " Tf " + num(run.origin.x()) + ' ' +
                        num(run.origin.y()) + " Td (" + escaped(run.text) + ") Tj ET\n";
-        QByteArray annots;
-        std::vector<QByteArray> extra;
-        for (const RawAnnotation &a : p.annotations) {
-            const int dictNumber = pageNumber + 2 + int(extra.size());
-            const QByteArray pageRef = " /P " + QByteArray::number(pageNumber) + " 0 R";
-            annots += QByteArray::number(dictNumber) + " 0 R ";
-            const QByteArray popupRef = a.popup ? " /Popup " + QByteArray::number(dictNumber + 2) + " 0 R" : QByteArray();
-            extra.push_back(a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N " +
-                            QByteArray::number(dictNumber + 1) + " 0 R >> >>");
-            extra.push_back("<< /Type /XObject /Subtype /Form /BBox " + rect(a.rect) + " /Length " +
-                            QByteArray::number(a.appearance.size()) + " >>\nstream\n" + a.appearance + "\nendstream");
-            if (a.popup) {
-                annots += QByteArray::number(dictNumber + 2) + " 0 R ";
-                extra.push_back("<< /Type /Annot /Subtype /Popup /Rect " + rect(*a.popup) + pageRef + " /Parent " +
-                                QByteArray::number(dictNumber) + " 0 R /Open false >>");
-            }
-        }
-        if (!annots.isEmpty())
-            page += " /Annots [" + annots + "]";
-        objects.push_back(page + " >>");
-        objects.push_back("<< /Length " + QByteArray::number(content.size()) + " >>\nstream\n" + content + "endstream");
-        objects.insert(objects.end(), extra.begin(), extra.end());
+        objects.set(pageNumber + 1, "<< /Length " + QByteArray::number(content.size()) + " >>\nstream\n" + content + "endstream");
     }
-    objects[0] = "<< /Type /Catalog /Pages 2 0 R >>";
-    objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>";
-    objects[2] = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
-    for (auto it = otherFonts.begin(); it != otherFonts.end(); ++it)
-        objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /" + it.key() + " /Encoding /WinAnsiEncoding >>");
 
-    QByteArray out = "%PDF-1.7\n%\xe2\xe3\xcf\xd3\n";
-    std::vector<qsizetype> offsets;
-    for (size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(out.size());
-        out += QByteArray::number(int(i) + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    auto explicitDestination = [&](int page) -> QByteArray {
+        if (page < 0 || page >= int(pages.size()))
+            return "null";
+        return '[' + ref(pageNumbers[size_t(page)]) + " /XYZ 0 " + num(pages[size_t(page)].mediaBox.bottom()) + " 0]";
+    };
+    const TargetWriter target = [&](int page, const QByteArray &name, bool asAction) {
+        const QByteArray destination = name.isEmpty()     ? explicitDestination(page)
+                                       : spec.legacyDests ? '/' + name
+                                                          : '(' + name + ')';
+        return asAction ? " /A << /S /GoTo /D " + destination + " >>" : " /Dest " + destination;
+    };
+    for (const auto &[number, link] : links)
+        objects.set(number, "<< /Type /Annot /Subtype /Link /Rect " + rect(link->rect) + " /Border [0 0 0] /P " +
+                                ref(pageNumbers[size_t(link->fromPage)]) + target(link->toPage, link->name, link->asAction) +
+                                " >>");
+    for (const FieldSpec &field : spec.fields) {
+        if (!field.kid || !parentKids.contains(kidParents.value(field.name)))
+            continue;
+        const QString value = fieldValue(field);
+        const int parent = kidParents.value(field.name);
+        objects.set(parent, "<< /FT /Tx /T " + textString(field.name) + (value.isEmpty() ? "" : " /V " + textString(value)) +
+                                " /DA (/Helv 12 Tf 0 g) /Kids [" + parentKids.take(parent) + "] >>");
     }
-    const qsizetype xref = out.size();
-    out += "xref\n0 " + QByteArray::number(int(objects.size()) + 1) + "\n0000000000 65535 f \n";
-    for (qsizetype offset : offsets)
-        out += QByteArray::number(offset).rightJustified(10, '0') + " 00000 n \n";
-    out += "trailer\n<< /Size " + QByteArray::number(int(objects.size()) + 1) + " /Root 1 0 R >>\nstartxref\n" +
-           QByteArray::number(xref) + "\n%%EOF\n";
-    return out;
+
+    QByteArray catalog = "<< /Type /Catalog /Pages 2 0 R";
+    if (!spec.outline.empty()) {
+        const int root = objects.reserve();
+        const OutlineLevel top = writeOutline(objects, spec.outline, root, target);
+        objects.set(root, "<< /Type /Outlines /First " + ref(top.first) + " /Last " + ref(top.last) + " /Count " +
+                              QByteArray::number(top.count) + " >>");
+        catalog += " /Outlines " + ref(root) + " /PageMode /UseOutlines";
+    }
+    if (!spec.namedDestinations.empty()) {
+        // A name tree's keys are sorted; the older dictionary takes names
+        // for keys and holds each destination in a dictionary of its own.
+        std::map<QByteArray, int> sorted(spec.namedDestinations.begin(), spec.namedDestinations.end());
+        QByteArray entries;
+        for (const auto &[name, page] : sorted)
+            entries += spec.legacyDests ? " /" + name + " << /D " + explicitDestination(page) + " >>"
+                                        : " (" + name + ") " + explicitDestination(page);
+        if (spec.legacyDests) {
+            catalog += " /Dests " + ref(objects.add("<<" + entries + " >>"));
+        } else {
+            const int leaf = objects.add("<< /Limits [(" + sorted.begin()->first + ") (" + sorted.rbegin()->first +
+                                         ")] /Names [" + entries + " ] >>");
+            catalog += " /Names << /Dests " + ref(objects.add("<< /Kids [" + ref(leaf) + "] >>")) + " >>";
+        }
+    }
+    if (!fields.empty()) {
+        QByteArray list;
+        for (int field : fields)
+            list += ref(field) + ' ';
+        catalog += " /AcroForm " +
+                   ref(objects.add("<< /Fields [" + list + "] /DR << /Font << /Helv 3 0 R >> >> /DA (/Helv 0 Tf 0 g) >>"));
+    }
+    objects.set(1, catalog + " >>");
+    objects.set(2, "<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(int(pages.size())) + " >>");
+    return objects.file();
 }
 
 bool writeFile(const QString &path, const QByteArray &data)
@@ -130,6 +326,11 @@ bool writeFile(const QString &path, const QByteArray &data)
 bool writePdf(const QString &path, const std::vector<PageSpec> &pages)
 {
     return writeFile(path, buildPdf(pages));
+}
+
+bool writeStructuredPdf(const QString &path, const StructuredSpec &spec)
+{
+    return writeFile(path, buildStructuredPdf(spec));
 }
 
 std::vector<PageSpec> numberedPages(int count, int linesPerPage)

@@ -41,8 +41,55 @@ struct PageSpec {
     std::vector<RawAnnotation> annotations;
 };
 
+// A link annotation on page `fromPage` that goes to page `toPage` by an
+// explicit [page /XYZ ...] destination or, when `name` is set, through that
+// named destination (`toPage` then unused); a /Dest entry, or a GoTo action.
+struct LinkSpec {
+    int fromPage = 0;
+    int toPage = 0;
+    QByteArray name = {};
+    bool asAction = false;
+    QRectF rect{72, 600, 128, 20};
+};
+
+// An outline entry going to `page` (-1: nowhere) or through the named
+// destination `name`, with its entries below it; all entries are open.
+struct OutlineSpec {
+    QString title = {};
+    int page = -1;
+    QByteArray name = {};
+    std::vector<OutlineSpec> children = {};
+    bool asAction = false;
+};
+
+// A text field's widget on `page`, showing `value` (empty: not filled). A
+// plain widget is the field itself; a kid widget hangs below a field object
+// that holds the name and the value, shared by the kid widgets of one name.
+struct FieldSpec {
+    int page = 0;
+    QString name = {};
+    QString value = {};
+    QRectF rect{72, 500, 200, 24};
+    bool kid = false;
+};
+
+// Pages with what ties a document together: links between its pages, named
+// destinations (in the /Names tree, or in the older /Root /Dests dictionary
+// when `legacyDests`), an outline and an interactive form. The links and
+// widgets come after the pages' own annotations in their /Annots.
+struct StructuredSpec {
+    std::vector<PageSpec> pages = {};
+    std::vector<LinkSpec> links = {};
+    std::vector<OutlineSpec> outline = {};
+    std::vector<std::pair<QByteArray, int>> namedDestinations = {};
+    bool legacyDests = false;
+    std::vector<FieldSpec> fields = {};
+};
+
 // A PDF file made directly, object by object; the text is plain ASCII.
 QByteArray buildPdf(const std::vector<PageSpec> &pages);
+QByteArray buildStructuredPdf(const StructuredSpec &spec);
+bool writeStructuredPdf(const QString &path, const StructuredSpec &spec);
 bool writeFile(const QString &path, const QByteArray &data);
 bool writePdf(const QString &path, const std::vector<PageSpec> &pages);
 

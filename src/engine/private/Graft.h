@@ -50,8 +50,18 @@ public:
     std::vector<int> placed;
     // Annotations copied (source, copy) not yet tied up.
     std::vector<std::pair<mu::Obj, mu::Obj>> copiedAnnotations;
-    // Source names of carried destinations and the names they have in the result.
-    std::map<std::string, std::string> names;
+    // Named destinations carried from the source, by their source name (a
+    // null destination: the source has none by that name), and where the
+    // copies name them (dictionary and key), for a rename when the batch
+    // ends: names are settled in the order of the sources' pages, so that
+    // the later of two sources is the one renamed.
+    struct CarriedName {
+        mu::Obj destination;
+        std::vector<std::pair<mu::Obj, pdf_obj *>> uses;
+    };
+    std::map<std::string, CarriedName> names;
+    // Fields copied that stand at the top of the form, to be named when the batch ends.
+    std::vector<mu::Obj> topFields;
     // Whether the source's form settings were merged into the destination's.
     bool formMerged = false;
 

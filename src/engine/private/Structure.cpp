@@ -2,6 +2,8 @@
 
 #include "DocCore.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <unordered_map>
 #include <unordered_set>
@@ -114,32 +116,27 @@ void loadDestinationNames(CopyState &state, pdf_document *dst)
     state.destinationNamesLoaded = true;
 }
 
-// The result's name for the source's destination `needle`, which is carried
-// into the result on first use; empty when the source has no such destination.
-std::string carryDestination(CopyState &state, Graft &graft, pdf_obj *needle)
+// Carries the source's destination `needle` into the result on first use;
+// its source name, or empty when the source has no such destination.
+std::string carryDestination(Graft &graft, pdf_obj *needle)
 {
     const std::string name = mu::call([&](fz_context *c) { return nameText(c, needle); });
     auto known = graft.names.find(name);
     if (known != graft.names.end())
-        return known->second;
+        return known->second.destination ? name : std::string();
     pdf_document *src = graft.source()->doc;
     Obj brought(mu::call([&](fz_context *c) -> pdf_obj * {
         pdf_obj *dest = explicitDestination(c, src, needle);
         return dest ? graft.bring(c, dest) : nullptr;
     }));
-    if (!brought)
-        return {};
-    loadDestinationNames(state, graft.destination());
-    const std::string result = freeName(state.destinationNames, name);
-    state.destinationNames.insert(result);
-    state.carriedDestinations.emplace(result, brought.release());
-    graft.names.emplace(name, result);
-    return result;
+    const bool found = bool(brought);
+    graft.names[name].destination = std::move(brought);
+    return found ? name : std::string();
 }
 
-// Gives dict[key], when it is a destination name, the name its destination
-// has in the result (as a string, the form the name tree takes).
-void renameDestination(CopyState &state, Graft &graft, pdf_obj *dict, pdf_obj *key)
+// Gives dict[key], when it is a destination name, the form names take in
+// the name tree (a string), noting the use for a rename when the batch ends.
+void renameDestination(Graft &graft, pdf_obj *dict, pdf_obj *key)
 {
     pdf_obj *value = mu::call([&](fz_context *c) {
         pdf_obj *v = pdf_dict_get(c, dict, key);
@@ -147,35 +144,37 @@ void renameDestination(CopyState &state, Graft &graft, pdf_obj *dict, pdf_obj *k
     });
     if (!value)
         return;
-    const std::string name = carryDestination(state, graft, value);
-    if (!name.empty())
-        mu::call([&](fz_context *c) { pdf_dict_put_drop(c, dict, key, pdf_new_string(c, name.data(), name.size())); });
+    const std::string name = carryDestination(graft, value);
+    if (name.empty())
+        return;
+    mu::call([&](fz_context *c) { pdf_dict_put_drop(c, dict, key, pdf_new_string(c, name.data(), name.size())); });
+    graft.names[name].uses.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, dict); }), key);
 }
 
-void carryInAction(CopyState &state, Graft &graft, pdf_obj *action, int depth)
+void carryInAction(Graft &graft, pdf_obj *action, int depth)
 {
     if (depth > 8 || !mu::call([&](fz_context *c) { return pdf_is_dict(c, action); }))
         return;
     if (mu::call([&](fz_context *c) { return pdf_name_eq(c, pdf_dict_get(c, action, PDF_NAME(S)), PDF_NAME(GoTo)); }))
-        renameDestination(state, graft, action, PDF_NAME(D));
+        renameDestination(graft, action, PDF_NAME(D));
     pdf_obj *next = mu::call([&](fz_context *c) { return pdf_dict_get(c, action, PDF_NAME(Next)); });
     const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, next); });
     if (n == 0)
-        carryInAction(state, graft, next, depth + 1);
+        carryInAction(graft, next, depth + 1);
     for (int i = 0; i < n; ++i)
-        carryInAction(state, graft, mu::call([&](fz_context *c) { return pdf_array_get(c, next, i); }), depth + 1);
+        carryInAction(graft, mu::call([&](fz_context *c) { return pdf_array_get(c, next, i); }), depth + 1);
 }
 
 // Carries the named destinations a copied link, outline entry or form widget
 // (in the result) uses, in its destination, action and additional actions.
-void carryNames(CopyState &state, Graft &graft, pdf_obj *holder)
+void carryNames(Graft &graft, pdf_obj *holder)
 {
-    renameDestination(state, graft, holder, PDF_NAME(Dest));
-    carryInAction(state, graft, mu::call([&](fz_context *c) { return pdf_dict_get(c, holder, PDF_NAME(A)); }), 0);
+    renameDestination(graft, holder, PDF_NAME(Dest));
+    carryInAction(graft, mu::call([&](fz_context *c) { return pdf_dict_get(c, holder, PDF_NAME(A)); }), 0);
     pdf_obj *more = mu::call([&](fz_context *c) { return pdf_dict_get(c, holder, PDF_NAME(AA)); });
     const int n = mu::call([&](fz_context *c) { return pdf_dict_len(c, more); });
     for (int i = 0; i < n; ++i)
-        carryInAction(state, graft, mu::call([&](fz_context *c) { return pdf_dict_get_val(c, more, i); }), 0);
+        carryInAction(graft, mu::call([&](fz_context *c) { return pdf_dict_get_val(c, more, i); }), 0);
 }
 
 void writeDestinationNames(CopyState &state, pdf_document *dst)
@@ -287,20 +286,13 @@ void loadFieldNames(CopyState &state, pdf_document *dst)
 }
 
 // Lists a copied field (in the result) among the form's top-level fields,
-// renamed when a field of the result already has its name, and with the
-// source's default appearance when the result's differs and it has none.
+// with the source's default appearance when the result's differs and it has
+// none. Its name is settled when the batch ends.
 void addTopField(CopyState &state, Graft &graft, pdf_obj *field)
 {
     pdf_document *dst = graft.destination();
+    // The names the result had before the batch: those the copies must not take.
     loadFieldNames(state, dst);
-    const std::string name =
-        mu::call([&](fz_context *c) { return std::string(pdf_dict_get_text_string(c, field, PDF_NAME(T))); });
-    if (!name.empty()) {
-        const std::string free = freeName(state.fieldNames, name);
-        state.fieldNames.insert(free);
-        if (free != name)
-            mu::call([&](fz_context *c) { pdf_dict_put_text_string(c, field, PDF_NAME(T), free.c_str()); });
-    }
     pdf_document *src = graft.source()->doc;
     mu::call([&](fz_context *c) {
         pdf_obj *form = formOf(c, dst);
@@ -309,6 +301,51 @@ void addTopField(CopyState &state, Graft &graft, pdf_obj *field)
             pdf_dict_put_drop(c, field, PDF_NAME(DA), graft.bring(c, da));
         pdf_array_push(c, pdf_dict_get(c, form, PDF_NAME(Fields)), field);
     });
+    graft.topFields.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, field); }));
+}
+
+// Gives the destinations and top-level fields each source brought their
+// names in the result, the sources in the order of their first page there,
+// so that of two sources using one name the later is renamed ("-2").
+void settleNames(CopyState &state, pdf_document *dst, const std::unordered_map<int, int> &index)
+{
+    std::vector<std::pair<int, Graft *>> order;
+    for (auto &graft : state.grafts) {
+        int first = INT_MAX;
+        for (int num : graft->placed) {
+            auto found = index.find(num);
+            if (found != index.end())
+                first = std::min(first, found->second);
+        }
+        order.emplace_back(first, graft.get());
+    }
+    std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (auto &[first, graft] : order) {
+        for (auto &[name, carried] : graft->names) {
+            if (!carried.destination)
+                continue;
+            loadDestinationNames(state, dst);
+            const std::string final = freeName(state.destinationNames, name);
+            state.destinationNames.insert(final);
+            state.carriedDestinations.emplace(
+                final, mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.destination.get()); }));
+            if (final != name)
+                for (const auto &[holder, key] : carried.uses)
+                    mu::call([&](fz_context *c) {
+                        pdf_dict_put_drop(c, holder.get(), key, pdf_new_string(c, final.data(), final.size()));
+                    });
+        }
+        for (const Obj &field : graft->topFields) {
+            const std::string name =
+                mu::call([&](fz_context *c) { return std::string(pdf_dict_get_text_string(c, field.get(), PDF_NAME(T))); });
+            if (name.empty())
+                continue;
+            const std::string final = freeName(state.fieldNames, name);
+            state.fieldNames.insert(final);
+            if (final != name)
+                mu::call([&](fz_context *c) { pdf_dict_put_text_string(c, field.get(), PDF_NAME(T), final.c_str()); });
+        }
+    }
 }
 
 // The result's copy of the source field `field` (a new reference), made on
@@ -508,7 +545,7 @@ std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &pa
             return made;
         }));
         if (!dropped)
-            carryNames(state, graft, entry.get());
+            carryNames(graft, entry.get());
         linkChildren(entry.get(), children, source.open);
         result.push_back(std::move(entry));
     }
@@ -636,7 +673,7 @@ void tieAnnotations(CopyState &state, Graft &graft)
     graft.copiedAnnotations.clear();
     for (const auto &[source, copy] : copied) {
         try {
-            carryNames(state, graft, copy.get());
+            carryNames(graft, copy.get());
             if (mu::call([&](fz_context *c) {
                     return pdf_name_eq(c, pdf_dict_get(c, copy.get(), PDF_NAME(Subtype)), PDF_NAME(Widget));
                 }))
@@ -663,6 +700,7 @@ void finishCopies(CopyState &state, DocCore &core, const std::vector<int> &pages
         }
     }
     try {
+        settleNames(state, dst, index);
         writeDestinationNames(state, dst);
         for (Carried &one : carried) {
             if (!one.entries.empty())

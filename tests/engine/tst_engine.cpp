@@ -2,13 +2,13 @@
 // files the engine writes, as read back by the engine and by other readers
 // (poppler's pdftoppm renders them, qpdf checks their structure).
 #include "ActAsNobody.h"
-#include "FixtureBuilder.h"
 #include "EngineTestHelpers.h"
-#include "PdfInspect.h"
+#include "FixtureBuilder.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
 #include "PdfDisplayList.h"
 #include "PdfDocument.h"
+#include "PdfInspect.h"
 #include "PdfPage.h"
 
 #include <QDir>
@@ -53,8 +53,8 @@ QImage popplerPage(const QString &path, int pageNumber = 1, int dpi = 72)
 
 bool near(QColor a, QColor b, int tolerance = 40)
 {
-    return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance
-           && std::abs(a.blue() - b.blue()) <= tolerance;
+    return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance &&
+           std::abs(a.blue() - b.blue()) <= tolerance;
 }
 
 // The pixel of `image` (rendered at `scale` pixels per point) at a page-space point.
@@ -84,10 +84,10 @@ bool showsColorIn(const QImage &image, const std::shared_ptr<PdfPage> &page, QRe
 // Rows of a page-space rectangle that hold dark pixels: the height of drawn text.
 int inkHeight(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
 {
-    const QRect px = QRectF(page->pageToDisplay().mapRect(pageRect).topLeft() * scale,
-                            page->pageToDisplay().mapRect(pageRect).size() * scale)
-                         .toAlignedRect()
-                         .intersected(image.rect());
+    const QRect px =
+        QRectF(page->pageToDisplay().mapRect(pageRect).topLeft() * scale, page->pageToDisplay().mapRect(pageRect).size() * scale)
+            .toAlignedRect()
+            .intersected(image.rect());
     int top = -1, bottom = -1;
     for (int y = px.top(); y <= px.bottom(); ++y)
         for (int x = px.left(); x <= px.right(); ++x)
@@ -107,7 +107,10 @@ QRect pixelsOf(const QImage &image, const std::shared_ptr<PdfPage> &page, QRectF
     return QRectF(shown.topLeft() * scale, shown.size() * scale).toAlignedRect().intersected(image.rect());
 }
 
-bool dark(const QImage &image, int x, int y) { return qGray(image.pixel(x, y)) < 128; }
+bool dark(const QImage &image, int x, int y)
+{
+    return qGray(image.pixel(x, y)) < 128;
+}
 
 // The first and last pixel columns of a page-space rectangle that hold dark
 // pixels: where drawn text starts and ends. (-1, -1) when there are none.
@@ -176,16 +179,22 @@ QJsonObject qpdfObjects(const QString &path)
 }
 
 // A PDF name without its #xx escapes.
-QString unescapedName(QString name) { return QUrl::fromPercentEncoding(name.replace('#', '%').toUtf8()); }
+QString unescapedName(QString name)
+{
+    return QUrl::fromPercentEncoding(name.replace('#', '%').toUtf8());
+}
 
 // Every file the engine writes must pass qpdf's check.
-#define WRITE_AND_CHECK(doc, file)                                                                                             \
-    do {                                                                                                                       \
-        QVERIFY((doc)->write(file));                                                                                           \
-        QCOMPARE(qpdfProblems(file), QString());                                                                               \
+#define WRITE_AND_CHECK(doc, file)                                                                                               \
+    do {                                                                                                                         \
+        QVERIFY((doc)->write(file));                                                                                             \
+        QCOMPARE(qpdfProblems(file), QString());                                                                                 \
     } while (false)
 
-QString firstLine(const std::shared_ptr<PdfPage> &page) { return page->text().section('\n', 0, 0); }
+QString firstLine(const std::shared_ptr<PdfPage> &page)
+{
+    return page->text().section('\n', 0, 0);
+}
 
 std::shared_ptr<PdfAnnotation> square(QRectF bounds, QColor stroke, QColor fill = {})
 {
@@ -196,7 +205,6 @@ std::shared_ptr<PdfAnnotation> square(QRectF bounds, QColor stroke, QColor fill 
     a->setBorderWidth(4);
     return a;
 }
-
 
 } // namespace
 
@@ -489,14 +497,39 @@ std::vector<Expected> everyKind()
     return {
         {PdfAnnotation::Square, {72, 500, 100, 60}, QColor(255, 0, 0, 200), QColor(0, 0, 255, 100), 3, {}, {}, {}, {}, {}},
         {PdfAnnotation::Circle, {200, 500, 80, 60}, QColor(0, 128, 0), {}, 2, "round", {}, {}, {}, {}},
-        {PdfAnnotation::Ink, {300, 500, 100, 60}, QColor(0, 0, 255), {}, 3, {}, {}, {QPolygonF({{3, 3}, {50, 57}, {97, 3}})}, {}, {}},
+        {PdfAnnotation::Ink,
+         {300, 500, 100, 60},
+         QColor(0, 0, 255),
+         {},
+         3,
+         {},
+         {},
+         {QPolygonF({{3, 3}, {50, 57}, {97, 3}})},
+         {},
+         {}},
         {PdfAnnotation::Highlight, {72, 640, 150, 30}, QColor(255, 255, 0, 128), {}, {}, {}, twoLines, {}, {}, {}},
         {PdfAnnotation::Underline, {250, 640, 150, 30}, QColor(255, 0, 255), {}, {}, {}, twoLines, {}, {}, {}},
         {PdfAnnotation::StrikeOut, {420, 640, 150, 30}, QColor(0, 160, 160), {}, {}, {}, twoLines, {}, {}, {}},
-        {PdfAnnotation::FreeText, {72, 400, 240, 30}, QColor(0, 0, 0, 0), {}, 0, "A note\nover two lines", {}, {},
-         PdfFont{"DejaVu Sans", 14}, QColor(0, 0, 200)},
-        {PdfAnnotation::FreeText, {320, 400, 200, 24}, QColor(250, 240, 230), {}, 0, "Replaced line", {}, {},
-         PdfFont{"Times-Roman", 12}, QColor(0, 0, 0)},
+        {PdfAnnotation::FreeText,
+         {72, 400, 240, 30},
+         QColor(0, 0, 0, 0),
+         {},
+         0,
+         "A note\nover two lines",
+         {},
+         {},
+         PdfFont{"DejaVu Sans", 14},
+         QColor(0, 0, 200)},
+        {PdfAnnotation::FreeText,
+         {320, 400, 200, 24},
+         QColor(250, 240, 230),
+         {},
+         0,
+         "Replaced line",
+         {},
+         {},
+         PdfFont{"Times-Roman", 12},
+         QColor(0, 0, 0)},
     };
 }
 
@@ -571,8 +604,8 @@ void TestEngine::annotationsRoundTripThroughFiles()
         const auto &a = read[i];
         const QString what = QString("%1 #%2").arg(e.type).arg(i);
         QCOMPARE(a->type(), e.type);
-        QVERIFY2(QRectF(a->bounds()).adjusted(-0.01, -0.01, 0.01, 0.01).contains(e.bounds)
-                     && e.bounds.adjusted(-0.01, -0.01, 0.01, 0.01).contains(a->bounds()),
+        QVERIFY2(QRectF(a->bounds()).adjusted(-0.01, -0.01, 0.01, 0.01).contains(e.bounds) &&
+                     e.bounds.adjusted(-0.01, -0.01, 0.01, 0.01).contains(a->bounds()),
                  qPrintable(what));
         QVERIFY2(sameColor(a->color(), e.color), qPrintable(what));
         QVERIFY2(sameColor(a->interiorColor(), e.interior), qPrintable(what));
@@ -1009,7 +1042,8 @@ void TestEngine::textSelections()
     QVERIFY(!across.bounds(p0).contains(QPointF(100, 722)));
 
     // On the rotated page the same page-space points find the same text.
-    QCOMPARE(p2->selectionForLine({200, 683})->string(), QString("The quick brown fox jumps over the lazy dog, line 1 of page 3."));
+    QCOMPARE(p2->selectionForLine({200, 683})->string(),
+             QString("The quick brown fox jumps over the lazy dog, line 1 of page 3."));
     QCOMPARE(p2->selectionForWord({72 + 55.36 + 10, 683})->string(), QString("brown"));
 }
 
@@ -1017,9 +1051,11 @@ void TestEngine::links()
 {
     std::vector<PageSpec> pages = fixtures::numberedPages(2);
     // The first page is object 4 in files the builder makes.
-    pages[1].annotations.push_back({"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [4 0 R /XYZ 72 700 0]", QRectF(72, 100, 128, 20), ""});
     pages[1].annotations.push_back(
-        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /A << /S /URI /URI (https://example.org/help) >>", QRectF(300, 100, 100, 20), ""});
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [4 0 R /XYZ 72 700 0]", QRectF(72, 100, 128, 20), ""});
+    pages[1].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /A << /S /URI /URI (https://example.org/help) >>",
+         QRectF(300, 100, 100, 20), ""});
     QVERIFY(fixtures::writePdf(path("links.pdf"), pages));
     auto doc = PdfDocument::open(path("links.pdf"));
     auto links = doc->page(1)->links();
@@ -1081,8 +1117,8 @@ void TestEngine::writingIsAtomic()
     // A folder the user may not write to: the old file is left as it was, and
     // no temporary file is left behind.
     QTemporaryDir locked;
-    QVERIFY(QFile::setPermissions(locked.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-                                                     | QFileDevice::ReadOther | QFileDevice::ExeOther));
+    QVERIFY(QFile::setPermissions(locked.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
+                                                     QFileDevice::ReadOther | QFileDevice::ExeOther));
     const QString old = locked.filePath("old.pdf");
     QVERIFY(QFile::copy(path("keep.pdf"), old));
     QVERIFY(QFile::setPermissions(old, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther));
@@ -1114,14 +1150,42 @@ void TestEngine::writingIsAtomic()
     linked->removePage(0);
     WRITE_AND_CHECK(linked, link);
     QVERIFY(QFileInfo(link).isSymLink());
-    const auto modeBits = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner | QFileDevice::ReadGroup
-                          | QFileDevice::WriteGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther
-                          | QFileDevice::ExeOther;
+    const auto modeBits = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner | QFileDevice::ReadGroup |
+                          QFileDevice::WriteGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther |
+                          QFileDevice::ExeOther;
     QCOMPARE(QFile::permissions(target) & modeBits, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup);
     auto reopened = PdfDocument::open(target);
     QCOMPARE(reopened->pageCount(), 1);
     QCOMPARE(firstLine(reopened->page(0)), QString("Page 2"));
     QCOMPARE(reopened->page(0)->annotations().size(), size_t(1));
+
+    // Many documents written together: each as a whole where it can be
+    // written (over an existing file too, keeping its permissions), the others
+    // not at all, and no temporary file left behind in either folder.
+    const QString batchFolder = path("batch");
+    QVERIFY(QDir().mkpath(batchFolder));
+    const QString existing = batchFolder + "/b.pdf";
+    QVERIFY(fixtures::writePdf(existing, fixtures::numberedPages(1)));
+    QVERIFY(QFile::setPermissions(existing, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+    auto three = PdfDocument::open(path("keep.pdf"));
+    three->removePage(0);
+    const auto written = PdfDocument::writeAll({{doc, batchFolder + "/a.pdf"},
+                                                {three, existing},
+                                                {doc, locked.filePath("refused.pdf")},
+                                                {nullptr, batchFolder + "/none.pdf"},
+                                                {doc, path("no-such-folder/c.pdf")}});
+    QCOMPARE(written, (std::vector<bool>{true, true, true, false, false}));
+    QCOMPARE(PdfDocument::open(batchFolder + "/a.pdf")->pageCount(), 2);
+    QCOMPARE(firstLine(PdfDocument::open(existing)->page(0)), QString("Page 2"));
+    QCOMPARE(QFile::permissions(existing) & modeBits, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    QCOMPARE(QDir(batchFolder).entryList(QDir::Files | QDir::Hidden), (QStringList{"a.pdf", "b.pdf"}));
+    {
+        ActAsNobody nobody;
+        QVERIFY(nobody.ok());
+        const auto refused = PdfDocument::writeAll({{doc, locked.filePath("other.pdf")}, {doc, path("batch/d.pdf")}});
+        QCOMPARE(refused, (std::vector<bool>{false, false}));
+    }
+    QCOMPARE(QDir(locked.path()).entryList(QDir::Files | QDir::Hidden), (QStringList{"old.pdf", "refused.pdf"}));
 }
 
 int runEngineTests(int argc, char **argv)

@@ -407,6 +407,19 @@ void TestPageStructure::deletePage()
     COMPARE_OUTLINE(pdf.outline(), (Outline{{"Intro", 0, {}}, {"Part", 1, {{"Chapter 2", 1, {}}}}, {"End", 2, {}}}));
     QCOMPARE(namedPages(pdf, {"chap2", "end", "shared"}), QList<int>({1, 2, -2}));
     QCOMPARE(fieldSummary(pdf), QStringList({"name=Alice@0", "shared=A@1"}));
+
+    // The page put back (as undo does) finds everything that led to it again.
+    auto restored = PdfDocument::open(alpha_.path);
+    auto third = restored->page(2);
+    QVERIFY(restored->removePage(2));
+    written(restored, "deleted-again.pdf");
+    QVERIFY(restored->insert(third, 2));
+    const QString back = written(restored, "restored.pdf");
+    VERIFY_NO_PROBLEMS(soundness(back));
+    VERIFY_NO_PROBLEMS(pageProblems(back, originsOf(alpha_, {0, 1, 2, 3})));
+    const inspect::PdfObjects again(back);
+    COMPARE_OUTLINE(again.outline(), outlineOf(alpha_.spec, alpha_.spec.outline));
+    QCOMPARE(fieldSummary(again), QStringList({"city=@2", "name=Alice@0", "shared=A@1"}));
 }
 
 void TestPageStructure::movePages()

@@ -328,9 +328,9 @@ bool writePdf(const QString &path, const std::vector<PageSpec> &pages)
     return writeFile(path, buildPdf(pages));
 }
 
-bool writeStructuredPdf(const QString &path, const StructuredSpec &spec)
+bool writeStructuredPdf(const QString &path, const StructuredSpec &document)
 {
-    return writeFile(path, buildStructuredPdf(spec));
+    return writeFile(path, buildStructuredPdf(document));
 }
 
 std::vector<PageSpec> numberedPages(int count, int linesPerPage)

@@ -513,8 +513,7 @@ std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core)
 // Copies of the source outline entries from position `first` on that lead
 // to copied pages or elsewhere, or have entries below them that do; an entry
 // kept only for those loses its destination.
-std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &pages, const OutlineIndex &outline, int first,
-                             int depth)
+std::vector<Obj> copyEntries(Graft &graft, const PageIndex &pages, const OutlineIndex &outline, int first, int depth)
 {
     std::vector<Obj> result;
     if (depth > maxDepth)
@@ -522,7 +521,7 @@ std::vector<Obj> copyEntries(CopyState &state, Graft &graft, const PageIndex &pa
     pdf_document *dst = graft.destination();
     for (int at = first; at >= 0; at = outline.entries[size_t(at)].next) {
         const OutlineIndex::Entry &source = outline.entries[size_t(at)];
-        std::vector<Obj> children = copyEntries(state, graft, pages, outline, source.firstChild, depth + 1);
+        std::vector<Obj> children = copyEntries(graft, pages, outline, source.firstChild, depth + 1);
         const int copy = source.page > 0 ? graft.copyOfPage(source.page) : 0;
         const bool dropped = source.local && !(copy && pages.count(copy));
         if (dropped && children.empty())
@@ -598,7 +597,7 @@ Carried carryOutline(CopyState &state, Graft &graft, const PageIndex &index)
         return carried;
     pdf_document *dst = graft.destination();
     const auto outline = outlineOf(*graft.source());
-    carried.entries = copyEntries(state, graft, index, *outline, outline->first, 0);
+    carried.entries = copyEntries(graft, index, *outline, outline->first, 0);
     auto group = state.outlineGroups.find(graft.source().get());
     if (group == state.outlineGroups.end())
         return carried;

@@ -361,6 +361,17 @@ void TestPageStructure::extract()
     COMPARE_OUTLINE(pdf.outline(), (Outline{{"Intro", 0, {}}, {"End", 1, {}}}));
     QCOMPARE(namedPages(pdf, {"end"}), QList<int>{1});
     QCOMPARE(fieldSummary(pdf), QStringList({"name=Alice@0"}));
+
+    // Entries that lead nowhere stay only for the entries below them that stay.
+    StructuredSpec headings;
+    headings.pages = fixtures::numberedPages(2, 1);
+    headings.outline = {{"Heading", -1, {}, {{"Two", 1}}}, {"Loose", -1}, {"One", 0}};
+    QVERIFY(fixtures::writeStructuredPdf(path("headings.pdf"), headings));
+    auto source = PdfDocument::open(path("headings.pdf"));
+    COMPARE_OUTLINE(inspect::PdfObjects(written(PageOperations::extractPages(source, {0}), "one.pdf")).outline(),
+                    (Outline{{"One", 0, {}}}));
+    COMPARE_OUTLINE(inspect::PdfObjects(written(PageOperations::extractPages(source, {1}), "two.pdf")).outline(),
+                    (Outline{{"Heading", -1, {{"Two", 0, {}}}}}));
 }
 
 void TestPageStructure::insert()

@@ -487,6 +487,7 @@ int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int depth,
             OutlineIndex::Entry &entry = index.entries[size_t(at)];
             pdf_obj *dest = localDestination(c, item.get());
             entry.local = dest != nullptr;
+            entry.leads = entry.local || pdf_dict_get(c, item.get(), PDF_NAME(A));
             entry.page = dest ? destinationPage(c, doc, dest) : 0;
             entry.open = pdf_dict_get_int(c, item.get(), PDF_NAME(Count)) >= 0;
         });
@@ -523,7 +524,9 @@ std::vector<Obj> copyEntries(Graft &graft, const PageIndex &pages, const Outline
         const OutlineIndex::Entry &source = outline.entries[size_t(at)];
         std::vector<Obj> children = copyEntries(graft, pages, outline, source.firstChild, depth + 1);
         const int copy = source.page > 0 ? graft.copyOfPage(source.page) : 0;
-        const bool dropped = source.local && !(copy && pages.count(copy));
+        // An entry leading to a page left behind, or nowhere at all, stays
+        // only for entries below it; one leading out of the document stays.
+        const bool dropped = source.local ? !(copy && pages.count(copy)) : !source.leads;
         if (dropped && children.empty())
             continue;
         Obj entry(mu::call([&](fz_context *c) {

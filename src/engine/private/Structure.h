@@ -18,8 +18,10 @@ struct OutlineIndex {
         mu::Obj item;
         int firstChild = -1;
         int next = -1;
-        // Whether it leads to a place in its document, and the object
-        // number of that page (0: none that can be read).
+        // Whether it leads anywhere (a destination or an action), whether
+        // to a place in its document, and the object number of that page
+        // (0: none that can be read).
+        bool leads = false;
         bool local = false;
         int page = 0;
         bool open = true;

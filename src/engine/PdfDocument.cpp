@@ -816,7 +816,9 @@ std::vector<bool> PdfDocument::writeAll(const std::vector<std::pair<std::shared_
     safesave::Batch batch;
     std::vector<bool> staged(files.size(), false);
     for (size_t i = 0; i < files.size(); ++i) {
-        const auto &[document, path] = files[i];
+        // Named rather than bound: clang does not let lambdas capture structured bindings.
+        const std::shared_ptr<PdfDocument> &document = files[i].first;
+        const QString &path = files[i].second;
         staged[i] = document && !path.isEmpty() &&
                     document->serialize({}, [&](const char *data, qint64 size) { return batch.stage(path, data, size); });
         if (step)

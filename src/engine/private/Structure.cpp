@@ -189,13 +189,13 @@ void writeDestinationNames(CopyState &state, pdf_document *dst)
         std::string name = mu::call([&](fz_context *c) { return nameText(c, pdf_dict_get_key(c, tree.get(), i)); });
         all[name] = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, pdf_dict_get_val(c, tree.get(), i)); }));
     }
-    for (auto &[name, dest] : state.carriedDestinations)
-        all[name] = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, dest); }));
+    for (const auto &carried : state.carriedDestinations)
+        all[carried.first] = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.second); }));
     Obj names(mu::call([&](fz_context *c) { return pdf_new_array(c, dst, int(all.size() * 2)); }));
-    for (const auto &[name, dest] : all)
+    for (const auto &entry : all)
         mu::call([&](fz_context *c) {
-            pdf_array_push_drop(c, names.get(), pdf_new_string(c, name.data(), name.size()));
-            pdf_array_push(c, names.get(), dest.get());
+            pdf_array_push_drop(c, names.get(), pdf_new_string(c, entry.first.data(), entry.first.size()));
+            pdf_array_push(c, names.get(), entry.second.get());
         });
     mu::call([&](fz_context *c) {
         pdf_obj *root = rootOf(c, dst);
@@ -321,7 +321,9 @@ void settleNames(CopyState &state, pdf_document *dst, const std::unordered_map<i
     }
     std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
     for (auto &[first, graft] : order) {
-        for (auto &[name, carried] : graft->names) {
+        for (auto &named : graft->names) {
+            const std::string &name = named.first;
+            const Graft::CarriedName &carried = named.second;
             if (!carried.destination)
                 continue;
             loadDestinationNames(state, dst);
@@ -330,9 +332,9 @@ void settleNames(CopyState &state, pdf_document *dst, const std::unordered_map<i
             state.carriedDestinations.emplace(
                 final, mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.destination.get()); }));
             if (final != name)
-                for (const auto &[holder, key] : carried.uses)
+                for (const auto &use : carried.uses)
                     mu::call([&](fz_context *c) {
-                        pdf_dict_put_drop(c, holder.get(), key, pdf_new_string(c, final.data(), final.size()));
+                        pdf_dict_put_drop(c, use.first.get(), use.second, pdf_new_string(c, final.data(), final.size()));
                     });
         }
         for (const Obj &field : graft->topFields) {
@@ -673,7 +675,9 @@ void tieAnnotations(CopyState &state, Graft &graft)
 {
     auto copied = std::move(graft.copiedAnnotations);
     graft.copiedAnnotations.clear();
-    for (const auto &[source, copy] : copied) {
+    for (const auto &pair : copied) {
+        const Obj &source = pair.first;
+        const Obj &copy = pair.second;
         try {
             carryNames(graft, copy.get());
             if (mu::call([&](fz_context *c) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -424,36 +425,43 @@ void adoptWidget(CopyState &state, Graft &graft, pdf_obj *source, pdf_obj *copy)
 
 using PageIndex = std::unordered_map<int, int>;
 
-// Links `children` (outline entries) under `parent` in their order, with the
-// count of entries shown below it (negative when it is closed).
-void linkChildren(pdf_obj *parent, const std::vector<Obj> &children, bool open)
+// Sets dict[key] to a value (null: removes the key).
+using Put = std::function<void(pdf_obj *dict, pdf_obj *key, pdf_obj *value)>;
+
+void putNow(pdf_obj *dict, pdf_obj *key, pdf_obj *value)
 {
     mu::call([&](fz_context *c) {
-        const size_t n = children.size();
-        if (n == 0) {
-            pdf_dict_del(c, parent, PDF_NAME(First));
-            pdf_dict_del(c, parent, PDF_NAME(Last));
-            pdf_dict_del(c, parent, PDF_NAME(Count));
-            return;
-        }
-        int shown = 0;
-        for (size_t i = 0; i < n; ++i) {
-            pdf_obj *child = children[i].get();
-            pdf_dict_put(c, child, PDF_NAME(Parent), parent);
-            if (i > 0)
-                pdf_dict_put(c, child, PDF_NAME(Prev), children[i - 1].get());
-            else
-                pdf_dict_del(c, child, PDF_NAME(Prev));
-            if (i + 1 < n)
-                pdf_dict_put(c, child, PDF_NAME(Next), children[i + 1].get());
-            else
-                pdf_dict_del(c, child, PDF_NAME(Next));
-            shown += 1 + std::max(0, int(pdf_dict_get_int(c, child, PDF_NAME(Count))));
-        }
-        pdf_dict_put(c, parent, PDF_NAME(First), children.front().get());
-        pdf_dict_put(c, parent, PDF_NAME(Last), children.back().get());
-        pdf_dict_put_int(c, parent, PDF_NAME(Count), open ? shown : -shown);
+        if (value)
+            pdf_dict_put(c, dict, key, value);
+        else
+            pdf_dict_del(c, dict, key);
     });
+}
+
+// Links `children` (outline entries) under `parent` in their order, with the
+// count of entries shown below it (negative when it is closed), through `put`.
+void linkChildren(pdf_obj *parent, const std::vector<pdf_obj *> &children, bool open, const Put &put = putNow)
+{
+    int shown = 0;
+    for (size_t i = 0; i < children.size(); ++i) {
+        pdf_obj *child = children[i];
+        put(child, PDF_NAME(Parent), parent);
+        put(child, PDF_NAME(Prev), i > 0 ? children[i - 1] : nullptr);
+        put(child, PDF_NAME(Next), i + 1 < children.size() ? children[i + 1] : nullptr);
+        shown += 1 + std::max(0, mu::call([&](fz_context *c) { return int(pdf_dict_get_int(c, child, PDF_NAME(Count))); }));
+    }
+    put(parent, PDF_NAME(First), children.empty() ? nullptr : children.front());
+    put(parent, PDF_NAME(Last), children.empty() ? nullptr : children.back());
+    Obj count(children.empty() ? nullptr : mu::call([&](fz_context *c) { return pdf_new_int(c, open ? shown : -shown); }));
+    put(parent, PDF_NAME(Count), count.get());
+}
+
+std::vector<pdf_obj *> pointers(const std::vector<Obj> &objects)
+{
+    std::vector<pdf_obj *> out;
+    for (const Obj &object : objects)
+        out.push_back(object.get());
+    return out;
 }
 
 // The outline entries of a chain (references kept).
@@ -550,7 +558,7 @@ std::vector<Obj> copyEntries(Graft &graft, const PageIndex &pages, const Outline
         }));
         if (!dropped)
             carryNames(graft, entry.get());
-        linkChildren(entry.get(), children, source.open);
+        linkChildren(entry.get(), pointers(children), source.open);
         result.push_back(std::move(entry));
     }
     return result;
@@ -625,7 +633,7 @@ Carried carryOutline(CopyState &state, Graft &graft, const PageIndex &index)
         }
         return made;
     }));
-    linkChildren(entry.get(), carried.entries, true);
+    linkChildren(entry.get(), pointers(carried.entries), true);
     carried.entries.clear();
     carried.entries.push_back(std::move(entry));
     return carried;
@@ -666,7 +674,7 @@ void placeInOutline(CopyState &state, pdf_document *dst, const PageIndex &index,
     for (Obj &entry : carried.entries)
         if (entry)
             all.push_back(std::move(entry));
-    linkChildren(outlines, all, true);
+    linkChildren(outlines, pointers(all), true);
 }
 
 } // namespace
@@ -786,15 +794,14 @@ private:
     {
         pdf_obj *annots = mu::call([&](fz_context *c) { return pdf_dict_get(c, page, PDF_NAME(Annots)); });
         const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, annots); });
-        std::vector<int> dropped;
+        std::vector<int> keep;
         for (int i = 0; i < n; ++i) {
             pdf_obj *annot = mu::call([&](fz_context *c) { return pdf_array_get(c, annots, i); });
             const bool link = mu::call(
                 [&](fz_context *c) { return pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Link)); });
-            if (link && gone(mu::call([&](fz_context *c) { return localDestination(c, annot); }))) {
-                dropped.push_back(i);
+            if (link && gone(mu::call([&](fz_context *c) { return localDestination(c, annot); })))
                 continue;
-            }
+            keep.push_back(i);
             if (!link && gone(mu::call([&](fz_context *c) { return pdf_dict_get(c, annot, PDF_NAME(Dest)); })))
                 trim_.put(annot, PDF_NAME(Dest), nullptr);
             pdf_obj *action = mu::call([&](fz_context *c) { return pdf_dict_get(c, annot, PDF_NAME(A)); });
@@ -812,17 +819,7 @@ private:
             if (elsewhere)
                 trim_.put(annot, PDF_NAME(P), page);
         }
-        if (dropped.empty())
-            return;
-        Obj kept(mu::call([&](fz_context *c) { return pdf_new_array(c, doc_, n); }));
-        for (int i = 0, d = 0; i < n; ++i) {
-            if (d < int(dropped.size()) && dropped[size_t(d)] == i) {
-                ++d;
-                continue;
-            }
-            mu::call([&](fz_context *c) { pdf_array_push(c, kept.get(), pdf_array_get(c, annots, i)); });
-        }
-        trim_.put(page, PDF_NAME(Annots), kept.get());
+        putKept(page, PDF_NAME(Annots), annots, keep);
     }
 
     // An outline entry that stays, with the entries below it that stay.
@@ -870,24 +867,35 @@ private:
             relink(outlines, top, true);
     }
 
-    // Links `children` under `parent` through the trim, the children's own
-    // first, so each count sees the counts below it.
+    // Links what stays of the outline again through the trim, each entry's
+    // children first, so each count sees the counts below it.
     void relink(pdf_obj *parent, const std::vector<Entry> &children, bool open)
     {
-        int shown = 0;
-        for (size_t i = 0; i < children.size(); ++i) {
-            pdf_obj *child = children[i].item.get();
-            const bool childOpen = mu::call([&](fz_context *c) { return pdf_dict_get_int(c, child, PDF_NAME(Count)) >= 0; });
-            relink(child, children[i].children, childOpen);
-            trim_.put(child, PDF_NAME(Parent), parent);
-            trim_.put(child, PDF_NAME(Prev), i > 0 ? children[i - 1].item.get() : nullptr);
-            trim_.put(child, PDF_NAME(Next), i + 1 < children.size() ? children[i + 1].item.get() : nullptr);
-            shown += 1 + std::max(0, mu::call([&](fz_context *c) { return int(pdf_dict_get_int(c, child, PDF_NAME(Count))); }));
+        std::vector<pdf_obj *> items;
+        for (const Entry &child : children) {
+            const bool childOpen =
+                mu::call([&](fz_context *c) { return pdf_dict_get_int(c, child.item.get(), PDF_NAME(Count)) >= 0; });
+            relink(child.item.get(), child.children, childOpen);
+            items.push_back(child.item.get());
         }
-        trim_.put(parent, PDF_NAME(First), children.empty() ? nullptr : children.front().item.get());
-        trim_.put(parent, PDF_NAME(Last), children.empty() ? nullptr : children.back().item.get());
-        Obj count(children.empty() ? nullptr : mu::call([&](fz_context *c) { return pdf_new_int(c, open ? shown : -shown); }));
-        trim_.put(parent, PDF_NAME(Count), count.get());
+        linkChildren(parent, items, open, [this](pdf_obj *dict, pdf_obj *key, pdf_obj *value) { trim_.put(dict, key, value); });
+    }
+
+    // Puts in holder[key], for the time of the save, a list of the entries
+    // of `list` at the positions `keep`, each with the `group - 1` entries
+    // after it; nothing when every entry is kept.
+    void putKept(pdf_obj *holder, pdf_obj *key, pdf_obj *list, const std::vector<int> &keep, int group = 1)
+    {
+        const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, list); });
+        if (int(keep.size()) * group >= n - n % group)
+            return;
+        Obj kept(mu::call([&](fz_context *c) { return pdf_new_array(c, doc_, int(keep.size()) * group); }));
+        for (int i : keep)
+            mu::call([&](fz_context *c) {
+                for (int k = 0; k < group; ++k)
+                    pdf_array_push(c, kept.get(), pdf_array_get(c, list, i + k));
+            });
+        trim_.put(holder, key, kept.get());
     }
 
     void trimOpenAction()
@@ -910,15 +918,7 @@ private:
         for (int i = 0; i + 1 < n; i += 2)
             if (!gone(mu::call([&](fz_context *c) { return pdf_array_get(c, names, i + 1); })))
                 keep.push_back(i);
-        if (int(keep.size()) * 2 < n - n % 2) {
-            Obj kept(mu::call([&](fz_context *c) { return pdf_new_array(c, doc_, int(keep.size()) * 2); }));
-            for (int i : keep)
-                mu::call([&](fz_context *c) {
-                    pdf_array_push(c, kept.get(), pdf_array_get(c, names, i));
-                    pdf_array_push(c, kept.get(), pdf_array_get(c, names, i + 1));
-                });
-            trim_.put(node, PDF_NAME(Names), kept.get());
-        }
+        putKept(node, PDF_NAME(Names), names, keep, 2);
         pdf_obj *kids = mu::call([&](fz_context *c) { return pdf_dict_get(c, node, PDF_NAME(Kids)); });
         const int k = mu::call([&](fz_context *c) { return pdf_array_len(c, kids); });
         for (int i = 0; i < k; ++i)
@@ -964,12 +964,7 @@ private:
             else
                 goneFields_.insert(mu::call([&](fz_context *c) { return pdf_to_num(c, field); }));
         }
-        if (int(keep.size()) < n) {
-            Obj kept(mu::call([&](fz_context *c) { return pdf_new_array(c, doc_, int(keep.size())); }));
-            for (int i : keep)
-                mu::call([&](fz_context *c) { pdf_array_push(c, kept.get(), pdf_array_get(c, list, i)); });
-            trim_.put(holder, key, kept.get());
-        }
+        putKept(holder, key, list, keep);
         return int(keep.size());
     }
 
@@ -986,17 +981,11 @@ private:
         Obj key(mu::call([&](fz_context *c) { return pdf_new_name(c, "CO"); }));
         pdf_obj *order = mu::call([&](fz_context *c) { return pdf_dict_get(c, form, key.get()); });
         const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, order); });
-        Obj kept(mu::call([&](fz_context *c) { return pdf_new_array(c, doc_, n); }));
-        int left = 0;
-        for (int i = 0; i < n; ++i) {
-            pdf_obj *field = mu::call([&](fz_context *c) { return pdf_array_get(c, order, i); });
-            if (goneFields_.count(mu::call([&](fz_context *c) { return pdf_to_num(c, field); })))
-                continue;
-            mu::call([&](fz_context *c) { pdf_array_push(c, kept.get(), field); });
-            ++left;
-        }
-        if (left < n)
-            trim_.put(form, key.get(), kept.get());
+        std::vector<int> keep;
+        for (int i = 0; i < n; ++i)
+            if (!goneFields_.count(mu::call([&](fz_context *c) { return pdf_to_num(c, pdf_array_get(c, order, i)); })))
+                keep.push_back(i);
+        putKept(form, key.get(), order, keep);
     }
 
     SaveTrim &trim_;

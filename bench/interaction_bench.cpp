@@ -378,7 +378,6 @@ int main(int argc, char **argv)
         return 1;
     }
     scene.view.setDocument(scene.model.pdfDocument());
-    scene.model.attach(&scene.view);
     scene.overlay = new TimedOverlay(&scene.tools, &scene.model);
     scene.overlay->setPdfView(&scene.view);
     scene.view.setOverlay(scene.overlay);

@@ -90,7 +90,6 @@ Result replaceLine(const QString &name, const QString &path, const QString &work
     if (!model.pdfDocument())
         return result;
     view.setDocument(model.pdfDocument());
-    model.attach(&view);
     auto *overlay = new DrawingOverlayView(&tools, &model);
     overlay->setPdfView(&view);
     view.setOverlay(overlay);

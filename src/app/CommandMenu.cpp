@@ -1,5 +1,6 @@
 #include "CommandMenu.h"
 
+#include "ContentView.h"
 #include "DocumentModel.h"
 #include "PdfView.h"
 
@@ -9,8 +10,8 @@
 #include <QMenuBar>
 #include <QToolBar>
 
-CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindowAction)
-    : QObject(window), model_(model), newWindow_(std::move(newWindowAction))
+CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindowAction, PdfView *pdfView)
+    : QObject(window), model_(model), newWindow_(std::move(newWindowAction)), view_(pdfView)
 {
     QMenuBar *bar = window->menuBar();
     QMenu *file = bar->addMenu(tr("&File"));
@@ -41,9 +42,9 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
                  &CommandMenu::performZoomIn);
     zoomOut = add(view, tr("Zoom Out"), {QKeySequence(Qt::CTRL | Qt::Key_Minus)}, &CommandMenu::performZoomOut);
 
-    for (auto signal : {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
-                        &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged,
-                        &DocumentModel::recentURLsChanged})
+    for (auto signal :
+         {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
+          &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged, &DocumentModel::recentURLsChanged})
         connect(model_, signal, this, &CommandMenu::update);
     connect(model_, &DocumentModel::recentURLsChanged, this, &CommandMenu::rebuildRecent);
     rebuildRecent();
@@ -90,16 +91,11 @@ void CommandMenu::rebuildRecent()
 
 void CommandMenu::performUndo()
 {
-    model_->history().performUndo();
-    model_->setIsDirty(true);
-    model_->setHistoryVersion(model_->historyVersion() + 1);
+    model_->undo();
 }
-
 void CommandMenu::performRedo()
 {
-    model_->history().performRedo();
-    model_->setIsDirty(true);
-    model_->setHistoryVersion(model_->historyVersion() + 1);
+    model_->redo();
 }
 
 void CommandMenu::performDelete()
@@ -114,25 +110,40 @@ void CommandMenu::performNewWindow()
         newWindow_();
 }
 
-void CommandMenu::performOpen() { model_->promptOpen(); }
-void CommandMenu::performSave() { model_->save(); }
-void CommandMenu::performSaveAs() { model_->promptSaveAs(); }
-void CommandMenu::performQuit() { QApplication::closeAllWindows(); }
+void CommandMenu::performOpen()
+{
+    model_->promptOpen();
+}
+void CommandMenu::performSave()
+{
+    model_->save();
+}
+void CommandMenu::performSaveAs()
+{
+    model_->promptSaveAs();
+}
+// Unsaved changes are settled once, before any window closes.
+void CommandMenu::performQuit()
+{
+    if (!model_->resolveUnsavedChanges())
+        return;
+    ContentView::closeWindowsOf(model_);
+}
 
 void CommandMenu::performActualSize()
 {
-    if (PdfView *view = model_->activePDFView())
-        view->setScaleFactor(1.0);
+    if (view_)
+        view_->setScaleFactor(1.0);
 }
 
 void CommandMenu::performZoomIn()
 {
-    if (PdfView *view = model_->activePDFView())
-        view->zoomIn();
+    if (view_)
+        view_->zoomIn();
 }
 
 void CommandMenu::performZoomOut()
 {
-    if (PdfView *view = model_->activePDFView())
-        view->zoomOut();
+    if (view_)
+        view_->zoomOut();
 }

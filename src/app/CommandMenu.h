@@ -1,9 +1,11 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
-// Selection), File (New Window, Open..., Open Recent, Save, Save As…) and View
-// (Actual Size, Zoom In, Zoom Out). Enabling follows the model.
+// Selection), File (New Window, Open..., Open Recent, Save, Save As…, Quit) and
+// View (Actual Size, Zoom In, Zoom Out). Enabling follows the model; the view
+// commands act on the page view of the window the menu belongs to.
 #pragma once
 
 #include <QObject>
+#include <QPointer>
 
 #include <functional>
 
@@ -11,11 +13,12 @@ class DocumentModel;
 class QAction;
 class QMainWindow;
 class QMenu;
+class PdfView;
 
 class CommandMenu : public QObject {
     Q_OBJECT
 public:
-    CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindow);
+    CommandMenu(DocumentModel *model, QMainWindow *window, std::function<void()> newWindow, PdfView *view = nullptr);
 
     QAction *undo = nullptr;
     QAction *redo = nullptr;
@@ -51,4 +54,5 @@ private:
 
     DocumentModel *model_;
     std::function<void()> newWindow_;
+    QPointer<PdfView> view_;
 };

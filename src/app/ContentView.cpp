@@ -3,6 +3,7 @@
 #include "AnnotationToolbarItems.h"
 #include "CommandMenu.h"
 #include "DocumentModel.h"
+#include "DrawingOverlayView.h"
 #include "ExtractPagesSheet.h"
 #include "Icons.h"
 #include "InsertPagesSheet.h"
@@ -25,6 +26,7 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
+#include <QShortcut>
 #include <QSplitter>
 #include <QStackedWidget>
 #include <QTimer>
@@ -80,7 +82,14 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     split->setSizes({170, 930});
     setCentralWidget(split);
 
-    commands_ = new CommandMenu(model_, this, std::move(newWindow));
+    commands_ = new CommandMenu(model_, this, std::move(newWindow), bridge_->pdfView());
+    annotationItems_->setPdfView(bridge_->pdfView());
+    // Escape drops a waiting signature wherever the keyboard focus is.
+    auto *cancelSignature = new QShortcut(QKeySequence(Qt::Key_Escape), this);
+    cancelSignature->setEnabled(false);
+    connect(cancelSignature, &QShortcut::activated, this, [this] { model_->setPendingSignatureImage({}); });
+    connect(model_, &DocumentModel::pendingSignatureImageChanged, cancelSignature,
+            [this, cancelSignature] { cancelSignature->setEnabled(!model_->pendingSignatureImage().isNull()); });
     // The toolbar buttons do what the menu commands do, under the same rules.
     auto mirror = [](QAction *button, QAction *command) {
         connect(button, &QAction::triggered, command, &QAction::trigger);
@@ -127,7 +136,8 @@ void ContentView::buildToolbar()
     toolGroup_ = new QWidget;
     toolGroup_->setLayout(new QHBoxLayout);
     toolGroup_->layout()->setContentsMargins(0, 0, 0, 0);
-    annotationItems_ = new AnnotationToolbarItems(model_, toolSettings_, [this] { setShowSignatureSheet(true); }, &Icons::get);
+    annotationItems_ = new AnnotationToolbarItems(
+        model_, toolSettings_, [this] { setShowSignatureSheet(true); }, &Icons::get);
     toolGroup_->layout()->addWidget(annotationItems_);
     bar->addWidget(toolGroup_);
     bar->addWidget(stretch());
@@ -221,9 +231,15 @@ void ContentView::updateDocumentArea()
     documentArea_->setCurrentWidget(model_->pdfDocument() ? documentPane_ : emptyState_);
 }
 
-bool ContentView::showsEmptyState() const { return documentArea_->currentWidget() == emptyState_; }
+bool ContentView::showsEmptyState() const
+{
+    return documentArea_->currentWidget() == emptyState_;
+}
 
-QString ContentView::bannerText() const { return banner_->isHidden() ? QString() : bannerLabel_->text(); }
+QString ContentView::bannerText() const
+{
+    return banner_->isHidden() ? QString() : bannerLabel_->text();
+}
 
 void ContentView::updateBanner()
 {
@@ -317,14 +333,18 @@ void ContentView::updatePasswordSheet()
 
 void ContentView::updateSheets()
 {
-    presentSheet(showMergeSheet_, mergeSheet_, [this] { return new MergeSheet(model_, this); }, &ContentView::setShowMergeSheet);
-    presentSheet(showSplitSheet_, splitSheet_, [this] { return new SplitSheet(model_, this); }, &ContentView::setShowSplitSheet);
-    presentSheet(showInsertSheet_, insertSheet_, [this] { return new InsertPagesSheet(model_, this); },
-                 &ContentView::setShowInsertSheet);
-    presentSheet(showExtractSheet_, extractSheet_, [this] { return new ExtractPagesSheet(model_, this); },
-                 &ContentView::setShowExtractSheet);
-    presentSheet(showSignatureSheet_, signatureSheet_, [this] { return new SignatureSheet(model_, this); },
-                 &ContentView::setShowSignatureSheet);
+    presentSheet(
+        showMergeSheet_, mergeSheet_, [this] { return new MergeSheet(model_, this); }, &ContentView::setShowMergeSheet);
+    presentSheet(
+        showSplitSheet_, splitSheet_, [this] { return new SplitSheet(model_, this); }, &ContentView::setShowSplitSheet);
+    presentSheet(
+        showInsertSheet_, insertSheet_, [this] { return new InsertPagesSheet(model_, this); }, &ContentView::setShowInsertSheet);
+    presentSheet(
+        showExtractSheet_, extractSheet_, [this] { return new ExtractPagesSheet(model_, this); },
+        &ContentView::setShowExtractSheet);
+    presentSheet(
+        showSignatureSheet_, signatureSheet_, [this] { return new SignatureSheet(model_, this); },
+        &ContentView::setShowSignatureSheet);
 }
 
 // A sheet is made afresh each time its flag turns true, and its flag turns
@@ -432,8 +452,34 @@ void ContentView::showEvent(QShowEvent *event)
 
 void ContentView::closeEvent(QCloseEvent *event)
 {
+    // What is being typed or dragged is settled first, then the document's changes.
+    bridge_->overlay()->finishInteraction();
+    if (askOnClose_ && isLastWindow() && !model_->resolveUnsavedChanges()) {
+        event->ignore();
+        return;
+    }
     // A password sheet closed with its window abandons the pending file.
     if (passwordSheet_)
         passwordSheet_->reject();
     QMainWindow::closeEvent(event);
+}
+
+bool ContentView::isLastWindow() const
+{
+    const auto windows = QApplication::topLevelWidgets();
+    return std::none_of(windows.begin(), windows.end(), [this](QWidget *widget) {
+        auto *other = qobject_cast<ContentView *>(widget);
+        return other && other != this && other->model_ == model_ && other->isVisible();
+    });
+}
+
+void ContentView::closeWindowsOf(DocumentModel *model)
+{
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        auto *window = qobject_cast<ContentView *>(widget);
+        if (window && window->model_ == model && window->isVisible()) {
+            window->askOnClose_ = false;
+            window->close();
+        }
+    }
 }

@@ -35,6 +35,10 @@ public:
     ContentView(DocumentModel *model, std::function<void()> newWindow = {}, QWidget *parent = nullptr);
     ~ContentView() override;
 
+    // Closes every window of the model without asking about unsaved changes
+    // (the caller has settled them).
+    static void closeWindowsOf(DocumentModel *model);
+
     ToolSettings *toolSettings() const { return toolSettings_; }
     CommandMenu *commands() const { return commands_; }
     PdfViewBridge *bridge() const { return bridge_; }
@@ -103,8 +107,11 @@ private:
     void updateErrorAlert();
     void updatePasswordSheet();
     void updateSheets();
-    void presentSheet(bool wanted, QPointer<QDialog> &sheet, const std::function<QDialog *()> &make, void (ContentView::*setFlag)(bool));
+    void presentSheet(bool wanted, QPointer<QDialog> &sheet, const std::function<QDialog *()> &make,
+                      void (ContentView::*setFlag)(bool));
     void placeBanner();
+    // True when no other window shows the model: closing this one ends the document.
+    bool isLastWindow() const;
 
     DocumentModel *model_;
     ToolSettings *toolSettings_;
@@ -136,6 +143,7 @@ private:
     QPointer<QDialog> extractSheet_;
     QPointer<QDialog> signatureSheet_;
     bool shown_ = false;
+    bool askOnClose_ = true;
     bool showMergeSheet_ = false;
     bool showSplitSheet_ = false;
     bool showInsertSheet_ = false;

@@ -18,7 +18,13 @@ PdfViewBridge::PdfViewBridge(DocumentModel *model, ToolSettings *toolSettings, Q
     layout->addWidget(view_);
     view_->setAutoScales(true);
     view_->setDocument(model_->pdfDocument());
-    model_->attach(view_);
+    // The text selected in this window reaches hasTextSelection one turn of the event loop later.
+    connect(view_, &PdfView::selectionChanged, this, [this] {
+        QTimer::singleShot(0, this, [this] {
+            const auto selection = view_->currentSelection();
+            model_->setHasTextSelection(selection && !selection->string().isEmpty());
+        });
+    });
     // The marks layer lies over the pages and follows their scrolling and zooming.
     overlay_->setPdfView(view_);
     view_->setOverlay(overlay_);
@@ -43,9 +49,9 @@ void PdfViewBridge::refresh()
         lockScaleAfterFit();
         return;
     }
+    // The view has laid out the new page list itself (the engine told it).
     if (lastMutationCount_ != model_->pageMutationCount()) {
         lastMutationCount_ = model_->pageMutationCount();
-        view_->reloadPages();
         scrollToPage(wanted);
         return;
     }

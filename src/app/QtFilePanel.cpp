@@ -3,6 +3,8 @@
 #include <QApplication>
 #include <QDir>
 #include <QFileDialog>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QStandardPaths>
 
 QString QtFilePanel::startFolder()
@@ -12,7 +14,10 @@ QString QtFilePanel::startFolder()
 }
 
 // The panel belongs to the given window, or else to the window in front.
-QWidget *QtFilePanel::owner() const { return window_ ? window_.data() : QApplication::activeWindow(); }
+QWidget *QtFilePanel::owner() const
+{
+    return window_ ? window_.data() : QApplication::activeWindow();
+}
 
 QStringList QtFilePanel::chooseFilesToOpen(Content content, bool multiple)
 {
@@ -51,4 +56,27 @@ QString QtFilePanel::chooseFolder()
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
         return {};
     return dialog.selectedFiles().first();
+}
+
+QString QtFilePanel::saveChangesQuestion(const QString &documentName)
+{
+    return QObject::tr("Do you want to save the changes to “%1”?").arg(documentName);
+}
+
+FilePanel::SaveAnswer QtFilePanel::askToSaveChanges(const QString &documentName)
+{
+    QMessageBox box(QMessageBox::Warning, QObject::tr("Save Changes"), saveChangesQuestion(documentName),
+                    QMessageBox::Save | QMessageBox::Discard | QMessageBox::Cancel, owner());
+    box.setInformativeText(QObject::tr("Your changes will be lost if you don't save them."));
+    box.button(QMessageBox::Discard)->setText(QObject::tr("Don't Save"));
+    box.setDefaultButton(QMessageBox::Save);
+    box.setWindowModality(Qt::WindowModal);
+    switch (box.exec()) {
+    case QMessageBox::Save:
+        return SaveAnswer::Save;
+    case QMessageBox::Discard:
+        return SaveAnswer::DontSave;
+    default:
+        return SaveAnswer::Cancel;
+    }
 }

@@ -1,5 +1,5 @@
-// The file choosers of the desktop (Qt's file dialogs), window-modal over the
-// window they belong to.
+// The file choosers of the desktop (Qt's file dialogs) and the question
+// about unsaved changes, window-modal over the window they belong to.
 #pragma once
 
 #include "FilePanel.h"
@@ -15,6 +15,9 @@ public:
     QStringList chooseFilesToOpen(Content content, bool multiple) override;
     QString chooseFileToSave(const QString &proposedName) override;
     QString chooseFolder() override;
+    SaveAnswer askToSaveChanges(const QString &documentName) override;
+
+    static QString saveChangesQuestion(const QString &documentName);
 
     // Where the choosers start: the user's documents folder, or the home
     // folder where there is none (a fresh home has no "Documents" yet).

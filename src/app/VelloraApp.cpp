@@ -7,6 +7,8 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QFileOpenEvent>
+#include <QGuiApplication>
+#include <QSessionManager>
 
 VelloraApp::VelloraApp(const QStringList &arguments, QObject *parent)
     : QObject(parent), arguments_(arguments), model_(new DocumentModel(this))
@@ -14,6 +16,17 @@ VelloraApp::VelloraApp(const QStringList &arguments, QObject *parent)
     model_->setFilePanel(std::make_shared<QtFilePanel>());
     if (QCoreApplication::instance())
         QCoreApplication::instance()->installEventFilter(this);
+    // The user logging out: unsaved changes are settled, or the logout is cancelled.
+    if (auto *gui = qobject_cast<QGuiApplication *>(QCoreApplication::instance()))
+        connect(gui, &QGuiApplication::commitDataRequest, this, [this](QSessionManager &manager) {
+            if (!manager.allowsInteraction())
+                return;
+            if (model_->resolveUnsavedChanges())
+                ContentView::closeWindowsOf(model_);
+            else
+                manager.cancel();
+            manager.release();
+        });
 }
 
 VelloraApp::~VelloraApp() = default;

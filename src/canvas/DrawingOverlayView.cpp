@@ -28,14 +28,6 @@ bool isImageStamp(const std::shared_ptr<PdfAnnotation> &annotation)
     return std::dynamic_pointer_cast<ImageStampAnnotation>(annotation) && !annotation->stampImage().isNull();
 }
 
-// Height, in page points, of a signature image placed 200 points wide.
-qreal signatureHeight(const QImage &image)
-{
-    if (image.width() <= 0)
-        return 66;
-    return std::clamp(200.0 * image.height() / image.width(), 40.0, 200.0);
-}
-
 bool isDeleteKey(int key)
 {
     return key == Qt::Key_Backspace || key == Qt::Key_Delete;
@@ -67,7 +59,14 @@ DrawingOverlayView::DrawingOverlayView(ToolSettings *toolSettings, DocumentModel
             refresh();
         },
         Qt::QueuedConnection);
-    connect(documentModel_, &DocumentModel::pageMutationCountChanged, this, &DrawingOverlayView::deselect, Qt::QueuedConnection);
+    // The selection is the model's: the frame, its handles and its keys follow it at once.
+    connect(documentModel_, &DocumentModel::selectedAnnotationChanged, this, &DrawingOverlayView::selectionChanged);
+    // Undo, redo or page work during a drag: the document decides where things are.
+    connect(documentModel_, &DocumentModel::historyVersionChanged, this, &DrawingOverlayView::cancelManipulation);
+    connect(documentModel_, &DocumentModel::pageMutationCountChanged, this, [this] {
+        cancelManipulation();
+        refresh();
+    });
     connect(
         documentModel_, &DocumentModel::pendingSignatureImageChanged, this,
         [this] {
@@ -96,15 +95,27 @@ void DrawingOverlayView::attachObservers()
         return;
     observing_ = true;
     connect(pdfView_, &PdfView::geometryChanged, this, &DrawingOverlayView::geometryChanged);
+    connect(pdfView_, &PdfView::renderingComplete, this, &DrawingOverlayView::endBridge);
 }
 
-// The editor keeps its place on the screen, so moving the pages under it ends the edit.
+// The editor keeps its place on the screen, so moving the pages under it ends
+// the edit; a drag goes on from the new place of its page.
 void DrawingOverlayView::geometryChanged()
 {
     if (inlineEditor_)
         commitInlineEdit();
+    bridge_.reset();
+    if (dragPicture_ && dragged_)
+        dragPicture_ = pictureOf(dragged_);
     lastPainted_ = QRectF();
     update();
+}
+
+void DrawingOverlayView::finishInteraction()
+{
+    commitInlineEdit();
+    cancelManipulation();
+    clearDrawing();
 }
 
 // ---- Routing ------------------------------------------------------------------
@@ -140,7 +151,7 @@ bool DrawingOverlayView::takesPress(QPointF pv) const
         return true;
     if (toolSettings_->currentTool() != AnnotationTool::none)
         return true;
-    if (selection_)
+    if (selection())
         return true;
     return annotationAt(pv).first != nullptr;
 }
@@ -148,10 +159,13 @@ bool DrawingOverlayView::takesPress(QPointF pv) const
 bool DrawingOverlayView::takesKey(const QKeyEvent *event) const
 {
     const int key = event->key();
+    const auto selected = selection();
     if (key == Qt::Key_Escape)
-        return inlineEditor_ || !documentModel_->pendingSignatureImage().isNull() || selection_;
-    if (isDeleteKey(key) || isArrowKey(key))
-        return selection_ != nullptr;
+        return inlineEditor_ || !documentModel_->pendingSignatureImage().isNull() || selected;
+    if (isDeleteKey(key))
+        return selected != nullptr;
+    if (isArrowKey(key))
+        return AnnotationFactory::isEditable(selected);
     return false;
 }
 
@@ -159,10 +173,11 @@ bool DrawingOverlayView::takesKey(const QKeyEvent *event) const
 
 std::optional<Handle> DrawingOverlayView::handle(QPointF pv) const
 {
-    if (!selection_ || !selectionPage_ || !pdfView_)
+    const auto selected = selection();
+    if (!selected || !pdfView_ || !AnnotationFactory::isEditable(selected))
         return std::nullopt;
-    const auto page = selectionPage_;
-    return overlayGeometry::handleAt(selection_->bounds(), pv,
+    const auto page = selected->page();
+    return overlayGeometry::handleAt(selected->bounds(), pv,
                                      [this, &page](QPointF p) { return pdfView_->convertFromPage(p, page); });
 }
 
@@ -174,7 +189,7 @@ std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>> DrawingOverl
     if (!page)
         return {};
     auto annotation = page->annotation(pdfView_->convertToPage(pv, page));
-    if (!annotation || !AnnotationFactory::isEditable(annotation))
+    if (!annotation || !AnnotationFactory::isSelectable(annotation))
         return {};
     return {annotation, page};
 }
@@ -186,41 +201,54 @@ QRectF DrawingOverlayView::resizedBounds(Handle handle, QPointF current, bool as
 
 void DrawingOverlayView::nudge(QKeyEvent *event)
 {
-    if (!selection_) {
+    const auto selected = selection();
+    if (!AnnotationFactory::isEditable(selected)) {
         QWidget::keyPressEvent(event);
         return;
     }
     const QPointF offset = overlayGeometry::nudgeOffset(event->key(), event->modifiers().testFlag(Qt::ShiftModifier));
-    const QRectF old = selection_->bounds();
-    documentModel_->setAnnotationBounds(selection_, old.translated(offset), old);
+    const QRectF old = selected->bounds();
+    documentModel_->setAnnotationBounds(selected, old.translated(offset), old);
     refresh();
 }
 
 // ---- Selection ----------------------------------------------------------------
 
+std::shared_ptr<PdfAnnotation> DrawingOverlayView::selection() const
+{
+    auto annotation = documentModel_->selectedAnnotation();
+    const auto page = annotation ? annotation->page() : nullptr;
+    if (!page || !pdfView_ || !pdfView_->document() || page->document() != pdfView_->document())
+        return nullptr;
+    return annotation;
+}
+
+std::shared_ptr<PdfPage> DrawingOverlayView::selectionPage() const
+{
+    const auto selected = selection();
+    return selected ? selected->page() : nullptr;
+}
+
 void DrawingOverlayView::select(const std::shared_ptr<PdfAnnotation> &annotation)
 {
-    selection_ = annotation;
     documentModel_->setSelectedAnnotation(annotation);
-    selectionPage_ = annotation ? annotation->page() : nullptr;
-    if (window())
+    if (annotation && window())
         setFocus(Qt::MouseFocusReason);
-    refresh();
 }
 
 void DrawingOverlayView::deselect()
 {
-    if (!selection_)
-        return;
-    // An annotation taken off its page for a drag that never ended goes back unchanged.
-    if (didBeginDrag_ && selectionPage_ && !selection_->page())
-        selectionPage_->addAnnotation(selection_);
-    selection_.reset();
-    documentModel_->setSelectedAnnotation(nullptr);
-    selectionPage_.reset();
-    dragMode_ = Idle{};
-    liveBounds_.reset();
-    didBeginDrag_ = false;
+    cancelManipulation();
+    if (documentModel_->selectedAnnotation())
+        documentModel_->setSelectedAnnotation(nullptr);
+}
+
+// Whatever changed the selection (a click here, another window, an undo, Edit >
+// Delete), the frame follows it; a drag of an annotation no longer selected ends.
+void DrawingOverlayView::selectionChanged()
+{
+    if (dragged_ && dragged_ != selection())
+        cancelManipulation();
     refresh();
 }
 
@@ -274,15 +302,16 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
             beginNewTextBox(page, pdfView_->convertToPage(pv, page));
         break;
     case AnnotationTool::ink:
-        inkPV_ = {pv};
-        inkBounds_ = QRectF(pv, pv);
-        inkCached_ = 0;
         activePage_ = pdfView_->pageAt(pv, true);
+        inkPV_ = {onActivePage(pv)};
+        inkBounds_ = QRectF(inkPV_.front(), inkPV_.front());
+        inkCached_ = 0;
         break;
     case AnnotationTool::rectangle:
     case AnnotationTool::circle:
-        shapeStartPV_ = shapeCurrentPV_ = pv;
         activePage_ = pdfView_->pageAt(pv, true);
+        shapeStartPV_ = shapeCurrentPV_ = onActivePage(pv);
+        shapeSquared_ = event->modifiers().testFlag(Qt::ShiftModifier);
         break;
     }
 }
@@ -291,35 +320,37 @@ void DrawingOverlayView::handleSelectMouseDown(QMouseEvent *, QPointF pv, int cl
 {
     if (!pdfView_)
         return;
-    if (selection_) {
-        if (auto corner = handle(pv)) {
-            beginManipulation(Resize{*corner}, pv);
-            return;
-        }
+    if (auto corner = handle(pv)) {
+        beginManipulation(Resize{*corner}, pv);
+        return;
     }
-    auto page = pdfView_->pageAt(pv, false);
-    auto annotation = page ? page->annotation(pdfView_->convertToPage(pv, page)) : nullptr;
-    if (!annotation || !AnnotationFactory::isEditable(annotation)) {
+    auto [annotation, page] = annotationAt(pv);
+    if (!annotation) {
         deselect();
         return;
     }
-    if (annotation != selection_)
+    if (annotation != selection())
         select(annotation);
     if (clickCount == 2 && annotation->type() == PdfAnnotation::FreeText) {
         beginEditExisting(annotation);
         return;
     }
-    beginManipulation(Move{}, pv);
+    // Text markup is selected to be deleted, not moved.
+    if (AnnotationFactory::isEditable(annotation))
+        beginManipulation(Move{}, pv);
 }
 
 void DrawingOverlayView::beginManipulation(DragMode mode, QPointF pv)
 {
-    if (!selection_ || !selectionPage_ || !pdfView_)
+    const auto selected = selection();
+    if (!selected || !pdfView_)
         return;
+    dragged_ = selected;
+    dragPage_ = selected->page();
     dragMode_ = mode;
-    dragStartPage_ = pdfView_->convertToPage(pv, selectionPage_);
-    originalBounds_ = selection_->bounds();
-    liveBounds_ = selection_->bounds();
+    dragStartPage_ = pdfView_->convertToPage(pv, dragPage_);
+    originalBounds_ = selected->bounds();
+    liveBounds_ = originalBounds_;
     didBeginDrag_ = false;
 }
 
@@ -328,7 +359,7 @@ void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
     if (!pdfView_ || event->buttons() == Qt::NoButton)
         return;
     if (!std::holds_alternative<Idle>(dragMode_)) {
-        updateManipulation(event->position());
+        updateManipulation(event->position(), event->modifiers());
         return;
     }
     const QPointF pv = event->position();
@@ -337,12 +368,13 @@ void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
         if (inkPV_.empty())
             return;
         const QPointF last = inkPV_.back();
-        inkPV_.push_back(pv);
-        inkBounds_.setCoords(std::min(inkBounds_.left(), pv.x()), std::min(inkBounds_.top(), pv.y()),
-                             std::max(inkBounds_.right(), pv.x()), std::max(inkBounds_.bottom(), pv.y()));
+        const QPointF next = onActivePage(pv);
+        inkPV_.push_back(next);
+        inkBounds_.setCoords(std::min(inkBounds_.left(), next.x()), std::min(inkBounds_.top(), next.y()),
+                             std::max(inkBounds_.right(), next.x()), std::max(inkBounds_.bottom(), next.y()));
         // Only the new segment needs painting.
-        const qreal pen = toolSettings_->lineWidth() + 2;
-        const QRectF segment = QRectF(last, pv).normalized().adjusted(-pen, -pen, pen, pen);
+        const qreal pen = toolSettings_->lineWidth() * pdfView_->scaleFactor() + 2;
+        const QRectF segment = QRectF(last, next).normalized().adjusted(-pen, -pen, pen, pen);
         lastPainted_ = lastPainted_.united(segment);
         update(segment.toAlignedRect().intersected(rect()));
         return;
@@ -351,7 +383,8 @@ void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
     case AnnotationTool::circle:
         if (!shapeStartPV_)
             return;
-        shapeCurrentPV_ = pv;
+        shapeCurrentPV_ = onActivePage(pv);
+        shapeSquared_ = event->modifiers().testFlag(Qt::ShiftModifier);
         break;
     default:
         return;
@@ -359,23 +392,28 @@ void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
     refresh();
 }
 
-void DrawingOverlayView::updateManipulation(QPointF pv)
+void DrawingOverlayView::updateManipulation(QPointF pv, Qt::KeyboardModifiers modifiers)
 {
-    if (!selection_ || !selectionPage_ || !pdfView_)
+    if (!dragged_ || !dragPage_ || !pdfView_)
         return;
-    const QPointF p = pdfView_->convertToPage(pv, selectionPage_);
+    const QPointF p = pdfView_->convertToPage(pv, dragPage_);
     if (!didBeginDrag_) {
         if (QLineF(p, dragStartPage_).length() < overlayGeometry::dragThreshold)
             return;
         didBeginDrag_ = true;
-        // Off its page until the release: the page is drawn once without it
-        // and the overlay shows where it goes.
-        selectionPage_->removeAnnotation(selection_);
+        // The annotation stays on its page; the page is drawn without it and
+        // the overlay draws its picture where it goes.
+        dragPicture_ = pictureOf(dragged_);
+        pdfView_->setHiddenAnnotation(dragged_);
     }
-    if (std::holds_alternative<Move>(dragMode_))
-        liveBounds_ = originalBounds_.translated(p - dragStartPage_);
-    else if (auto *resize = std::get_if<Resize>(&dragMode_))
-        liveBounds_ = resizedBounds(resize->handle, p, isImageStamp(selection_));
+    const QRectF page = dragPage_->bounds();
+    if (std::holds_alternative<Move>(dragMode_)) {
+        liveBounds_ = overlayGeometry::keptInside(originalBounds_.translated(p - dragStartPage_), page);
+    } else if (auto *resize = std::get_if<Resize>(&dragMode_)) {
+        const bool proportional = isImageStamp(dragged_) || modifiers.testFlag(Qt::ShiftModifier);
+        const QPointF inside(std::clamp(p.x(), page.left(), page.right()), std::clamp(p.y(), page.top(), page.bottom()));
+        liveBounds_ = resizedBounds(resize->handle, inside, proportional);
+    }
     refresh();
 }
 
@@ -409,9 +447,30 @@ void DrawingOverlayView::mouseReleaseEvent(QMouseEvent *event)
 
 void DrawingOverlayView::finishManipulation()
 {
-    if (selection_ && selectionPage_ && didBeginDrag_ && liveBounds_)
-        documentModel_->commitAnnotationDrag(selection_, selectionPage_, *liveBounds_, originalBounds_);
+    const auto annotation = dragged_;
+    const auto page = dragPage_;
+    const auto picture = dragPicture_;
+    const bool moved = didBeginDrag_ && liveBounds_ && *liveBounds_ != originalBounds_;
+    const QRectF bounds = liveBounds_.value_or(originalBounds_), original = originalBounds_;
+    // Idle before the change, so that the change does not end the drag a second time.
+    cancelManipulation();
+    if (!moved || !annotation || annotation->page() != page)
+        return;
+    if (picture)
+        bridgeUntilShown(Picture{page, picture->image, placedPicture(*picture, original, bounds)});
+    documentModel_->commitAnnotationDrag(annotation, page, bounds, original);
+}
+
+void DrawingOverlayView::cancelManipulation()
+{
+    if (std::holds_alternative<Idle>(dragMode_) && !dragged_)
+        return;
+    if (pdfView_ && didBeginDrag_)
+        pdfView_->setHiddenAnnotation(nullptr);
     dragMode_ = Idle{};
+    dragged_.reset();
+    dragPage_.reset();
+    dragPicture_.reset();
     liveBounds_.reset();
     didBeginDrag_ = false;
     refresh();
@@ -424,8 +483,31 @@ void DrawingOverlayView::clearDrawing()
     inkCached_ = 0;
     shapeStartPV_.reset();
     shapeCurrentPV_.reset();
+    shapeSquared_ = false;
     activePage_.reset();
     refresh();
+}
+
+QPointF DrawingOverlayView::onActivePage(QPointF pv) const
+{
+    if (!activePage_ || !pdfView_)
+        return pv;
+    const QRectF page = pdfView_->convertFromPage(activePage_->bounds(), activePage_);
+    return QPointF(std::clamp(pv.x(), page.left(), page.right()), std::clamp(pv.y(), page.top(), page.bottom()));
+}
+
+QRectF DrawingOverlayView::shapeRect() const
+{
+    if (!shapeStartPV_ || !shapeCurrentPV_)
+        return {};
+    QPointF end = *shapeCurrentPV_;
+    if (shapeSquared_) {
+        // The shorter side decides, so the square stays where the pointer allows (on the page).
+        const QPointF d = end - *shapeStartPV_;
+        const qreal side = std::min(std::abs(d.x()), std::abs(d.y()));
+        end = *shapeStartPV_ + QPointF(std::copysign(side, d.x()), std::copysign(side, d.y()));
+    }
+    return QRectF(*shapeStartPV_, end).normalized();
 }
 
 // Chooses the cursor for the pointer at `pv` and tells whether a press there
@@ -451,16 +533,21 @@ bool DrawingOverlayView::pointerMoved(QPointF pv)
     case AnnotationTool::none:
         break;
     }
-    if (selection_ && handle(pv)) {
-        setCursor(Qt::CrossCursor);
+    if (auto corner = handle(pv)) {
+        // The diagonal the corner moves along on screen (the page may be turned).
+        const QPointF centre = pdfView_->convertFromPage(selection()->bounds(), selectionPage()).center();
+        const QPointF c = pdfView_->convertFromPage(overlayGeometry::corner(selection()->bounds(), *corner), selectionPage());
+        setCursor((c.x() < centre.x()) == (c.y() < centre.y()) ? Qt::SizeFDiagCursor : Qt::SizeBDiagCursor);
         return true;
     }
-    const bool onAnnotation = annotationAt(pv).first != nullptr;
-    if (onAnnotation)
+    const auto [annotation, page] = annotationAt(pv);
+    if (AnnotationFactory::isEditable(annotation))
         setCursor(Qt::OpenHandCursor);
+    else if (annotation)
+        setCursor(Qt::ArrowCursor);
     else
         unsetCursor(); // the view's own: an arrow, or the I-beam over text and the hand over links
-    return onAnnotation || selection_ || inlineEditor_;
+    return annotation || selection() || inlineEditor_;
 }
 
 void DrawingOverlayView::leaveEvent(QEvent *event)
@@ -494,17 +581,20 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
             refresh();
         } else if (!documentModel_->pendingSignatureImage().isNull())
             documentModel_->setPendingSignatureImage(QImage());
-        else if (selection_)
+        else if (didBeginDrag_)
+            cancelManipulation();
+        else if (selection())
             deselect();
         else
             QWidget::keyPressEvent(event);
     } else if (isDeleteKey(key)) {
-        if (!selection_) {
+        const auto selected = selection();
+        if (!selected) {
             QWidget::keyPressEvent(event);
             return;
         }
-        documentModel_->removeAnnotation(selection_);
-        deselect();
+        cancelManipulation();
+        documentModel_->removeAnnotation(selected);
     } else if (isArrowKey(key)) {
         nudge(event);
     } else {
@@ -514,11 +604,24 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
 
 // ---- Making shapes, ink and stamps ------------------------------------------------
 
+QSizeF DrawingOverlayView::signatureSize(const QImage &image, const std::shared_ptr<PdfPage> &page)
+{
+    const QSizeF room = page ? page->bounds().size() / 2 : QSizeF(200, 200);
+    qreal width = std::min<qreal>(200, room.width());
+    qreal height = image.width() > 0 ? std::clamp(width * image.height() / image.width(), 40.0, 200.0) : 66;
+    if (height > room.height()) {
+        width *= room.height() / height;
+        height = room.height();
+    }
+    return QSizeF(width, height);
+}
+
 void DrawingOverlayView::placeSignature(const QImage &image, QPointF pv, const std::shared_ptr<PdfPage> &page)
 {
     const QPointF p = pdfView_->convertToPage(pv, page);
-    const qreal height = signatureHeight(image);
-    auto stamp = AnnotationFactory::makeImageStamp(image, QRectF(p.x() - 100, p.y() - height / 2, 200, height));
+    const QSizeF size = signatureSize(image, page);
+    const QRectF placed(p.x() - size.width() / 2, p.y() - size.height() / 2, size.width(), size.height());
+    auto stamp = AnnotationFactory::makeImageStamp(image, overlayGeometry::keptInside(placed, page->bounds()));
     documentModel_->addAnnotation(stamp, page, true);
     toolSettings_->setCurrentTool(AnnotationTool::none);
     select(stamp);
@@ -526,21 +629,19 @@ void DrawingOverlayView::placeSignature(const QImage &image, QPointF pv, const s
 
 void DrawingOverlayView::finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page)
 {
-    if (!shapeStartPV_ || !shapeCurrentPV_)
-        return;
-    const QPointF delta = *shapeCurrentPV_ - *shapeStartPV_;
+    const QRectF shape = shapeRect();
     // Within 2 view points both ways the press was a click, not a drag.
-    if (std::abs(delta.x()) <= 2 && std::abs(delta.y()) <= 2)
+    if (shape.isNull() || (shape.width() <= 2 && shape.height() <= 2))
         return;
-    const QPointF a = pdfView_->convertToPage(*shapeStartPV_, page);
-    const QPointF b = pdfView_->convertToPage(*shapeCurrentPV_, page);
-    const QRectF bounds(std::min(a.x(), b.x()), std::min(a.y(), b.y()), std::abs(b.x() - a.x()), std::abs(b.y() - a.y()));
+    // The corners were kept on the page while drawing.
+    const QRectF bounds = pdfView_->convertToPage(shape, page);
     auto annotation = PdfAnnotation::create(bounds, subtype);
     annotation->setColor(toolSettings_->strokeColor());
     if (toolSettings_->hasFill())
         annotation->setInteriorColor(toolSettings_->fillColor());
     annotation->setBorderWidth(toolSettings_->lineWidth());
     documentModel_->addAnnotation(annotation, page, true);
+    bridgeUntilShown(pictureOf(annotation));
 }
 
 void DrawingOverlayView::finishInk(const std::shared_ptr<PdfPage> &page)
@@ -559,168 +660,5 @@ void DrawingOverlayView::finishInk(const std::shared_ptr<PdfPage> &page)
     annotation->setBorderWidth(width);
     annotation->addInkPath(points.translated(-bounds.topLeft()));
     documentModel_->addAnnotation(annotation, page, true);
-}
-
-// ---- Painting -----------------------------------------------------------------------
-
-// Asks for a paint of what changed: the area drawn last time and the area to draw now.
-void DrawingOverlayView::refresh()
-{
-    const QRectF now = paintedArea();
-    const QRectF dirty = lastPainted_.united(now);
-    lastPainted_ = now;
-    if (!dirty.isEmpty())
-        update(dirty.toAlignedRect().adjusted(-2, -2, 2, 2).intersected(rect()));
-}
-
-// Everything the next paint draws, in overlay space.
-QRectF DrawingOverlayView::paintedArea() const
-{
-    if (!pdfView_)
-        return {};
-    QRectF area;
-    const qreal pen = toolSettings_->lineWidth();
-    if (inkPV_.size() > 1)
-        area = area.united(inkBounds_.adjusted(-pen, -pen, pen, pen));
-    if (shapeStartPV_ && shapeCurrentPV_)
-        area = area.united(QRectF(*shapeStartPV_, *shapeCurrentPV_).normalized().adjusted(-pen, -pen, pen, pen));
-    if (selection_ && selectionPage_) {
-        const QRectF r = pdfView_->convertFromPage(liveBounds_.value_or(selection_->bounds()), selectionPage_);
-        area = area.united(r.adjusted(-handleSize, -handleSize, handleSize, handleSize));
-    }
-    if (auto preview = signaturePreviewRect())
-        area = area.united(preview->adjusted(-2, -2, 2, 2));
-    return area;
-}
-
-std::optional<QRectF> DrawingOverlayView::signaturePreviewRect() const
-{
-    const QImage image = documentModel_->pendingSignatureImage();
-    if (image.isNull() || !pendingPreviewPoint_ || !pdfView_)
-        return std::nullopt;
-    const qreal s = pdfView_->scaleFactor();
-    const QSizeF size(200 * s, signatureHeight(image) * s);
-    return QRectF(*pendingPreviewPoint_ - QPointF(size.width() / 2, size.height() / 2), size);
-}
-
-void DrawingOverlayView::paintEvent(QPaintEvent *)
-{
-    if (!pdfView_)
-        return;
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    const QPen stroke(toolSettings_->strokeColor(), toolSettings_->lineWidth(), Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
-    if (toolSettings_->currentTool() == AnnotationTool::ink && inkPV_.size() > 1)
-        drawInkPreview(painter);
-    if (shapeStartPV_ && shapeCurrentPV_) {
-        painter.setPen(stroke);
-        painter.setBrush(Qt::NoBrush);
-        const QRectF r = QRectF(*shapeStartPV_, *shapeCurrentPV_).normalized();
-        if (toolSettings_->currentTool() == AnnotationTool::circle)
-            painter.drawEllipse(r);
-        else
-            painter.drawRect(r);
-    }
-    if (selection_ && selectionPage_) {
-        const QRectF r = pdfView_->convertFromPage(liveBounds_.value_or(selection_->bounds()), selectionPage_);
-        if (didBeginDrag_ && liveBounds_)
-            drawPreviewContent(painter, selection_, r, pdfView_->scaleFactor());
-        drawSelectionChrome(painter, r);
-    }
-    drawSignaturePreview(painter);
-}
-
-// The stroke is drawn opaque into the kept picture and shown at the colour's
-// opacity, so that where its segments meet the colour is not laid on twice.
-void DrawingOverlayView::drawInkPreview(QPainter &painter)
-{
-    const qreal dpr = devicePixelRatioF();
-    const QSize pixels = (QSizeF(size()) * dpr).toSize();
-    const QColor color = toolSettings_->strokeColor();
-    QColor opaque = color;
-    opaque.setAlpha(255);
-    const qreal width = toolSettings_->lineWidth();
-    if (inkCache_.size() != pixels || inkCacheColor_ != opaque || inkCacheWidth_ != width || inkCached_ > inkPV_.size()) {
-        inkCache_ = QImage(pixels, QImage::Format_ARGB32_Premultiplied);
-        inkCache_.setDevicePixelRatio(dpr);
-        inkCache_.fill(Qt::transparent);
-        inkCacheColor_ = opaque;
-        inkCacheWidth_ = width;
-        inkCached_ = 0;
-    }
-    if (inkCached_ < inkPV_.size()) {
-        QPainter cache(&inkCache_);
-        cache.setRenderHint(QPainter::Antialiasing);
-        cache.setPen(QPen(opaque, width, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
-        const size_t from = inkCached_ == 0 ? 0 : inkCached_ - 1;
-        cache.drawPolyline(inkPV_.data() + from, int(inkPV_.size() - from));
-        inkCached_ = inkPV_.size();
-    }
-    painter.save();
-    painter.setOpacity(color.alphaF());
-    painter.drawImage(QPointF(0, 0), inkCache_);
-    painter.restore();
-}
-
-void DrawingOverlayView::drawSelectionChrome(QPainter &painter, const QRectF &rect) const
-{
-    const QColor accent = palette().color(QPalette::Highlight);
-    painter.setPen(QPen(accent, 1.5));
-    painter.setBrush(Qt::NoBrush);
-    painter.drawRect(rect);
-    const qreal half = handleSize / 2;
-    for (QPointF corner : {rect.topLeft(), rect.topRight(), rect.bottomLeft(), rect.bottomRight()}) {
-        painter.setBrush(Qt::white);
-        painter.drawEllipse(QRectF(corner.x() - half, corner.y() - half, handleSize, handleSize));
-    }
-}
-
-// What stands in for the annotation while it is off its page during a drag.
-void DrawingOverlayView::drawPreviewContent(QPainter &painter, const std::shared_ptr<PdfAnnotation> &annotation,
-                                            const QRectF &rect, qreal scale) const
-{
-    if (isImageStamp(annotation)) {
-        painter.save();
-        painter.setOpacity(0.9);
-        painter.drawImage(rect, annotation->stampImage());
-        painter.restore();
-        return;
-    }
-    if (annotation->type() == PdfAnnotation::FreeText) {
-        painter.fillRect(rect, QColor(255, 255, 255, qRound(0.85 * 255)));
-        const PdfFont font = annotation->font().value_or(PdfFont{QString(), 14});
-        QFont shown = FontService::instance().qFont(font);
-        shown.setPointSizeF(std::max<qreal>(font.size > 0 ? font.size : 14, 0.5) * scale);
-        painter.save();
-        painter.setFont(shown);
-        painter.setPen(annotation->fontColor().isValid() ? annotation->fontColor() : QColor(Qt::black));
-        QTextOption option;
-        option.setWrapMode(QTextOption::WordWrap);
-        const qreal inset = FontService::TextInset;
-        painter.drawText(rect.adjusted(inset, inset, -inset, -inset), annotation->contents(), option);
-        painter.restore();
-        return;
-    }
-    QColor accent = palette().color(QPalette::Highlight);
-    accent.setAlphaF(0.12);
-    painter.fillRect(rect, accent);
-}
-
-void DrawingOverlayView::drawSignaturePreview(QPainter &painter) const
-{
-    const auto rect = signaturePreviewRect();
-    if (!rect)
-        return;
-    painter.save();
-    painter.setOpacity(0.55);
-    painter.drawImage(*rect, documentModel_->pendingSignatureImage());
-    painter.setOpacity(1);
-    QColor accent = palette().color(QPalette::Highlight);
-    accent.setAlphaF(0.6);
-    QPen frame(accent, 1);
-    frame.setDashPattern({5, 3});
-    painter.setPen(frame);
-    painter.setBrush(Qt::NoBrush);
-    painter.drawRect(*rect);
-    painter.restore();
+    bridgeUntilShown(pictureOf(annotation));
 }

@@ -4,6 +4,12 @@
 // pointer and keys only when the tool or its state needs them; everything else
 // goes on to the page view (text selection, links, scrolling).
 //
+// The selection is the document model's selectedAnnotation; the overlay draws
+// and acts on whatever the model holds, so undoing a placement or deleting
+// from the menu clears the frame at once. A drag leaves the document as it is
+// until the release: the page is drawn without the annotation and the overlay
+// draws the annotation's own picture where it goes; the release makes one change.
+//
 // Spaces: "PV" points are the page view's view space (logical pixels, y down),
 // which is also the overlay's own space since it covers the view exactly.
 // Bounds and every value handed to the document model are in page space.
@@ -13,6 +19,7 @@
 #include "PdfTypes.h"
 #include "PdfViewOverlay.h"
 
+#include <QElapsedTimer>
 #include <QImage>
 #include <QPointer>
 #include <QWidget>
@@ -83,9 +90,13 @@ public:
     std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>> annotationAt(QPointF pv) const;
     // The bounds for the selection while `handle` is dragged to `current` (page space).
     QRectF resizedBounds(Handle handle, QPointF current, bool aspectLocked) const;
+    // Ends what the pointer or the keyboard is doing before the window closes:
+    // the text being typed is committed, a drag is dropped.
+    void finishInteraction();
     // Moves the selection by one arrow-key step; without a selection the key goes on.
     void nudge(QKeyEvent *event);
 
+    // Makes the annotation the model's selection (and gives the overlay the keys).
     void select(const std::shared_ptr<PdfAnnotation> &annotation);
     void deselect();
 
@@ -115,14 +126,21 @@ public:
     // The system font at a size, as a page font.
     static PdfFont systemFont(qreal size);
 
-    // Puts a signature image on the page as a stamp 200 points wide centred on
-    // the view point (its height follows the image, within 40 to 200 points),
-    // selected, with the select tool.
+    // Puts a signature image on the page as a stamp centred on the view point,
+    // selected, with the select tool. It is 200 points wide, at most half the
+    // page's width; its height follows the image, within 40 to 200 points and
+    // at most half the page's height.
     void placeSignature(const QImage &image, QPointF pv, const std::shared_ptr<PdfPage> &page);
+    // The page-space size of a stamp for `image` on `page` (see placeSignature).
+    static QSizeF signatureSize(const QImage &image, const std::shared_ptr<PdfPage> &page);
 
-    // State, for the window and for tests.
-    std::shared_ptr<PdfAnnotation> selection() const { return selection_; }
-    std::shared_ptr<PdfPage> selectionPage() const { return selectionPage_; }
+    // State, for the window and for tests. The selection is the model's when
+    // it is on a page of the document shown here.
+    std::shared_ptr<PdfAnnotation> selection() const;
+    std::shared_ptr<PdfPage> selectionPage() const;
+    // True while a picture of a finished change stays on screen until the
+    // page shows the change itself.
+    bool isBridging() const { return bridge_.has_value(); }
     DragMode dragMode() const { return dragMode_; }
     std::optional<QRectF> liveBounds() const { return liveBounds_; }
     bool didBeginDrag() const { return didBeginDrag_; }
@@ -156,8 +174,27 @@ private:
     void press(QMouseEvent *event, int clickCount);
     void handleSelectMouseDown(QMouseEvent *event, QPointF pv, int clickCount);
     void beginManipulation(DragMode mode, QPointF pv);
-    void updateManipulation(QPointF pv);
+    void updateManipulation(QPointF pv, Qt::KeyboardModifiers modifiers);
     void finishManipulation();
+    // Drops a drag without changing the document.
+    void cancelManipulation();
+    void selectionChanged();
+    // The annotation alone, drawn at the view's resolution, and the page area it covers.
+    struct Picture {
+        std::shared_ptr<PdfPage> page;
+        QImage image;
+        QRectF area;
+    };
+    std::optional<Picture> pictureOf(const std::shared_ptr<PdfAnnotation> &annotation) const;
+    // Keeps `picture` on screen until the page's new picture shows the change.
+    void bridgeUntilShown(std::optional<Picture> picture);
+    void endBridge();
+    // The view rectangle a picture of `original` bounds takes at `bounds`.
+    QRectF placedPicture(const Picture &picture, const QRectF &original, const QRectF &bounds) const;
+    // The shape being drawn, in view points, kept on the page and squared with Shift.
+    QRectF shapeRect() const;
+    // Keeps a view point on the page being drawn on.
+    QPointF onActivePage(QPointF pv) const;
     bool pointerMoved(QPointF pv);
     void finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page);
     void finishInk(const std::shared_ptr<PdfPage> &page);
@@ -169,9 +206,8 @@ private:
     QRectF paintedArea() const;
     std::optional<QRectF> signaturePreviewRect() const;
 
-    void drawSelectionChrome(QPainter &painter, const QRectF &rect) const;
-    void drawPreviewContent(QPainter &painter, const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &rect,
-                            qreal scale) const;
+    void drawSelectionChrome(QPainter &painter, const QRectF &rect, bool handles) const;
+    void drawShapePreview(QPainter &painter) const;
     void drawSignaturePreview(QPainter &painter) const;
     void drawInkPreview(QPainter &painter);
 
@@ -188,14 +224,20 @@ private:
     qreal inkCacheWidth_ = 0;
     std::optional<QPointF> shapeStartPV_;
     std::optional<QPointF> shapeCurrentPV_;
+    bool shapeSquared_ = false;
     std::shared_ptr<PdfPage> activePage_;
-    std::shared_ptr<PdfPage> selectionPage_;
-    std::shared_ptr<PdfAnnotation> selection_;
+    // The drag in progress: what is dragged, where from, and its picture.
+    std::shared_ptr<PdfAnnotation> dragged_;
+    std::shared_ptr<PdfPage> dragPage_;
     DragMode dragMode_ = Idle{};
     QPointF dragStartPage_;
     QRectF originalBounds_;
     std::optional<QRectF> liveBounds_;
     bool didBeginDrag_ = false;
+    std::optional<Picture> dragPicture_;
+    // A finished change shown by the overlay until the page shows it (no blink).
+    std::optional<Picture> bridge_;
+    QElapsedTimer bridgeAge_;
     std::optional<QPointF> pendingPreviewPoint_;
     QPointer<InlineTextView> inlineEditor_;
     std::optional<EditingMode> editingMode_;

@@ -2,6 +2,7 @@
 
 #include <QLineF>
 
+#include <algorithm>
 #include <cmath>
 
 namespace overlayGeometry {
@@ -74,6 +75,13 @@ QRectF resizedBounds(Handle handle, const QRectF &original, QPointF current, boo
     const qreal x = dx < 0 ? anchor.x() - width : anchor.x();
     const qreal y = dy < 0 ? anchor.y() - height : anchor.y();
     return {x, y, width, height};
+}
+
+QRectF keptInside(const QRectF &bounds, const QRectF &area)
+{
+    const qreal x = std::max(std::min(bounds.left(), area.right() - bounds.width()), area.left());
+    const qreal y = std::max(std::min(bounds.top(), area.bottom() - bounds.height()), area.top());
+    return QRectF(QPointF(x, y), bounds.size());
 }
 
 QPointF nudgeOffset(int key, bool shift)

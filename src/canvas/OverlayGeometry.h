@@ -38,6 +38,10 @@ std::optional<Handle> handleAt(const QRectF &bounds, QPointF viewPoint, const st
 // `aspectLocked` the proportions of `original` are kept.
 QRectF resizedBounds(Handle handle, const QRectF &original, QPointF current, bool aspectLocked);
 
+// `bounds` moved as little as possible to lie inside `area`; where it is
+// larger than `area` its lower left corner is kept at the area's.
+QRectF keptInside(const QRectF &bounds, const QRectF &area);
+
 // The page-space offset of one press of an arrow key (Qt::Key_Left ... Key_Down):
 // 10 points with Shift, else 1; none for any other key.
 QPointF nudgeOffset(int key, bool shift);

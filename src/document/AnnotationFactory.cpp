@@ -44,6 +44,14 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation)
     return annotation && editable.contains(annotation->type(), Qt::CaseSensitive);
 }
 
+bool isSelectable(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (isEditable(annotation))
+        return true;
+    const QString type = annotation ? annotation->type() : QString();
+    return type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut;
+}
+
 std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds)
 {
     auto stamp = ImageStampAnnotation::create(bounds);

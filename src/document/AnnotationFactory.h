@@ -27,6 +27,10 @@ void applyMarkup(const QString &subtype, const PdfSelection &selection, const QC
 // annotation: stamps, free text, ink, squares, circles, form fields and lines.
 // Text markup, links, notes and every other kind are left alone.
 bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
+// True when a click selects the annotation: the editable kinds, and text
+// markup (highlight, underline, strike-out), which can be deleted but not
+// moved or resized.
+bool isSelectable(const std::shared_ptr<PdfAnnotation> &annotation);
 
 // A stamp showing `image` stretched over `bounds`, without a border. Its saved
 // look is drawn once, at the size it has when it is first put on a page.

@@ -4,26 +4,28 @@
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
-#include "PdfView.h"
+#include "PdfSelection.h"
 
-void DocumentModel::record(EditHistory::Edit edit) { history_.record(std::move(edit)); }
+#include <QScopedValueRollback>
 
-// Takes the annotation off its page and puts it back, on top. The engine
-// announces the change, so every view draws the page again.
-void DocumentModel::reseat(const std::shared_ptr<PdfAnnotation> &annotation)
+void DocumentModel::record(EditHistory::Edit edit)
 {
-    if (auto page = annotation->page()) {
-        page->removeAnnotation(annotation);
-        page->addAnnotation(annotation);
-    }
+    history_.record(std::move(edit));
 }
 
-void DocumentModel::count() { setHistoryVersion(historyVersion_ + 1); }
-
-void DocumentModel::changed()
+void DocumentModel::count()
 {
-    setIsDirty(true);
     setHistoryVersion(historyVersion_ + 1);
+}
+
+// A change made now: recorded in the history or, when not, one that undoing
+// cannot take back.
+void DocumentModel::changed(bool recorded)
+{
+    if (!recorded)
+        unrecordedChange_ = true;
+    setHistoryVersion(historyVersion_ + 1);
+    updateDirty();
 }
 
 void DocumentModel::deselectIfSelected(const std::shared_ptr<PdfAnnotation> &annotation)
@@ -39,17 +41,11 @@ std::pair<std::function<void()>, std::function<void()>>
 DocumentModel::placementActions(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page)
 {
     QPointer<DocumentModel> model(this);
-    auto put = [model, annotation, page] {
-        page->addAnnotation(annotation);
-        if (model)
-            model->count();
-    };
+    auto put = [annotation, page] { page->addAnnotation(annotation); };
     auto take = [model, annotation, page] {
         page->removeAnnotation(annotation);
-        if (model) {
+        if (model)
             model->deselectIfSelected(annotation);
-            model->count();
-        }
     };
     return {put, take};
 }
@@ -64,7 +60,7 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
         auto [put, take] = placementActions(annotation, page);
         record({take, put});
     }
-    changed();
+    changed(recordUndo);
 }
 
 void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
@@ -79,18 +75,13 @@ void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annot
     changed();
 }
 
+// The annotation keeps its page and its place among the page's annotations:
+// only its bounds change, in one change the engine announces.
 void DocumentModel::recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds,
                                        const QRectF &oldBounds)
 {
-    QPointer<DocumentModel> model(this);
-    auto setBounds = [model, annotation](const QRectF &bounds) {
-        annotation->setBounds(bounds);
-        if (model) {
-            model->reseat(annotation);
-            model->count();
-        }
-    };
-    record({[setBounds, oldBounds] { setBounds(oldBounds); }, [setBounds, newBounds] { setBounds(newBounds); }});
+    record({[annotation, oldBounds] { annotation->setBounds(oldBounds); },
+            [annotation, newBounds] { annotation->setBounds(newBounds); }});
     changed();
 }
 
@@ -100,7 +91,6 @@ void DocumentModel::setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &an
     if (!annotation)
         return;
     annotation->setBounds(newBounds);
-    reseat(annotation);
     recordBoundsChange(annotation, newBounds, oldBounds);
 }
 
@@ -109,12 +99,10 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
 {
     if (!annotation)
         return;
+    // An annotation that left its page meanwhile (its placement was undone) stays off it.
+    if (!annotation->page() || (page && annotation->page() != page))
+        return;
     annotation->setBounds(newBounds);
-    if (annotation->page()) {
-        reseat(annotation);
-    } else if (page) {
-        page->addAnnotation(annotation); // the overlay took it off its page during the drag
-    }
     recordBoundsChange(annotation, newBounds, oldBounds);
 }
 
@@ -124,53 +112,72 @@ void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &
     if (!annotation)
         return;
     annotation->setContents(newText);
-    reseat(annotation);
-    QPointer<DocumentModel> model(this);
-    auto setContents = [model, annotation](const QString &text) {
-        annotation->setContents(text);
-        if (model) {
-            model->reseat(annotation);
-            model->count();
-        }
-    };
-    record({[setContents, oldText] { setContents(oldText); }, [setContents, newText] { setContents(newText); }});
+    record({[annotation, oldText] { annotation->setContents(oldText); },
+            [annotation, newText] { annotation->setContents(newText); }});
     changed();
 }
 
-void DocumentModel::applyMarkup(const QString &subtype, const QColor &color)
+void DocumentModel::applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection)
 {
-    PdfView *view = activePDFView_;
-    if (!view)
-        return;
-    const auto selection = view->currentSelection();
-    if (!selection || selection->string().isEmpty())
+    if (selection.string().isEmpty())
         return;
     QPointer<DocumentModel> model(this);
-    AnnotationFactory::applyMarkup(subtype, *selection, color,
-                                   [model](const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page) {
-                                       if (model)
-                                           model->addAnnotation(annotation, page, true);
-                                   });
-    view->setCurrentSelection(std::nullopt);
-    setHasTextSelection(false);
+    AnnotationFactory::applyMarkup(
+        subtype, selection, color,
+        [model](const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page) {
+            if (model)
+                model->addAnnotation(annotation, page, true);
+        });
 }
 
 void DocumentModel::rotateCurrentPage(int degrees)
 {
     if (!pdfDocument_ || pdfDocument_->pageCount() == 0)
         return;
-    if (auto page = pdfDocument_->page(currentPageIndex_)) {
-        int rotation = (page->rotation() + degrees) % 360;
-        if (rotation < 0)
-            rotation += 360;
-        page->setRotation(rotation);
+    auto page = pdfDocument_->page(currentPageIndex_);
+    if (!page)
+        return;
+    const int before = page->rotation();
+    const int after = (((before + degrees) % 360) + 360) % 360;
+    page->setRotation(after);
+    record({[page, before] { page->setRotation(before); }, [page, after] { page->setRotation(after); }});
+    changed();
+}
+
+void DocumentModel::changePages(const std::function<void()> &operation)
+{
+    if (!pdfDocument_ || !operation)
+        return;
+    const auto document = pdfDocument_;
+    const auto before = document->pages();
+    {
+        const QScopedValueRollback expected(expectingPageChanges_, true);
+        operation();
     }
-    markPageStructureChanged();
+    const auto after = document->pages();
+    if (after == before)
+        return;
+    record({[document, before] { document->setPages(before); }, [document, after] { document->setPages(after); }});
+    changed();
+}
+
+void DocumentModel::deletePages(const std::set<int> &indices)
+{
+    changePages([this, &indices] {
+        std::vector<std::shared_ptr<PdfPage>> kept;
+        const auto pages = pdfDocument_->pages();
+        for (size_t i = 0; i < pages.size(); ++i)
+            if (!indices.count(int(i)))
+                kept.push_back(pages[i]);
+        pdfDocument_->setPages(kept);
+    });
 }
 
 void DocumentModel::markPageStructureChanged()
 {
-    setIsDirty(true);
+    // Page work that went around the model and its history still leaves the document changed.
+    if (!expectingPageChanges_)
+        changed(false);
     setPageMutationCount(pageMutationCount_ + 1);
     if (!pdfDocument_)
         return;
@@ -181,4 +188,10 @@ void DocumentModel::markPageStructureChanged()
         if (index < pageCount)
             kept.insert(index);
     setSelectedPageIndices(kept);
+    // An annotation whose page left the document can no longer be selected.
+    if (selectedAnnotation_) {
+        const auto page = selectedAnnotation_->page();
+        if (!page || page->document() != pdfDocument_)
+            setSelectedAnnotation(nullptr);
+    }
 }

@@ -1,13 +1,14 @@
 #include "DocumentModel.h"
 
 #include "FilePanel.h"
+#include "PdfAnnotation.h"
 #include "PdfDocument.h"
-#include "PdfView.h"
+#include "PdfPage.h"
 
 #include <QCursor>
 #include <QFileInfo>
 #include <QGuiApplication>
-#include <QTimer>
+#include <QScopedValueRollback>
 
 namespace {
 
@@ -48,16 +49,22 @@ QString DocumentModel::openFailedMessage(const QString &fileName)
     return tr("Couldn't open ") + fileName + tr(". It may not be a PDF, or the file may be damaged.");
 }
 
-QString DocumentModel::wrongPasswordMessage() { return tr("That password didn't open the file. Check it and try again."); }
+QString DocumentModel::wrongPasswordMessage()
+{
+    return tr("That password didn't open the file. Check it and try again.");
+}
 
 QString DocumentModel::saveFailedMessage(const QString &fileName)
 {
-    return tr("Couldn't save changes to ") + fileName
-           + tr(". The file may be locked, or in a folder you don't have permission to change. Use File > Save As to put a "
-                "copy somewhere else.");
+    return tr("Couldn't save changes to ") + fileName +
+           tr(". The file may be locked, or in a folder you don't have permission to change. Use File > Save As to put a "
+              "copy somewhere else.");
 }
 
-QString DocumentModel::saveAsFailedMessage() { return tr("Couldn't save the PDF there. Pick a different folder and try again."); }
+QString DocumentModel::saveAsFailedMessage()
+{
+    return tr("Couldn't save the PDF there. Pick a different folder and try again.");
+}
 
 // Setters: every write is announced.
 void DocumentModel::setPdfDocument(std::shared_ptr<PdfDocument> document)
@@ -149,23 +156,10 @@ QString DocumentModel::displayName() const
     return fileURL_.isEmpty() ? tr("Untitled") : QFileInfo(fileURL_).fileName();
 }
 
-void DocumentModel::attach(PdfView *pdfView)
-{
-    activePDFView_ = pdfView;
-    disconnect(selectionObserver_);
-    if (!pdfView)
-        return;
-    // The view's selection reaches hasTextSelection one turn of the event loop later.
-    selectionObserver_ = connect(pdfView, &PdfView::selectionChanged, this, [this, view = QPointer<PdfView>(pdfView)] {
-        QTimer::singleShot(0, this, [this, view] {
-            const auto selection = view ? view->currentSelection() : std::nullopt;
-            setHasTextSelection(selection && !selection->string().isEmpty());
-        });
-    });
-}
-
 void DocumentModel::open(const QString &path)
 {
+    if (!resolveUnsavedChanges())
+        return;
     BusyCursor busy;
     auto document = PdfDocument::open(path);
     if (!document) {
@@ -191,14 +185,61 @@ void DocumentModel::finishOpen(std::shared_ptr<PdfDocument> document, const QStr
 void DocumentModel::show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty)
 {
     setPdfDocument(std::move(document));
+    watchPageList();
     setFileURL(path);
+    history_.clear();
+    unrecordedChange_ = dirty;
     setIsDirty(dirty);
     setCurrentPageIndex(0);
     setSelectedPageIndices({});
     setSelectedAnnotation(nullptr);
-    history_.clear();
     setHistoryVersion(historyVersion_ + 1);
     setPageMutationCount(pageMutationCount_ + 1);
+}
+
+// Every change of the page list, whoever makes it, reaches the model.
+void DocumentModel::watchPageList()
+{
+    disconnect(pageListObserver_);
+    if (pdfDocument_)
+        pageListObserver_ =
+            connect(pdfDocument_->changes(), &PdfChangeChannel::pageListChanged, this, &DocumentModel::markPageStructureChanged);
+}
+
+void DocumentModel::updateDirty()
+{
+    setIsDirty(unrecordedChange_ || !history_.isAtSavePoint());
+}
+
+bool DocumentModel::resolveUnsavedChanges()
+{
+    if (!isDirty_ || !pdfDocument_ || !filePanel_)
+        return true;
+    switch (filePanel_->askToSaveChanges(displayName())) {
+    case FilePanel::SaveAnswer::Save:
+        return fileURL_.isEmpty() ? promptSaveAs() : save();
+    case FilePanel::SaveAnswer::DontSave:
+        return true;
+    case FilePanel::SaveAnswer::Cancel:
+        break;
+    }
+    return false;
+}
+
+void DocumentModel::undo()
+{
+    const QScopedValueRollback expected(expectingPageChanges_, true);
+    history_.performUndo();
+    setHistoryVersion(historyVersion_ + 1);
+    updateDirty();
+}
+
+void DocumentModel::redo()
+{
+    const QScopedValueRollback expected(expectingPageChanges_, true);
+    history_.performRedo();
+    setHistoryVersion(historyVersion_ + 1);
+    updateDirty();
 }
 
 void DocumentModel::unlockPendingDocument(const QString &password)
@@ -219,18 +260,24 @@ void DocumentModel::unlockPendingDocument(const QString &password)
 
 void DocumentModel::setDocument(std::shared_ptr<PdfDocument> document, const QString &path)
 {
+    if (!resolveUnsavedChanges())
+        return;
     // A document that exists only in memory counts as unsaved.
     show(std::move(document), path, path.isEmpty());
 }
 
-void DocumentModel::save()
+bool DocumentModel::save()
 {
     if (!pdfDocument_ || fileURL_.isEmpty())
-        return;
-    if (pdfDocument_->write(fileURL_))
-        setIsDirty(false);
-    else
+        return false;
+    if (!pdfDocument_->write(fileURL_)) {
         setErrorMessage(saveFailedMessage(QFileInfo(fileURL_).fileName()));
+        return false;
+    }
+    history_.markSaved();
+    unrecordedChange_ = false;
+    updateDirty();
+    return true;
 }
 
 void DocumentModel::promptOpen()
@@ -242,20 +289,23 @@ void DocumentModel::promptOpen()
         open(chosen.first());
 }
 
-void DocumentModel::promptSaveAs()
+bool DocumentModel::promptSaveAs()
 {
     if (!pdfDocument_ || !filePanel_)
-        return;
+        return false;
     const QString proposed = fileURL_.isEmpty() ? tr("Untitled.pdf") : QFileInfo(fileURL_).fileName();
     const QString chosen = filePanel_->chooseFileToSave(proposed);
     if (chosen.isEmpty())
-        return;
-    if (pdfDocument_->write(chosen)) {
-        setFileURL(chosen);
-        setIsDirty(false);
-    } else {
+        return false;
+    if (!pdfDocument_->write(chosen)) {
         setErrorMessage(saveAsFailedMessage());
+        return false;
     }
+    setFileURL(chosen);
+    history_.markSaved();
+    unrecordedChange_ = false;
+    updateDirty();
+    return true;
 }
 
 void DocumentModel::clearRecentDocuments()

@@ -1,7 +1,9 @@
-// The state of the open document, shared by every view of the application:
+// The state of the open document, shared by every window of the application:
 // the document and its file, unsaved changes, the current and selected pages,
 // the selected annotation, the undo history, the recent files, a document
-// waiting for its password and the one error message the window shows.
+// waiting for its password and the one error message the window shows. It
+// holds no widget: each window keeps its own view and hands the model what a
+// command needs from it.
 //
 // Each published value has a getter, a setter and a <name>Changed signal; a
 // setter announces every write, also one that does not change the value.
@@ -21,13 +23,15 @@
 #include <QStringList>
 
 #include <memory>
+#include <set>
 #include <utility>
+#include <vector>
 
 class FilePanel;
 class PdfAnnotation;
 class PdfDocument;
 class PdfPage;
-class PdfView;
+class PdfSelection;
 
 class DocumentModel : public QObject {
     Q_OBJECT
@@ -42,6 +46,8 @@ public:
     // The file the document is saved to; empty when there is none.
     QString fileURL() const { return fileURL_; }
     void setFileURL(const QString &path);
+    // True when the document differs from its file: the history is away
+    // from the point last saved, or a change was made outside the history.
     bool isDirty() const { return isDirty_; }
     void setIsDirty(bool dirty);
     int currentPageIndex() const { return currentPageIndex_; }
@@ -70,7 +76,6 @@ public:
 
     // The file name of fileURL, or "Untitled".
     QString displayName() const;
-    QPointer<PdfView> activePDFView() const { return activePDFView_; }
     EditHistory &history() { return history_; }
     // The desktop's recent-files list the model reads and adds to.
     RecentDocuments &recentDocuments() { return recent_; }
@@ -78,14 +83,22 @@ public:
     void setFilePanel(std::shared_ptr<FilePanel> panel) { filePanel_ = std::move(panel); }
     std::shared_ptr<FilePanel> filePanel() const { return filePanel_; }
 
-    // Document operations.
-    void attach(PdfView *pdfView);
+    // Document operations. Opening or setting another document first asks
+    // about unsaved changes (see resolveUnsavedChanges).
     void open(const QString &path);
     void unlockPendingDocument(const QString &password);
     void setDocument(std::shared_ptr<PdfDocument> document, const QString &path);
-    void save();
+    // Each answers whether the document was written.
+    bool save();
     void promptOpen();
-    void promptSaveAs();
+    bool promptSaveAs();
+    // With unsaved changes, asks the user whether to save them: true when the
+    // work may go on (saved, or the user chose not to save), false when the
+    // user cancelled or the save failed. Without changes, true at once.
+    bool resolveUnsavedChanges();
+    // Undoes or redoes the most recent change of the history.
+    void undo();
+    void redo();
     // Empties this application's entries of the recent-files list ("Clear Menu").
     void clearRecentDocuments();
 
@@ -96,8 +109,17 @@ public:
     void commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                               const QRectF &newBounds, const QRectF &oldBounds);
     void setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText, const QString &oldText);
-    void applyMarkup(const QString &subtype, const QColor &color);
+    // Marks the selected text with one markup annotation per page, one undoable step each.
+    void applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection);
+
+    // Page work, each one undoable step however many pages it touches.
     void rotateCurrentPage(int degrees);
+    // Runs `operation`, which changes the order or the set of the document's
+    // pages (insert, remove, move), and records it as one undoable step.
+    void changePages(const std::function<void()> &operation);
+    void deletePages(const std::set<int> &indices);
+    // The page list changed (the engine announces it): the current page, the
+    // page selection and the selected annotation are brought back inside it.
     void markPageStructureChanged();
 
     // The user-visible messages.
@@ -130,10 +152,11 @@ private:
     void reseat(const std::shared_ptr<PdfAnnotation> &annotation);
     void count();
     std::pair<std::function<void()>, std::function<void()>> placementActions(const std::shared_ptr<PdfAnnotation> &annotation,
-                                                                              const std::shared_ptr<PdfPage> &page);
+                                                                             const std::shared_ptr<PdfPage> &page);
     void recordBoundsChange(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
-    void changed();
-    void updateTextSelection();
+    void changed(bool recorded = true);
+    void updateDirty();
+    void watchPageList();
 
     std::shared_ptr<PdfDocument> pdfDocument_;
     QString fileURL_;
@@ -150,8 +173,12 @@ private:
     std::shared_ptr<PdfDocument> lockedDocument_;
     QString lockedURL_;
 
-    QPointer<PdfView> activePDFView_;
-    QMetaObject::Connection selectionObserver_;
+    QMetaObject::Connection pageListObserver_;
+    // A change was made that the history does not hold (or the document was
+    // never saved), so undoing cannot lead back to the file.
+    bool unrecordedChange_ = false;
+    // Set while the model itself changes the page list (page work, undo, redo).
+    bool expectingPageChanges_ = false;
     EditHistory history_;
     RecentDocuments recent_;
     std::shared_ptr<FilePanel> filePanel_;

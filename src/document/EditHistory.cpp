@@ -22,6 +22,7 @@ void EditHistory::performRedo()
 
 void EditHistory::record(Edit edit)
 {
+    edit.id = nextId_++;
     undoStack_.push_back(std::move(edit));
     redoStack_.clear();
 }
@@ -30,4 +31,5 @@ void EditHistory::clear()
 {
     undoStack_.clear();
     redoStack_.clear();
+    savedAt_ = 0;
 }

@@ -1,5 +1,6 @@
-// The file choosers the system shows, behind one small interface so that
-// tests can script the user's answers instead of showing real dialogs.
+// The file choosers the system shows, and the question about unsaved
+// changes, behind one small interface so that tests can script the user's
+// answers instead of showing real dialogs.
 #pragma once
 
 #include <QString>
@@ -8,6 +9,7 @@
 class FilePanel {
 public:
     enum class Content { Pdf, Image };
+    enum class SaveAnswer { Save, DontSave, Cancel };
 
     virtual ~FilePanel() = default;
     // Existing files of one content type; empty when the user cancels.
@@ -16,4 +18,7 @@ public:
     virtual QString chooseFileToSave(const QString &proposedName) = 0;
     // A folder to write into; empty when the user cancels.
     virtual QString chooseFolder() = 0;
+    // Whether to save the unsaved changes of the document named `documentName`
+    // before they would be lost.
+    virtual SaveAnswer askToSaveChanges(const QString &documentName) = 0;
 };

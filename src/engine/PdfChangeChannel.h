@@ -1,5 +1,6 @@
 // The one way the engine announces that a page changed: its annotations (one
-// added, removed, moved or restyled), its rotation, or its content. Every view
+// added, removed, moved or restyled), its rotation, or its content; and that
+// the list of pages changed. Every view
 // that shows pages listens to its document's channel, so nothing above the
 // engine has to remember to ask a view to draw a page again.
 #pragma once
@@ -27,6 +28,10 @@ signals:
     // `area` is the part of the page (page space) whose look changed; an
     // empty one means the whole page.
     void pageChanged(const std::shared_ptr<PdfPage> &page, PdfChangeChannel::Changes changes, QRectF area);
+    // The document's list of pages changed: pages were inserted, removed or
+    // moved. Emitted once per operation, after it (at the end of a copy batch
+    // for the pages copied in within it).
+    void pageListChanged();
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(PdfChangeChannel::Changes)

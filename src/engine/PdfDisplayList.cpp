@@ -4,9 +4,15 @@
 
 #include <cmath>
 
-PdfDisplayList::PdfDisplayList(std::unique_ptr<Native> native, QSizeF size) : native_(std::move(native)), size_(size) {}
+PdfDisplayList::PdfDisplayList(std::unique_ptr<Native> native, QSizeF size, bool transparent)
+    : native_(std::move(native)), size_(size), transparent_(transparent)
+{
+}
 
-PdfDisplayList::~PdfDisplayList() { fz_drop_display_list(mu::ctx(), native_->list); }
+PdfDisplayList::~PdfDisplayList()
+{
+    fz_drop_display_list(mu::ctx(), native_->list);
+}
 
 QImage PdfDisplayList::render(qreal scale, QRectF region) const
 {
@@ -29,7 +35,7 @@ bool PdfDisplayList::renderInto(QImage &target, qreal scale, QPointF origin) con
 {
     if (target.format() != QImage::Format_ARGB32_Premultiplied || target.isNull())
         return false;
-    target.fill(Qt::white);
+    target.fill(transparent_ ? Qt::transparent : Qt::white);
     // BGRA bytes with premultiplied alpha are QImage's ARGB32 on little-endian machines.
     static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "pixel layout assumes a little-endian machine");
     unsigned char *bits = target.bits();

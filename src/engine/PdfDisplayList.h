@@ -11,7 +11,8 @@
 class PdfDisplayList {
 public:
     struct Native;
-    PdfDisplayList(std::unique_ptr<Native> native, QSizeF size);
+    // A transparent list is drawn on a transparent background, others on white.
+    PdfDisplayList(std::unique_ptr<Native> native, QSizeF size, bool transparent = false);
     ~PdfDisplayList();
     PdfDisplayList(const PdfDisplayList &) = delete;
     PdfDisplayList &operator=(const PdfDisplayList &) = delete;
@@ -20,7 +21,7 @@ public:
     QSizeF size() const { return size_; }
 
     // Renders `region` (display points, origin top left; the whole page when
-    // empty) at `scale` pixels per point on a white background. Thread-safe.
+    // empty) at `scale` pixels per point on its background. Thread-safe.
     // Null when the picture would be larger than 32767 pixels a side or 64
     // million pixels in all.
     QImage render(qreal scale, QRectF region = {}) const;
@@ -31,4 +32,5 @@ public:
 private:
     std::unique_ptr<Native> native_;
     QSizeF size_;
+    bool transparent_;
 };

@@ -49,6 +49,20 @@ std::unique_ptr<CopyState> DocCore::endCopyBatch()
     return std::move(copying_);
 }
 
+void DocCore::announcePageList()
+{
+    if (copyBatches_ > 0)
+        pageListPending_ = true;
+    else
+        emit changes.pageListChanged();
+}
+
+void DocCore::flushPageList()
+{
+    if (copyBatches_ == 0 && std::exchange(pageListPending_, false))
+        emit changes.pageListChanged();
+}
+
 pdf_obj *DocCore::reference(fz_context *c, pdf_obj *obj)
 {
     if (pdf_is_indirect(c, obj))
@@ -596,6 +610,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
             return false;
         page->document_ = weak_from_this();
         pages_.insert(pages_.begin() + index, page);
+        core_->announcePageList();
         return true;
     }
     // Copied in: from another document, or a second place for a page of this one.
@@ -637,6 +652,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     placed->document_ = weak_from_this();
     pages_.insert(pages_.begin() + index, placed);
+    core_->announcePageList();
     if (ownBatch)
         endCopyBatch();
     return true;
@@ -656,13 +672,14 @@ std::vector<int> PdfDocument::pageNumbers() const
 void PdfDocument::endCopyBatch()
 {
     std::unique_ptr<CopyState> state = core_->endCopyBatch();
-    if (!state)
-        return;
-    try {
-        structure::finishCopies(*state, *core_, pageNumbers());
-    } catch (const std::exception &) {
-        // The pages are in; the outline and names are as far as they got.
+    if (state) {
+        try {
+            structure::finishCopies(*state, *core_, pageNumbers());
+        } catch (const std::exception &) {
+            // The pages are in; the outline and names are as far as they got.
+        }
     }
+    core_->flushPageList();
 }
 
 bool PdfDocument::hasOutline() const
@@ -697,6 +714,53 @@ bool PdfDocument::removePage(int index)
         return false;
     pages_[size_t(index)]->document_.reset();
     pages_.erase(pages_.begin() + index);
+    core_->announcePageList();
+    return true;
+}
+
+bool PdfDocument::setPages(const std::vector<std::shared_ptr<PdfPage>> &pages)
+{
+    if (locked_)
+        return false;
+    std::unordered_set<const PdfPage *> kept;
+    for (const auto &page : pages) {
+        if (!page || page->core_ != core_ || page->isUnplacedCopy_ || !kept.insert(page.get()).second)
+            return false;
+    }
+    if (pages == pages_)
+        return true;
+    core_->unloadPages();
+    const bool written = mu::tryGuard([&](fz_context *c) {
+        pdf_obj *root = pdf_dict_getp(c, pdf_trailer(c, core_->doc), "Root/Pages");
+        if (!pdf_is_dict(c, root))
+            fz_throw(c, FZ_ERROR_GENERIC, "no page tree");
+        // What a page inherits from the nodes above it becomes its own before
+        // it leaves them; only then does any page change its parent.
+        for (const auto &page : pages)
+            if (pdf_objcmp(c, pdf_dict_get(c, page->native_->obj, PDF_NAME(Parent)), root))
+                pdf_flatten_inheritable_page_items(c, page->native_->obj);
+        pdf_obj *kids = pdf_new_array(c, core_->doc, int(pages.size()));
+        fz_try(c)
+        {
+            for (const auto &page : pages)
+                pdf_array_push(c, kids, page->native_->obj);
+            for (const auto &page : pages)
+                pdf_dict_put(c, page->native_->obj, PDF_NAME(Parent), root);
+            pdf_dict_put(c, root, PDF_NAME(Kids), kids);
+            pdf_dict_put_int(c, root, PDF_NAME(Count), int(pages.size()));
+        }
+        fz_always(c) pdf_drop_obj(c, kids);
+        fz_catch(c) fz_rethrow(c);
+    });
+    if (!written)
+        return false;
+    for (const auto &page : pages_)
+        if (!kept.count(page.get()))
+            page->document_.reset();
+    pages_ = pages;
+    for (const auto &page : pages_)
+        page->document_ = weak_from_this();
+    core_->announcePageList();
     return true;
 }
 

@@ -84,6 +84,14 @@ public:
     // that was removed goes back as itself; any other page is copied in.
     bool insert(const std::shared_ptr<PdfPage> &page, int index);
     bool removePage(int index);
+    // Makes the document's pages exactly `pages`, in this order. Each must be
+    // a page of this document, in it now or removed from it before; those
+    // left out are removed (and can be put back). The page tree is written
+    // anew as one flat list, so any number of pages costs one pass. False,
+    // with nothing changed, for a page of another document or a repeat.
+    bool setPages(const std::vector<std::shared_ptr<PdfPage>> &pages);
+    // The pages in order.
+    std::vector<std::shared_ptr<PdfPage>> pages() const { return pages_; }
 
     // Writes the whole document: a temporary file next to `path`, synced and
     // renamed over it only when everything was written, so a failure, a crash

@@ -366,6 +366,14 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
     if (!page)
         return nullptr;
     pdf_obj *skip = options.skip && options.skip->page().get() == this ? options.skip->native_->obj : nullptr;
+    pdf_obj *only = options.only && options.only->page().get() == this ? options.only->native_->obj : nullptr;
+    if (options.only && !only)
+        return nullptr;
+    // Annotations drawn: all but the skipped one, or the one asked for alone.
+    auto drawn = [skip, only](fz_context *c, pdf_annot *a) {
+        pdf_obj *obj = pdf_annot_obj(c, a);
+        return only ? !pdf_objcmp(c, obj, only) : !skip || pdf_objcmp(c, obj, skip);
+    };
     fz_display_list *list = nullptr;
     fz_rect bounds{};
     const bool ok = mu::tryGuard([&](fz_context *c) {
@@ -376,13 +384,14 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
         fz_try(c)
         {
             dev = fz_new_list_device(c, list);
-            pdf_run_page_contents(c, page, dev, fz_identity, nullptr);
-            if (options.annotations) {
+            if (!only)
+                pdf_run_page_contents(c, page, dev, fz_identity, nullptr);
+            if (options.annotations || only) {
                 for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
-                    if (!skip || pdf_objcmp(c, pdf_annot_obj(c, a), skip))
+                    if (drawn(c, a))
                         pdf_run_annot(c, a, dev, fz_identity, nullptr);
                 for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
-                    if (!skip || pdf_objcmp(c, pdf_annot_obj(c, w), skip))
+                    if (drawn(c, w))
                         pdf_run_annot(c, w, dev, fz_identity, nullptr);
             }
             fz_close_device(c, dev);
@@ -398,7 +407,7 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
     if (!ok)
         return nullptr;
     return std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
-                                            QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+                                            QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0), only != nullptr);
 }
 
 QImage PdfPage::render(qreal scale, const PdfRenderOptions &options)
@@ -459,8 +468,8 @@ PdfPage::Text &PdfPage::textLayout()
                 continue;
             for (fz_stext_line *line = block->u.t.first_line; line; line = line->next) {
                 Text::Line l{toPage.mapRect(toQt(line->bbox)), int(t.chars.size()), int(t.chars.size()), std::nullopt};
-                if (line->first_char && line->dir.x > 0.99f && std::abs(line->dir.y) < 0.01f && toPage.isAffine()
-                    && toPage.m12() == 0 && toPage.m21() == 0)
+                if (line->first_char && line->dir.x > 0.99f && std::abs(line->dir.y) < 0.01f && toPage.isAffine() &&
+                    toPage.m12() == 0 && toPage.m21() == 0)
                     l.baseline = toPage.map(QPointF(line->first_char->origin.x, line->first_char->origin.y)).y();
                 for (fz_stext_char *ch = line->first_char; ch; ch = ch->next) {
                     const QString s = QString::fromUcs4(reinterpret_cast<const char32_t *>(&ch->c), 1);

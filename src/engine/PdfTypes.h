@@ -36,4 +36,7 @@ struct PdfRenderOptions {
     bool annotations = true;
     // An annotation left out of the picture (the overlay draws it while it is dragged).
     std::shared_ptr<PdfAnnotation> skip;
+    // When set, the picture shows this annotation of the page alone, on a
+    // transparent background (what the overlay draws while it is dragged).
+    std::shared_ptr<PdfAnnotation> only;
 };

@@ -92,8 +92,8 @@ void InsertPagesSheet::chooseAndInsert()
     progress.begin(tr("Inserting %1 pages…").arg(source->pageCount()), true);
     // A document without pages would start the stepper past its end.
     const qint64 at = std::clamp<qint64>(insertAfter_, 0, document->pageCount());
-    if (!PageOperations::insertPages(source, document, at, progress.callback()))
-        return; // cancelled: the pages already in were taken out again
-    model_->markPageStructureChanged();
-    accept();
+    bool finished = false;
+    model_->changePages([&] { finished = PageOperations::insertPages(source, document, at, progress.callback()); });
+    if (finished) // when cancelled, the pages already in were taken out again
+        accept();
 }

@@ -178,32 +178,18 @@ void movePages(const std::shared_ptr<PdfDocument> &document, const std::set<qint
 {
     if (!document)
         return;
-    const int count = document->pageCount();
-    const qint64 gap = std::clamp<qint64>(toOffset, 0, count);
-    std::vector<std::shared_ptr<PdfPage>> moving;
-    qint64 movingBeforeGap = 0;
-    for (qint64 index : offsets) {
-        if (index < 0 || index >= count)
-            continue;
-        moving.push_back(document->page(int(index)));
-        movingBeforeGap += index < gap ? 1 : 0;
-    }
-    // Taking out only the moved pages and putting them back into the gap
-    // gives the order of the move rule, at a cost that follows the number of
-    // pages moved rather than the length of the document.
-    const qint64 start = gap - movingBeforeGap;
-    bool inPlace = true;
-    for (size_t k = 0; k < moving.size(); ++k)
-        inPlace = inPlace && moving[k]->index() == start + qint64(k);
-    if (inPlace)
-        return;
-    for (auto it = offsets.rbegin(); it != offsets.rend(); ++it)
-        if (*it >= 0 && *it < count)
-            document->removePage(int(*it));
-    qint64 at = start;
-    for (const auto &page : moving)
-        if (page && document->insert(page, int(at)))
-            ++at;
+    const auto pages = document->pages();
+    const qint64 count = qint64(pages.size());
+    std::set<qint64> moving;
+    for (qint64 index : offsets)
+        if (index >= 0 && index < count)
+            moving.insert(index);
+    // One rewrite of the page list: it happens whole or not at all.
+    std::vector<std::shared_ptr<PdfPage>> order;
+    order.reserve(pages.size());
+    for (qint64 old : movedOrder(count, moving, std::clamp<qint64>(toOffset, 0, count)))
+        order.push_back(pages[size_t(old)]);
+    document->setPages(order);
 }
 
 } // namespace PageOperations

@@ -63,7 +63,8 @@ bool insertPages(const std::shared_ptr<PdfDocument> &source, const std::shared_p
 
 // Moves the document's own pages at `offsets` (in ascending order) into the
 // gap before the page that had index `toOffset` (the page count: after the
-// last page). The page objects themselves move, with their annotations.
+// last page). The page objects themselves move, with their annotations; the
+// move happens whole or not at all.
 void movePages(const std::shared_ptr<PdfDocument> &document, const std::set<qint64> &offsets, qint64 toOffset);
 
 // The move rule as a new order of `count` positions, given as old positions:

@@ -47,11 +47,7 @@ void PagesMenu::updateEnabling()
 void PagesMenu::deleteCurrentPage()
 {
     const auto document = model_->pdfDocument();
-    if (!document || document->pageCount() == 0)
-        return;
     const int index = model_->currentPageIndex();
-    if (index >= 0 && index < document->pageCount())
-        document->removePage(index);
-    // Also when the index was out of range: the model brings it back inside.
-    model_->markPageStructureChanged();
+    if (document && index >= 0 && index < document->pageCount())
+        model_->deletePages({index});
 }

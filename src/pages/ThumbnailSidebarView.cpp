@@ -217,6 +217,5 @@ void ThumbnailSidebarView::moveRows(const std::set<qint64> &rows, int gap)
     if (!document)
         return;
     // The current page and the selection keep their numbers, not their pages.
-    PageOperations::movePages(document, rows, gap);
-    model_->markPageStructureChanged();
+    model_->changePages([&] { PageOperations::movePages(document, rows, gap); });
 }

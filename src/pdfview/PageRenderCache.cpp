@@ -240,7 +240,9 @@ std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_p
         return it->second.list;
     }
     recorded = true;
-    auto list = page->displayList();
+    PdfRenderOptions options;
+    options.skip = hidden_;
+    auto list = page->displayList(options);
     lists_[page.get()] = List{page, list, generation, ++clock_, !list};
     if (lists_.size() > maxLists) {
         auto oldest = std::min_element(lists_.begin(), lists_.end(),

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+class PdfAnnotation;
 class PdfDisplayList;
 class PdfPage;
 
@@ -60,6 +61,9 @@ public:
     // again. With `displayArea` (display-space points) only the tiles that
     // meet it do; the others stay as they are.
     void invalidate(const PdfPage *page, const QRectF &displayArea = QRectF());
+    // An annotation drawn without: its page's pictures leave it out from the
+    // next recording on (the caller invalidates the area it covers).
+    void setHiddenAnnotation(std::shared_ptr<PdfAnnotation> annotation) { hidden_ = std::move(annotation); }
     // The page left the view: everything kept for it goes.
     void forget(const PdfPage *page);
     void clear();
@@ -123,4 +127,5 @@ private:
     std::unordered_map<const PdfPage *, quint64> generations_;
     std::unordered_map<const PdfPage *, List> lists_;
     std::vector<QImage> buffers_;
+    std::shared_ptr<PdfAnnotation> hidden_;
 };

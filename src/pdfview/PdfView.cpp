@@ -1,6 +1,7 @@
 #include "PdfView.h"
 
 #include "PageRenderCache.h"
+#include "PdfAnnotation.h"
 #include "PdfChangeChannel.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
@@ -69,8 +70,12 @@ void PdfView::setDocument(std::shared_ptr<PdfDocument> document)
     selection_.reset();
     document_ = std::move(document);
     disconnect(changes_);
-    if (document_)
+    disconnect(pageListChanges_);
+    setHiddenAnnotation(nullptr);
+    if (document_) {
         changes_ = connect(document_->changes(), &PdfChangeChannel::pageChanged, this, &PdfView::pageChanged);
+        pageListChanges_ = connect(document_->changes(), &PdfChangeChannel::pageListChanged, this, &PdfView::reloadPages);
+    }
     loadPages();
     // The first page of a new document is announced even if its index equals the old one.
     const int before = current_;
@@ -145,6 +150,22 @@ void PdfView::invalidatePage(const std::shared_ptr<PdfPage> &page, const QRectF 
     cache_->invalidate(page.get(), area.isEmpty() ? QRectF() : pageToDisplay_[size_t(index)].mapRect(area));
     pictureTimer_.start();
     viewport()->update();
+}
+
+void PdfView::setHiddenAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    if (annotation == hidden_)
+        return;
+    const auto before = hidden_;
+    hidden_ = annotation;
+    cache_->setHiddenAnnotation(annotation);
+    for (const auto &changed : {before, annotation}) {
+        auto page = changed ? changed->page() : nullptr;
+        if (!page)
+            continue;
+        const qreal margin = changed->borderWidth().value_or(1) + 2;
+        invalidatePage(page, changed->bounds().adjusted(-margin, -margin, margin, margin));
+    }
 }
 
 // A page shown here changed: a turned page takes another place in the column,

@@ -47,7 +47,8 @@ public:
     std::shared_ptr<PdfDocument> document() const { return document_; }
     // The page list changed (pages inserted, removed, moved or rotated): lays
     // the pages out again, keeping the zoom and, if it is still there, the
-    // page at the top of the view.
+    // page at the top of the view. Changes the engine announces are followed
+    // without being asked.
     void reloadPages();
     // The page's content changed (only `area`, in page space, when one is
     // given): it is rendered again. Changes the engine announces for the
@@ -99,6 +100,12 @@ public:
     // without a parent; none removes the overlay.
     void setOverlay(QWidget *overlay);
     QWidget *overlay() const { return overlay_; }
+
+    // An annotation the pages are drawn without (the overlay draws it while
+    // it is dragged); none draws every annotation again. Pictures already on
+    // screen stay until their replacements arrive.
+    void setHiddenAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
+    std::shared_ptr<PdfAnnotation> hiddenAnnotation() const { return hidden_; }
 
     // Bytes of page pictures kept (plus a few spare buffers and what is on screen).
     qint64 cacheLimit() const;
@@ -211,6 +218,8 @@ private:
 
     std::optional<PdfSelection> selection_;
     std::optional<Press> press_;
+    std::shared_ptr<PdfAnnotation> hidden_;
+    QMetaObject::Connection pageListChanges_;
     // Where the last selection started, for extending it with Shift.
     std::shared_ptr<PdfPage> anchorPage_;
     QPointF anchorPoint_;

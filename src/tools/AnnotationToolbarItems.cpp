@@ -3,6 +3,7 @@
 #include "AnnotationStylePopover.h"
 #include "DocumentModel.h"
 #include "PdfAnnotation.h"
+#include "PdfView.h"
 #include "ToolSettings.h"
 
 #include <QButtonGroup>
@@ -71,9 +72,17 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
     markupButton_->setToolTip(tr("Select text first, then highlight / underline / strike"));
     markupButton_->setPopupMode(QToolButton::InstantPopup);
     auto *menu = new QMenu(markupButton_);
-    // The colour is the one set when the item is chosen.
+    // The colour is the one set when the item is chosen; the text is the one
+    // selected in this window's page view.
     auto markup = [this](const QString &subtype) {
-        return [this, subtype] { documentModel_->applyMarkup(subtype, toolSettings_->markupColor()); };
+        return [this, subtype] {
+            const auto selection = pdfView_ ? pdfView_->currentSelection() : std::nullopt;
+            if (!selection || selection->string().isEmpty())
+                return;
+            documentModel_->applyMarkup(subtype, toolSettings_->markupColor(), *selection);
+            pdfView_->setCurrentSelection(std::nullopt);
+            documentModel_->setHasTextSelection(false);
+        };
     };
     menu->addAction(tr("Highlight"), this, markup(PdfAnnotation::Highlight));
     menu->addAction(tr("Underline"), this, markup(PdfAnnotation::Underline));
@@ -166,8 +175,9 @@ void AnnotationToolbarItems::presentStylePopover()
             stylePopover_ = new AnnotationStylePopover(toolSettings_, this);
             stylePopover_->setAnchor(styleButton_);
             stylePopover_->installEventFilter(this);
-            connect(stylePopover_, &AnnotationStylePopover::colorDialogFinished, this,
-                    [this] { setShowStylePopover(true); }, Qt::QueuedConnection);
+            connect(
+                stylePopover_, &AnnotationStylePopover::colorDialogFinished, this, [this] { setShowStylePopover(true); },
+                Qt::QueuedConnection);
         }
         if (stylePopover_->isVisible())
             return;
@@ -189,4 +199,9 @@ bool AnnotationToolbarItems::eventFilter(QObject *watched, QEvent *event)
     if (watched == stylePopover_ && event->type() == QEvent::Hide && showStylePopover_)
         setShowStylePopover(false);
     return QWidget::eventFilter(watched, event);
+}
+
+void AnnotationToolbarItems::setPdfView(PdfView *view)
+{
+    pdfView_ = view;
 }

@@ -5,12 +5,14 @@
 #include "AnnotationTool.h"
 
 #include <QIcon>
+#include <QPointer>
 #include <QWidget>
 
 #include <functional>
 
 class AnnotationStylePopover;
 class DocumentModel;
+class PdfView;
 class QButtonGroup;
 class QMenu;
 class QToolButton;
@@ -24,6 +26,9 @@ public:
     // `icon` gives the icon of an icon-theme name; `onSign` is called by Sign.
     AnnotationToolbarItems(DocumentModel *documentModel, ToolSettings *toolSettings, std::function<void()> onSign,
                            std::function<QIcon(const QString &)> icon, QWidget *parent = nullptr);
+
+    // The page view of the window the items belong to: Markup marks the text selected there.
+    void setPdfView(PdfView *view);
 
     // Whether the style popover is open; it opens below the style button.
     bool showStylePopover() const { return showStylePopover_; }
@@ -52,6 +57,7 @@ private:
     void presentStylePopover();
 
     DocumentModel *documentModel_;
+    QPointer<PdfView> pdfView_;
     ToolSettings *toolSettings_;
     QButtonGroup *tools_ = nullptr;
     QWidget *toolSelector_ = nullptr;

@@ -855,12 +855,9 @@ void TestPages::sidebarRebuildsAndEmptyState()
     QCOMPARE(sidebar.list()->model()->rowCount(), 2);
     QTRY_VERIFY(sidebar.cache()->has(0) && sidebar.cache()->has(1));
 
-    // Rotating the first page rebuilds the list: its picture is drawn anew, now landscape.
+    // Rotating the first page draws its picture anew, now landscape.
     model_->rotateCurrentPage(90);
-    QVERIFY(!sidebar.cache()->has(0));
-    QTRY_VERIFY(sidebar.cache()->has(0) && sidebar.cache()->has(1));
-    const QImage rotated = sidebar.cache()->thumbnail(0);
-    QVERIFY(rotated.width() > rotated.height());
+    QTRY_VERIFY(sidebar.cache()->has(0) && sidebar.cache()->thumbnail(0).width() > sidebar.cache()->thumbnail(0).height());
 
     // An annotation change keeps the old picture on show while a new one is made.
     auto square = PdfAnnotation::create({100, 100, 300, 300}, PdfAnnotation::Square);

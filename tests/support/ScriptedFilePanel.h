@@ -10,7 +10,7 @@
 class ScriptedFilePanel : public FilePanel {
 public:
     struct Request {
-        enum class Kind { Open, Save, Folder } kind;
+        enum class Kind { Open, Save, Folder, SaveChanges } kind;
         Content content = Content::Pdf;
         bool multiple = false;
         QString proposedName;
@@ -20,6 +20,8 @@ public:
     std::deque<QStringList> openAnswers;
     std::deque<QString> saveAnswers;
     std::deque<QString> folderAnswers;
+    // Answers to the unsaved-changes question; with none left the user does not save.
+    std::deque<SaveAnswer> saveChangesAnswers;
     std::vector<Request> requests;
 
     QStringList chooseFilesToOpen(Content content, bool multiple) override
@@ -37,10 +39,18 @@ public:
         requests.push_back({Request::Kind::Folder, Content::Pdf, false, {}});
         return next(folderAnswers);
     }
+    SaveAnswer askToSaveChanges(const QString &documentName) override
+    {
+        requests.push_back({Request::Kind::SaveChanges, Content::Pdf, false, documentName});
+        if (saveChangesAnswers.empty())
+            return SaveAnswer::DontSave;
+        const SaveAnswer answer = saveChangesAnswers.front();
+        saveChangesAnswers.pop_front();
+        return answer;
+    }
 
 private:
-    template <class T>
-    static T next(std::deque<T> &answers)
+    template <class T> static T next(std::deque<T> &answers)
     {
         if (answers.empty())
             return T();

@@ -55,6 +55,10 @@ struct DocCore {
     std::unique_ptr<CopyState> endCopyBatch();
     // The open batch's state, or null.
     CopyState *copying() const { return copying_.get(); }
+    // Announces that the list of pages changed; within a copy batch, once
+    // when the outermost batch has ended (flushPageList).
+    void announcePageList();
+    void flushPageList();
     // An indirect reference to `obj` where it has an object number, else `obj`.
     pdf_obj *reference(fz_context *c, pdf_obj *obj);
 
@@ -75,6 +79,7 @@ struct DocCore {
 
 private:
     int copyBatches_ = 0;
+    bool pageListPending_ = false;
     // Its grafts keep their sources alive only while the batch is open.
     std::unique_ptr<CopyState> copying_;
 };

@@ -4,8 +4,8 @@
 #include "AnnotationToolbarItems.h"
 #include "CommandMenu.h"
 #include "ContentView.h"
-#include "DrawingOverlayView.h"
 #include "DocumentModel.h"
+#include "DrawingOverlayView.h"
 #include "FixtureBuilder.h"
 #include "Icons.h"
 #include "PasswordSheet.h"
@@ -15,6 +15,7 @@
 #include "PdfView.h"
 #include "PdfViewBridge.h"
 #include "QtFilePanel.h"
+#include "ScriptedFilePanel.h"
 #include "ThumbnailCache.h"
 #include "ThumbnailSidebarView.h"
 #include "ToolSettings.h"
@@ -77,8 +78,8 @@ bool qpdfEncrypt(const QString &plain, const QString &out, const QString &passwo
     QProcess qpdf;
     qpdf.start("qpdf",
                QStringList{"--allow-weak-crypto", "--encrypt", password, "owner"} + handler + QStringList{"--", plain, out});
-    return qpdf.waitForFinished(60000) && qpdf.exitStatus() == QProcess::NormalExit
-           && (qpdf.exitCode() == 0 || qpdf.exitCode() == 3);
+    return qpdf.waitForFinished(60000) && qpdf.exitStatus() == QProcess::NormalExit &&
+           (qpdf.exitCode() == 0 || qpdf.exitCode() == 3);
 }
 
 } // namespace
@@ -106,6 +107,7 @@ private slots:
     void deleteKeyGoesToTheOverlayFirst();
     void everyWindowFollowsAnnotationChanges();
     void fileChoosersStartInAFolderThatExists();
+    void closingAsksAboutUnsavedChanges();
 
 private:
     QString fixture(const QString &name, int pages = 3);
@@ -115,9 +117,15 @@ private:
     int run_ = 0;
 };
 
-QString TestApp::fixture(const QString &name, int pages) { return fixtures::numberedFile(dir_.path(), name, pages); }
+QString TestApp::fixture(const QString &name, int pages)
+{
+    return fixtures::numberedFile(dir_.path(), name, pages);
+}
 
-void TestApp::initTestCase() { qputenv("XDG_DATA_HOME", dir_.filePath("data").toLocal8Bit()); }
+void TestApp::initTestCase()
+{
+    qputenv("XDG_DATA_HOME", dir_.filePath("data").toLocal8Bit());
+}
 
 void TestApp::init()
 {
@@ -138,8 +146,8 @@ void TestApp::commandsAndButtonsFollowTheModel()
     DocumentModel &m = *model_;
     CommandMenu *c = window_->commands();
     auto enabled = [&] {
-        return QList<bool>{c->undo->isEnabled(),     c->redo->isEnabled(),    c->deleteSelection->isEnabled(),
-                           c->open->isEnabled(),     c->save->isEnabled(),    c->saveAs->isEnabled(),
+        return QList<bool>{c->undo->isEnabled(),       c->redo->isEnabled(),   c->deleteSelection->isEnabled(),
+                           c->open->isEnabled(),       c->save->isEnabled(),   c->saveAs->isEnabled(),
                            c->actualSize->isEnabled(), c->zoomIn->isEnabled(), c->zoomOut->isEnabled()};
     };
     auto buttons = [&] {
@@ -362,7 +370,8 @@ void TestApp::dropsThatCannotOpen()
 
 void TestApp::commandLineAndHandedFiles()
 {
-    QCOMPARE(VelloraApp::pdfArgument({"vellora", "-a", "first.pdf", "second.PDF", "third.pdf"}), QDir::current().absoluteFilePath("third.pdf"));
+    QCOMPARE(VelloraApp::pdfArgument({"vellora", "-a", "first.pdf", "second.PDF", "third.pdf"}),
+             QDir::current().absoluteFilePath("third.pdf"));
     QCOMPARE(VelloraApp::pdfArgument({"vellora", "second.PDF"}), QString());
     QCOMPARE(VelloraApp::pdfArgument({"program.pdf"}), QString());
     QCOMPARE(VelloraApp::pdfArgument({"vellora", "/abs/one.pdf", "-x"}), QString("/abs/one.pdf"));
@@ -761,4 +770,67 @@ void TestApp::fileChoosersStartInAFolderThatExists()
 }
 
 QTEST_MAIN(TestApp)
+// Only the last window of a document asks; Cancel keeps it open, Save writes
+// the file first (a failed save keeps it open), Don't Save lets it go. Quit
+// asks once, before any window closes. Each window's commands act on its own view.
+void TestApp::closingAsksAboutUnsavedChanges()
+{
+    auto panel = std::make_shared<ScriptedFilePanel>();
+    model_->setFilePanel(panel);
+    const QString path = fixture("unsaved.pdf", 2);
+    model_->open(path);
+    auto second = std::make_unique<ContentView>(model_.get());
+    second->show();
+    QVERIFY(QTest::qWaitForWindowExposed(second.get()));
+    auto square = PdfAnnotation::create({100, 100, 50, 50}, PdfAnnotation::Square);
+    square->setColor(Qt::red);
+    model_->addAnnotation(square, model_->pdfDocument()->page(0), true);
+    auto asked = [&] {
+        return std::count_if(panel->requests.begin(), panel->requests.end(), [](const auto &r) {
+            return r.kind == ScriptedFilePanel::Request::Kind::SaveChanges && r.proposedName == "unsaved.pdf";
+        });
+    };
+
+    panel->saveChangesAnswers = {FilePanel::SaveAnswer::Cancel};
+    second->commands()->quit->trigger();
+    QCOMPARE(asked(), 1);
+    QVERIFY(window_->isVisible() && second->isVisible());
+
+    QVERIFY(second->close()); // another window still shows the document: no question
+    second.reset();
+    QCOMPARE(asked(), 1);
+    PdfView *view = window_->bridge()->pdfView();
+    window_->commands()->actualSize->trigger();
+    window_->commands()->zoomIn->trigger();
+    QVERIFY(view->scaleFactor() > 1.0); // the remaining window's commands still reach its view
+
+    panel->saveChangesAnswers = {FilePanel::SaveAnswer::Cancel};
+    QVERIFY(!window_->close());
+    QCOMPARE(asked(), 2);
+    QVERIFY(window_->isVisible());
+    QCOMPARE(PdfDocument::open(path)->page(0)->annotations().size(), size_t(0));
+
+    panel->saveChangesAnswers = {FilePanel::SaveAnswer::Save};
+    QFile::setPermissions(dir_.path(), QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    {
+        ActAsNobody nobody;
+        QVERIFY(!window_->close()); // the save failed: the window stays
+    }
+    QFile::setPermissions(dir_.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QVERIFY(!model_->errorMessage().isEmpty());
+    QVERIFY(window_->isVisible());
+    panel->saveChangesAnswers = {FilePanel::SaveAnswer::Save};
+    QVERIFY(window_->close());
+    QCOMPARE(PdfDocument::open(path)->page(0)->annotations().size(), size_t(1));
+    QVERIFY(!model_->isDirty());
+
+    window_->show();
+    auto circle = PdfAnnotation::create({300, 300, 20, 20}, PdfAnnotation::Circle);
+    circle->setColor(Qt::red);
+    model_->addAnnotation(circle, model_->pdfDocument()->page(1), true);
+    panel->saveChangesAnswers = {FilePanel::SaveAnswer::DontSave};
+    QVERIFY(window_->close());
+    QCOMPARE(PdfDocument::open(path)->page(1)->annotations().size(), size_t(0));
+}
+
 #include "tst_app.moc"

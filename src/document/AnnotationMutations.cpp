@@ -119,21 +119,28 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
 }
 
 void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText,
-                                          const QString &oldText)
+                                          const QString &oldText, std::optional<std::pair<QRectF, QRectF>> bounds)
 {
     if (!annotation)
         return;
+    const std::optional<QRectF> newBounds = bounds ? std::optional(bounds->first) : std::nullopt;
+    const std::optional<QRectF> oldBounds = bounds ? std::optional(bounds->second) : std::nullopt;
+    if (newBounds)
+        annotation->setBounds(*newBounds);
     annotation->setContents(newText);
     reseat(annotation);
     QPointer<DocumentModel> model(this);
-    auto setContents = [model, annotation](const QString &text) {
+    auto setContents = [model, annotation](const QString &text, const std::optional<QRectF> &box) {
+        if (box)
+            annotation->setBounds(*box);
         annotation->setContents(text);
         if (model) {
             model->reseat(annotation);
             model->count();
         }
     };
-    record({[setContents, oldText] { setContents(oldText); }, [setContents, newText] { setContents(newText); }});
+    record({[setContents, oldText, oldBounds] { setContents(oldText, oldBounds); },
+            [setContents, newText, newBounds] { setContents(newText, newBounds); }});
     changed();
 }
 

@@ -111,12 +111,15 @@ public:
     // Closes the editor and applies the edit; removeInlineEditor() only closes it.
     void commitInlineEdit();
     void removeInlineEditor();
-    // The box a text gets: as wide as its widest line (up to 2 points before
-    // the page's right edge) and as high as its lines, never smaller than `base`.
-    static QRectF fittedBounds(const QString &text, const QRectF &base, const PdfFont &font,
-                               const std::shared_ptr<PdfPage> &page);
+    // The box a text turned by `rotation` gets, as it reads: as wide as its
+    // widest line (up to 2 points before the page's right edge) and as high
+    // as the lines it breaks into, never smaller than `base`; moved up (and
+    // widened) to stay on the page.
+    static QRectF fittedBounds(const QString &text, const QRectF &base, const PdfFont &font, const std::shared_ptr<PdfPage> &page,
+                               int rotation = 0);
     // The same width for a cover over a line of the page, but only as high as its lines.
-    static QRectF coverBounds(const QString &text, const QRectF &base, const PdfFont &font, const std::shared_ptr<PdfPage> &page);
+    static QRectF coverBounds(const QString &text, const QRectF &base, const PdfFont &font, const std::shared_ptr<PdfPage> &page,
+                              int rotation = 0);
     // The font the page shows `text` in (its first occurrence on the page),
     // else the system font at `fallbackSize`.
     static PdfFont detectFont(const QString &text, const std::shared_ptr<PdfPage> &page, qreal fallbackSize);

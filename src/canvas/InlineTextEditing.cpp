@@ -20,10 +20,84 @@ namespace {
 
 // The smallest font the editor shows, however far the view is zoomed out.
 constexpr qreal minimumEditorFontSize = 5;
+// How near a box comes to the edges of its page, in points.
+constexpr qreal pageMargin = 2;
 
 qreal fallbackSizeFor(qreal height)
 {
     return std::clamp(height * 0.78, 6.0, 96.0);
+}
+
+// Page space to the frame in which text turned by `rotation` (degrees
+// clockwise, as a page is shown turned) reads upright: y down, lines along x.
+QTransform uprightFrame(int rotation)
+{
+    return QTransform(1, 0, 0, -1, 0, 0) * QTransform().rotate(rotation);
+}
+
+// How far the edited text is turned: a new box reads upright on its page as
+// shown, a re-edited box keeps its own turn, a cover runs with the page's line.
+int textRotation(const DrawingOverlayView::EditingMode &mode, const std::shared_ptr<PdfPage> &page)
+{
+    if (const auto *existing = std::get_if<DrawingOverlayView::Existing>(&mode))
+        return existing->annotation->rotation();
+    return std::holds_alternative<DrawingOverlayView::NewBox>(mode) && page ? page->rotation() : 0;
+}
+
+// Whether the edit makes or retypes an opaque cover over a line of the page.
+bool isCover(const DrawingOverlayView::EditingMode &mode)
+{
+    if (const auto *existing = std::get_if<DrawingOverlayView::Existing>(&mode)) {
+        const QColor color = existing->annotation->color();
+        return color.isValid() && color.alpha() == 255;
+    }
+    return std::holds_alternative<DrawingOverlayView::Replacement>(mode);
+}
+
+// The page's visible box in the upright frame.
+QRectF paperIn(const QTransform &frame, const std::shared_ptr<PdfPage> &page)
+{
+    return frame.mapRect(page ? page->bounds(PdfBox::Crop) : QRectF(0, 0, 612, 792));
+}
+
+// The width that shows the widest of the text's lines unbroken.
+qreal unbrokenWidth(const QString &text, const PdfFont &font)
+{
+    qreal widest = 0;
+    for (const QString &line : text.split(QLatin1Char('\n')))
+        widest = std::max(widest, FontService::instance().textWidth(font, line));
+    return widest * 1.06 + font.size + 8;
+}
+
+// The lines the saved box breaks the text into: the appearance writer's own
+// breaking, in a box `width` points wide.
+int wrappedLines(const QString &text, const PdfFont &font, qreal width)
+{
+    return int(FontService::instance().wrap(font, text, width - 2 * FontService::TextInset).size());
+}
+
+// How far down from a box's top edge the appearance draws that many lines.
+qreal drawnHeight(int lines, const PdfFont &font)
+{
+    FontService &fonts = FontService::instance();
+    return FontService::TextInset + fonts.ascent(font) + (lines - 1) * fonts.lineAdvance(font) + fonts.descent(font);
+}
+
+// The upright box (from an upright `base`) a text needs: as wide as its
+// widest line, up to `right`, and as high as the lines it then breaks into.
+// A cover is only as high as its lines are drawn, so that the page's next
+// line stays in sight; a box has room for them as the editor spaces them too.
+QRectF grownBox(const QString &text, const PdfFont &font, const QRectF &base, qreal right, bool cover)
+{
+    const qreal width = std::max(base.width(), std::min(unbrokenWidth(text, font), right - base.left()));
+    const int lines = wrappedLines(text, font, width);
+    qreal height = drawnHeight(lines, font) + (cover ? 1 : FontService::TextInset);
+    if (!cover) {
+        const QFontMetricsF metrics(FontService::instance().qFont(font));
+        // Qt's descent is positive below the baseline.
+        height = std::max(height, (metrics.ascent() + metrics.descent() + metrics.leading()) * lines * 1.25 + 6);
+    }
+    return QRectF(base.topLeft(), QSizeF(width, std::max(base.height(), height)));
 }
 
 } // namespace
@@ -83,8 +157,11 @@ void DrawingOverlayView::beginNewTextBox(const std::shared_ptr<PdfPage> &page, Q
     const qreal h = size * 1.6;
     QColor background(Qt::white);
     background.setAlphaF(0.9);
-    beginTextEdit(NewBox{}, page, QRectF(p.x(), p.y() - h, 240, h), QString(), systemFont(size), toolSettings_->fontColor(),
-                  background);
+    // The point is the box's top left corner as the page is read.
+    const QTransform frame = uprightFrame(page->rotation());
+    const QPointF corner = frame.map(p);
+    const QRectF box = frame.inverted().mapRect(QRectF(corner.x(), corner.y(), 240, h));
+    beginTextEdit(NewBox{}, page, box, QString(), systemFont(size), toolSettings_->fontColor(), background);
 }
 
 void DrawingOverlayView::beginEditExisting(const std::shared_ptr<PdfAnnotation> &annotation)
@@ -92,7 +169,8 @@ void DrawingOverlayView::beginEditExisting(const std::shared_ptr<PdfAnnotation> 
     auto page = annotation ? annotation->page() : nullptr;
     if (!page)
         return;
-    const PdfFont font = annotation->font().value_or(systemFont(fallbackSizeFor(annotation->bounds().height())));
+    const qreal height = uprightFrame(annotation->rotation()).mapRect(annotation->bounds()).height();
+    const PdfFont font = annotation->font().value_or(systemFont(fallbackSizeFor(height)));
     const QColor color = annotation->fontColor().isValid() ? annotation->fontColor() : QColor(Qt::black);
     beginTextEdit(Existing{annotation}, page, annotation->bounds(), annotation->contents(), font, color, Qt::white);
 }
@@ -113,10 +191,22 @@ void DrawingOverlayView::beginTextEdit(const EditingMode &mode, const std::share
     opaque.setAlphaF(1);
     editingBg_ = std::holds_alternative<Replacement>(mode) ? opaque : QColor(Qt::transparent);
 
+    const qreal scale = pdfView_->scaleFactor();
     PdfFont shown = font;
-    shown.size = std::max(pdfView_->scaleFactor() * font.size, minimumEditorFontSize);
+    shown.size = std::max(scale * font.size, minimumEditorFontSize);
     auto *editor = new InlineTextView(this);
-    editor->setGeometry(pdfView_->convertFromPage(bounds, page).toAlignedRect());
+    // The editor is laid out upright, as the text reads, from the box's top left corner on screen.
+    const QTransform frame = uprightFrame(textRotation(mode, page));
+    const QRectF upright = frame.mapRect(bounds);
+    const QPointF corner = pdfView_->convertFromPage(bounds, page).topLeft();
+    editor->setGeometry(QRectF(corner, upright.size() * scale).toAlignedRect());
+    // It grows as the box will: right as far as the page's margin, then down for every line.
+    const qreal right = paperIn(frame, page).right() - pageMargin;
+    const bool cover = isCover(mode);
+    editor->fittedSize = [font, upright, right, cover, scale](const QString &typed) {
+        const QRectF box = grownBox(typed, font, upright, right, cover);
+        return QSize(int(std::ceil(box.width() * scale)), int(std::ceil(box.height() * scale)));
+    };
     editor->setFont(FontService::instance().qFont(shown));
     editor->setPlainText(text);
     editor->growWithText();
@@ -166,14 +256,15 @@ void DrawingOverlayView::commitInlineEdit()
     const EditingMode mode = *editingMode_;
     const auto page = editingPage_;
     removeInlineEditor();
+    const int rotation = textRotation(mode, page);
     if (const auto *existing = std::get_if<Existing>(&mode)) {
         const auto &annotation = existing->annotation;
         if (text != editingOriginalText_) {
-            // The grown box is not part of the undoable step: undoing keeps it.
-            const bool cover = annotation->color().isValid() && annotation->color().alpha() == 255;
-            annotation->setBounds(cover ? coverBounds(text, annotation->bounds(), editingFont_, page)
-                                        : fittedBounds(text, annotation->bounds(), editingFont_, page));
-            documentModel_->setAnnotationContents(annotation, text, editingOriginalText_);
+            // The box grows with its text in the same undoable step.
+            const QRectF old = annotation->bounds();
+            const QRectF grown = isCover(mode) ? coverBounds(text, old, editingFont_, page, rotation)
+                                               : fittedBounds(text, old, editingFont_, page, rotation);
+            documentModel_->setAnnotationContents(annotation, text, editingOriginalText_, std::pair{grown, old});
         }
         select(annotation);
         refresh();
@@ -184,9 +275,10 @@ void DrawingOverlayView::commitInlineEdit()
         refresh();
         return;
     }
-    const QRectF bounds = replacement ? coverBounds(text, editingBounds_, editingFont_, page)
-                                      : fittedBounds(text, editingBounds_, editingFont_, page);
+    const QRectF bounds = replacement ? coverBounds(text, editingBounds_, editingFont_, page, rotation)
+                                      : fittedBounds(text, editingBounds_, editingFont_, page, rotation);
     auto annotation = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
+    annotation->setRotation(rotation);
     annotation->setContents(text);
     annotation->setFont(editingFont_);
     annotation->setFontColor(editingFontColor_);
@@ -199,36 +291,30 @@ void DrawingOverlayView::commitInlineEdit()
 }
 
 QRectF DrawingOverlayView::fittedBounds(const QString &text, const QRectF &base, const PdfFont &font,
-                                        const std::shared_ptr<PdfPage> &page)
+                                        const std::shared_ptr<PdfPage> &page, int rotation)
 {
-    const QStringList lines = text.isEmpty() ? QStringList{QString()} : text.split(QLatin1Char('\n'));
-    qreal widest = 0;
-    for (const QString &line : lines)
-        widest = std::max(widest, FontService::instance().textWidth(font, line));
-    const qreal wanted = widest * 1.06 + font.size + 8;
-    const QRectF media = page ? page->bounds(PdfBox::Media) : QRectF(0, 0, 612, 792);
-    const qreal room = media.left() + media.width() - base.left() - 2;
-    const qreal width = std::max(base.width(), std::min(wanted, room));
-    const QFontMetricsF metrics(FontService::instance().qFont(font));
-    // Qt's descent is positive below the baseline.
-    const qreal lineHeight = metrics.ascent() + metrics.descent() + metrics.leading();
-    const qreal height = std::max(base.height(), lineHeight * qreal(lines.size()) * 1.25 + 6);
-    const qreal top = base.top() + base.height();
-    return QRectF(base.left(), top - height, width, height);
+    const QTransform frame = uprightFrame(rotation);
+    const QRectF start = frame.mapRect(base);
+    const QRectF paper = paperIn(frame, page);
+    QRectF box = grownBox(text, font, start, paper.right() - pageMargin, false);
+    if (box.bottom() > paper.bottom() - pageMargin) {
+        // Past the page's foot, where no reader shows it: a box taller than
+        // the page first takes the page's whole width, then the box rises.
+        const qreal left = paper.left() + pageMargin;
+        const bool narrowed = box.width() < std::min(unbrokenWidth(text, font), paper.right() - pageMargin - left);
+        if (box.height() > paper.height() - 2 * pageMargin && narrowed)
+            box =
+                grownBox(text, font, QRectF(left, start.top(), start.width(), start.height()), paper.right() - pageMargin, false);
+        box.moveTop(std::max(paper.top() + pageMargin, paper.bottom() - pageMargin - box.height()));
+    }
+    return frame.inverted().mapRect(box);
 }
 
-// A cover over a line of the page is as wide as a fitted box but reaches down
-// only as far as its own lines, so that the page's next line stays in sight.
 QRectF DrawingOverlayView::coverBounds(const QString &text, const QRectF &base, const PdfFont &font,
-                                       const std::shared_ptr<PdfPage> &page)
+                                       const std::shared_ptr<PdfPage> &page, int rotation)
 {
-    QRectF bounds = fittedBounds(text, base, font, page);
-    FontService &fonts = FontService::instance();
-    const qreal lines = qreal(text.count(QLatin1Char('\n')) + 1);
-    const qreal drawn =
-        FontService::TextInset + fonts.ascent(font) + (lines - 1) * fonts.lineAdvance(font) + fonts.descent(font) + 1;
-    bounds.setTop(bounds.top() + bounds.height() - std::max(base.height(), drawn));
-    return bounds;
+    const QTransform frame = uprightFrame(rotation);
+    return frame.inverted().mapRect(grownBox(text, font, frame.mapRect(base), paperIn(frame, page).right() - pageMargin, true));
 }
 
 PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_ptr<PdfPage> &page, qreal fallbackSize)

@@ -20,12 +20,17 @@ InlineTextView::InlineTextView(QWidget *parent) : QPlainTextEdit(parent)
 
 void InlineTextView::growWithText()
 {
-    if (openedHeight_ < 0)
-        openedHeight_ = height();
+    if (!openedSize_.isValid())
+        openedSize_ = size();
+    const QSize fitted = fittedSize ? fittedSize(toPlainText()) : QSize();
+    // Widened first: the lines break anew at the new width.
+    const int wantedWidth = std::max(openedSize_.width(), fitted.width());
+    if (wantedWidth != width())
+        resize(wantedWidth, height());
     // A plain text document measures its height in lines; the pixel height is the blocks' extent.
     const QRectF last = blockBoundingGeometry(document()->lastBlock()).translated(contentOffset());
     const int needed = int(std::ceil(last.bottom() + document()->documentMargin())) + 1;
-    const int wanted = std::max(openedHeight_, needed);
+    const int wanted = std::max({openedSize_.height(), needed, fitted.height()});
     if (wanted != height())
         resize(width(), wanted);
 }

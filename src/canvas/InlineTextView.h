@@ -14,14 +14,18 @@ public:
 
     std::function<void()> onCommit;
     std::function<void()> onCancel;
+    // The size in pixels the box being typed needs for a text; unset, the
+    // editor only grows downwards.
+    std::function<QSize(const QString &)> fittedSize;
 
-    // Grows downwards, never below the height it was opened with, so that
-    // wrapped and added lines stay in sight while the user types.
+    // Grows to the size the text needs (to the right and downwards), never
+    // below the size it was opened with, so that every line stays in sight
+    // while the user types and breaks as it will in the saved box.
     void growWithText();
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
 
 private:
-    int openedHeight_ = -1;
+    QSize openedSize_;
 };

@@ -107,13 +107,25 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
 }
 
 void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText,
-                                          const QString &oldText)
+                                          const QString &oldText, std::optional<std::pair<QRectF, QRectF>> bounds)
 {
     if (!annotation)
         return;
+    const std::optional<QRectF> newBounds = bounds ? std::optional(bounds->first) : std::nullopt;
+    const std::optional<QRectF> oldBounds = bounds ? std::optional(bounds->second) : std::nullopt;
+    if (newBounds)
+        annotation->setBounds(*newBounds);
     annotation->setContents(newText);
-    record({[annotation, oldText] { annotation->setContents(oldText); },
-            [annotation, newText] { annotation->setContents(newText); }});
+    record({[annotation, oldText, oldBounds] {
+                if (oldBounds)
+                    annotation->setBounds(*oldBounds);
+                annotation->setContents(oldText);
+            },
+            [annotation, newText, newBounds] {
+                if (newBounds)
+                    annotation->setBounds(*newBounds);
+                annotation->setContents(newText);
+            }});
     changed();
 }
 

@@ -23,6 +23,7 @@
 #include <QStringList>
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -108,7 +109,9 @@ public:
     void setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
     void commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                               const QRectF &newBounds, const QRectF &oldBounds);
-    void setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText, const QString &oldText);
+    // With `bounds` (new, old), the box changes in the same step as its text.
+    void setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText, const QString &oldText,
+                               std::optional<std::pair<QRectF, QRectF>> bounds = std::nullopt);
     // Marks the selected text with one markup annotation per page, one undoable step each.
     void applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection);
 

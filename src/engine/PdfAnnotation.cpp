@@ -64,6 +64,12 @@ void putAlpha(fz_context *c, pdf_obj *dict, pdf_obj *key, const QColor &color)
         pdf_dict_del(c, dict, key);
 }
 
+// A turn in degrees as a quarter turn clockwise: 0, 90, 180 or 270.
+int normalizedRotation(int degrees)
+{
+    return (degrees % 360 + 360) % 360 / 90 * 90;
+}
+
 struct DefaultAppearance {
     std::optional<PdfFont> font;
     QColor color;
@@ -160,6 +166,9 @@ void PdfAnnotation::readFromFile()
         else if (pdf_array_len(c, border) >= 3)
             borderWidth_ = pdf_array_get_real(c, border, 2);
 
+        if (freeText)
+            rotation_ = normalizedRotation(pdf_dict_get_int(c, d, PDF_NAME(Rotate)));
+
         const qreal x0 = std::min(rect.x0, rect.x1), y0 = std::min(rect.y0, rect.y1);
         pdf_obj *quads = pdf_dict_get(c, d, PDF_NAME(QuadPoints));
         for (int i = 0; i + 1 < pdf_array_len(c, quads); i += 2)
@@ -235,6 +244,10 @@ void PdfAnnotation::writeDictionary()
             // A transparent background is written as no background.
             putColor(c, d, PDF_NAME(C), color_.isValid() && color_.alpha() > 0 ? color_ : QColor());
             pdf_dict_put_string(c, d, PDF_NAME(DA), da.constData(), size_t(da.size()));
+            if (rotation_)
+                pdf_dict_put_int(c, d, PDF_NAME(Rotate), rotation_);
+            else
+                pdf_dict_del(c, d, PDF_NAME(Rotate));
         } else {
             putColor(c, d, PDF_NAME(C), color_);
             putAlpha(c, d, PDF_NAME(CA), color_);
@@ -289,6 +302,12 @@ void PdfAnnotation::writeAppearance()
         return;
     appearance::Input input{type_, bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
                             font_, fontColor_,     quadPoints_, inkPaths_,      stampImage_};
+    if (type_ == FreeText && rotation_) {
+        // The text is set in its own upright box, which the appearance turns onto the bounds.
+        input.rotation = rotation_;
+        if (rotation_ % 180)
+            input.size.transpose();
+    }
     appearance::write(*core_, native_->obj, input, &native_->appearance);
 }
 
@@ -418,6 +437,12 @@ void PdfAnnotation::setFontColor(const QColor &color)
 {
     fontColor_ = color;
     changed(true);
+}
+
+void PdfAnnotation::setRotation(int degrees)
+{
+    rotation_ = normalizedRotation(degrees);
+    changed(type_ == FreeText);
 }
 
 void PdfAnnotation::setQuadrilateralPoints(const QVector<QPointF> &points)

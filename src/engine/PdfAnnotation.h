@@ -52,6 +52,10 @@ public:
     void setFont(const std::optional<PdfFont> &font);
     QColor fontColor() const { return fontColor_; }
     void setFontColor(const QColor &color);
+    // How far free text is turned, in degrees clockwise (0, 90, 180 or 270):
+    // on a page shown turned as far, it reads upright. Written as /Rotate.
+    int rotation() const { return rotation_; }
+    void setRotation(int degrees);
 
     // Text markup: four points per line (upper left, upper right, lower left,
     // lower right), relative to the bounds' origin.
@@ -99,6 +103,7 @@ private:
     QString contents_;
     std::optional<PdfFont> font_;
     QColor fontColor_;
+    int rotation_ = 0;
     QVector<QPointF> quadPoints_;
     QVector<QPolygonF> inkPaths_;
     QImage stampImage_;

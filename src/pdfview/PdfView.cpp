@@ -122,12 +122,18 @@ void PdfView::reloadPages()
     Anchor anchor = anchorAt(QPointF(viewport()->width() / 2.0, 0));
     const auto anchorPage = anchor.page >= 0 ? pages_[size_t(anchor.page)] : nullptr;
     loadPages();
+    bool anchorTurned = false;
     for (size_t i = 0; i < oldPages.size(); ++i) {
         const int now = indexOf(oldPages[i]);
-        if (now < 0 || pageToDisplay_[size_t(now)] != oldTransforms[i])
+        if (now < 0 || pageToDisplay_[size_t(now)] != oldTransforms[i]) {
             cache_->forget(oldPages[i].get());
+            anchorTurned = anchorTurned || (now >= 0 && oldPages[i] == anchorPage);
+        }
     }
     anchor.page = indexOf(anchorPage);
+    // A page that turned is shown from its beginning: its top at the top of the view.
+    if (anchorTurned)
+        anchor = Anchor{anchor.page, QPointF(), QPointF(anchor.viewPoint.x(), 0)};
     pinned_ = -1;
     relayout(anchor);
     // Across the column every page is centred: the page read before is centred in the view again.
@@ -385,10 +391,13 @@ void PdfView::goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint)
     updateCurrentPage();
 }
 
-// The content x at the view's left edge that puts the page's centre in the middle of the view.
+// The content x at the view's left edge that puts the page's centre in the
+// middle of the view; a page wider than the view is shown from its left edge,
+// where its lines begin.
 qreal PdfView::centredScroll(int index) const
 {
-    return QRectF(layout_.pageRect(index)).center().x() - viewport()->width() / 2.0;
+    const QRectF page = layout_.pageRect(index);
+    return page.width() > viewport()->width() ? page.left() : page.center().x() - viewport()->width() / 2.0;
 }
 
 // ---- Zoom ----------------------------------------------------------------

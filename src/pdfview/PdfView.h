@@ -47,8 +47,8 @@ public:
     std::shared_ptr<PdfDocument> document() const { return document_; }
     // The page list changed (pages inserted, removed, moved or rotated): lays
     // the pages out again, keeping the zoom and, if it is still there, the
-    // page at the top of the view. Changes the engine announces are followed
-    // without being asked.
+    // page at the top of the view (from its beginning when it turned).
+    // Changes the engine announces are followed without being asked.
     void reloadPages();
     // The page's content changed (only `area`, in page space, when one is
     // given): it is rendered again. Changes the engine announces for the
@@ -59,7 +59,7 @@ public:
     std::shared_ptr<PdfPage> currentPage() const;
     int currentPageIndex() const { return current_; }
     // Scrolls so that the top of the page is at the top of the view and the
-    // page is centred across it.
+    // page is centred across it (shown from its left edge when it is wider).
     void goToPage(const std::shared_ptr<PdfPage> &page);
     // Scrolls so that a page-space point is at the top of the view (as far as
     // the scroll range allows). A page as narrow as the view or narrower is

@@ -640,8 +640,8 @@ void TestApp::zoomIsFittedThenFrozen()
     QCOMPARE(view->minScaleFactor(), 0.25);
 }
 
-// A page whose box starts away from 0,0 opens at its top; after a page is
-// turned at the frozen zoom, it and every page gone to later stay centred.
+// A page whose box starts away from 0,0 opens at its top; a page turned at
+// the frozen zoom shows its top left corner, a page gone to later is centred.
 void TestApp::pagesOpenAtTheirTopAndStayInView()
 {
     DocumentModel &m = *model_;
@@ -670,8 +670,8 @@ void TestApp::pagesOpenAtTheirTopAndStayInView()
     m.rotateCurrentPage(90);
     QTest::qWait(50);
     QCOMPARE(view->scaleFactor(), zoom);
-    QVERIFY(shown(2).width() > view->viewport()->width()); // landscape now, wider than the view
-    QVERIFY(std::abs(shown(2).center().x() - middle) <= 1);
+    QVERIFY(shown(2).width() > view->viewport()->width()); // landscape now, wider than the view: shown from its left edge
+    QVERIFY(std::abs(shown(2).left()) < 2);
     QVERIFY(std::abs(shown(2).top()) < 2);
 
     // Going to a portrait page, as a thumbnail click does: all of it across the view.

@@ -51,6 +51,23 @@ void clickOn(QWidget *overlay, QPointF pos)
     sendMouse(overlay, QEvent::MouseButtonRelease, pos);
 }
 
+// The words poppler reads on a page (from 1) of a file, with their boxes in points on the page as shown.
+QList<std::pair<QString, QRectF>> popplerWords(const QString &path, int page)
+{
+    QProcess pdftotext;
+    pdftotext.start("pdftotext", {"-bbox", "-f", QString::number(page), "-l", QString::number(page), path, "-"});
+    pdftotext.waitForFinished(60000);
+    static const QRegularExpression word(
+        "<word xMin=\"([\\d.]+)\" yMin=\"([\\d.]+)\" xMax=\"([\\d.]+)\" yMax=\"([\\d.]+)\">([^<]*)<");
+    QList<std::pair<QString, QRectF>> words;
+    for (auto m = word.globalMatch(QString::fromUtf8(pdftotext.readAllStandardOutput())); m.hasNext();) {
+        const auto w = m.next();
+        words.append({w.captured(5), QRectF(QPointF(w.captured(1).toDouble(), w.captured(2).toDouble()),
+                                            QPointF(w.captured(3).toDouble(), w.captured(4).toDouble()))});
+    }
+    return words;
+}
+
 void key(QWidget *target, int code, Qt::KeyboardModifiers modifiers = Qt::NoModifier)
 {
     QKeyEvent press(QEvent::KeyPress, code, modifiers);
@@ -589,6 +606,48 @@ void TestCanvas::newTextBoxes()
     QTest::keyClicks(overlay_->inlineEditor(), "a line much too long to fit before the edge of the page");
     QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
     QCOMPARE(page(0)->annotations().back()->bounds().left() + page(0)->annotations().back()->bounds().width(), 610.0);
+
+    // A paragraph pasted there, too long for the room below: the box takes
+    // the page's width and rises to hold every line on the page.
+    QStringList pasted;
+    for (int i = 0; i < 100; ++i)
+        pasted << QStringLiteral("lorem%1").arg(i);
+    tools_->setCurrentTool(AnnotationTool::freeText);
+    QTest::qWait(10);
+    click(pv(QPointF(300, 250)));
+    overlay_->inlineEditor()->insertPlainText(pasted.join(' '));
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    const QRectF held = page(0)->annotations().back()->bounds();
+    QVERIFY(QRectF(2, 2, 608, 788).contains(held) && held.left() < 300);
+
+    // On a page turned a quarter a three-line note reads upright, in the editor and in another reader.
+    page(1)->setRotation(90);
+    view_->goToPage(page(1));
+    tools_->setCurrentTool(AnnotationTool::freeText);
+    QTest::qWait(10);
+    click(pv(QPointF(300, 300), 1));
+    editor = overlay_->inlineEditor();
+    QVERIFY(editor->width() >= 240 && editor->height() < 60);
+    editor->insertPlainText("one\ntwo\nthree");
+    QTest::keyClick(editor, Qt::Key_Return);
+    const auto note = page(1)->annotations().back();
+    QCOMPARE(note->rotation(), 90);
+
+    // Poppler finds every word of both inside their boxes, running across the page as shown.
+    const QString saved = dir_.filePath("text-boxes.pdf");
+    QVERIFY(model_->pdfDocument()->write(saved));
+    for (const auto &[index, box, expected] :
+         {std::tuple{0, held, pasted}, std::tuple{1, note->bounds(), QStringList{"one", "two", "three"}}}) {
+        const QRectF shown = page(index)->pageToDisplay().mapRect(box).adjusted(-1, -1, 1, 1);
+        QStringList read;
+        for (const auto &[word, at] : popplerWords(saved, index + 1)) {
+            if (!expected.contains(word))
+                continue;
+            read << word;
+            QVERIFY2(shown.contains(at) && at.width() > at.height(), qPrintable(word));
+        }
+        QCOMPARE(QSet<QString>(read.cbegin(), read.cend()), QSet<QString>(expected.cbegin(), expected.cend()));
+    }
 }
 
 // The edit-text tool on a line of the page: the line's text in the page's
@@ -680,7 +739,7 @@ void TestCanvas::coverTakesThePaperColour()
     QCOMPARE(DrawingOverlayView::sampleBackgroundColor(page(0), QRectF(72, 677, 300, 14)), QColor(Qt::white));
 }
 
-// A double click with the select tool re-edits a box; the grown box stays when the text change is undone.
+// A double click with the select tool re-edits a box; the box grown with its text is undone with it.
 void TestCanvas::reEditingABox()
 {
     auto box = PdfAnnotation::create(QRectF(100, 300, 120, 30), PdfAnnotation::FreeText);
@@ -712,7 +771,10 @@ void TestCanvas::reEditingABox()
     QCOMPARE(undoSteps(), steps + 1);
     model_->undo();
     QCOMPARE(box->contents(), QString("short"));
+    QCOMPARE(box->bounds(), QRectF(100, 300, 120, 30));
+    model_->history().performRedo();
     QCOMPARE(box->bounds(), grown);
+    model_->history().performUndo();
 
     // Unchanged text changes nothing and records nothing.
     tools_->setCurrentTool(AnnotationTool::editText);

@@ -367,6 +367,8 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
     }
 
     const fz_rect bbox{0, 0, float(input.size.width()), float(input.size.height())};
+    // Turned text is turned back the other way in page space; readers fit the turned box onto /Rect.
+    const fz_matrix matrix = input.rotation ? fz_rotate(float(input.rotation)) : fz_identity;
     pdf_obj *resources = nullptr;
     fz_buffer *buffer = nullptr;
     try {
@@ -395,9 +397,10 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
             if (*stream) {
                 pdf_update_stream(c, core.doc, *stream, buffer, 0);
                 pdf_dict_put_rect(c, *stream, PDF_NAME(BBox), bbox);
+                pdf_dict_put_matrix(c, *stream, PDF_NAME(Matrix), matrix);
                 pdf_dict_put(c, *stream, PDF_NAME(Resources), resources);
             } else {
-                *stream = pdf_new_xobject(c, core.doc, bbox, fz_identity, resources, buffer);
+                *stream = pdf_new_xobject(c, core.doc, bbox, matrix, resources, buffer);
             }
             pdf_obj *ap = pdf_dict_put_dict(c, annot, PDF_NAME(AP), 1);
             pdf_dict_put(c, ap, PDF_NAME(N), *stream);

@@ -33,6 +33,9 @@ struct Input {
     QVector<QPointF> quadPoints;  // relative to the bounds' origin
     QVector<QPolygonF> inkPaths;  // relative to the bounds' origin
     QImage stampImage;
+    // Free text: the turn of its text, degrees clockwise as the page is shown;
+    // `size` is then the text's own box, before it is turned.
+    int rotation = 0;
 };
 
 // Writes the normal appearance of `annot` (a dictionary in core's document),

@@ -875,6 +875,19 @@ void TestCanvas::placingSignatures()
     while (last->page())
         model_->undo();
     QVERIFY(!last->page());
+
+    // Placed (selected), undone: the frame goes with it, so a drag where its
+    // corner was brings nothing back and the placement can still be redone.
+    auto again = placeAt(image(400, 100), QPointF(450, 150)); // clear of the other marks
+    QCOMPARE(overlay_->selection(), again);
+    model_->undo();
+    QVERIFY(!overlay_->selection() && !again->page());
+    const QRectF gone = again->bounds();
+    drag(overlay_, pv(QPointF(gone.right(), gone.top())), pv(QPointF(gone.right() + 40, gone.top() + 10)));
+    QVERIFY(!again->page());
+    QCOMPARE(again->bounds(), gone);
+    model_->redo();
+    QCOMPARE(again->page(), page(0));
 }
 
 // The saved stamp: poppler shows the image where it was placed, multiplied

@@ -37,8 +37,9 @@ ContentView *VelloraApp::newWindow()
     window->setAttribute(Qt::WA_DeleteOnClose);
     // Each window shown opens the file named on the command line.
     connect(window, &ContentView::firstShown, this, [this] {
+        // A file already shown (with its unsaved changes) is not read again.
         const QString path = pdfArgument(arguments_);
-        if (!path.isEmpty())
+        if (!path.isEmpty() && path != model_->fileURL())
             model_->open(path);
     });
     return window;

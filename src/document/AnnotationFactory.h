@@ -28,6 +28,9 @@ void applyMarkup(const QString &subtype, const PdfSelection &selection, const QC
 // Text markup, links, notes and every other kind are left alone.
 bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
 
+// The width, in points, a signature is placed at.
+constexpr qreal signatureWidth = 200;
+
 // A stamp showing `image` stretched over `bounds`, without a border. Its saved
 // look is drawn once, at the size it has when it is first put on a page.
 std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds);

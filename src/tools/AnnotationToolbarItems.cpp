@@ -71,9 +71,9 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
     markupButton_->setToolTip(tr("Select text first, then highlight / underline / strike"));
     markupButton_->setPopupMode(QToolButton::InstantPopup);
     auto *menu = new QMenu(markupButton_);
-    // The colour is the one set when the item is chosen.
+    // The colour is the one set when the item is chosen (each kind its own until one is).
     auto markup = [this](const QString &subtype) {
-        return [this, subtype] { documentModel_->applyMarkup(subtype, toolSettings_->markupColor()); };
+        return [this, subtype] { documentModel_->applyMarkup(subtype, toolSettings_->markupColorFor(subtype)); };
     };
     menu->addAction(tr("Highlight"), this, markup(PdfAnnotation::Highlight));
     menu->addAction(tr("Underline"), this, markup(PdfAnnotation::Underline));

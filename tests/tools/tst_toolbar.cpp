@@ -292,14 +292,18 @@ void TestAnnotationToolbar::markupMenuMarksTheSelection()
     const QList<QAction *> actions = items.markupMenu()->actions();
     QCOMPARE(actions.size(), 3);
     const QStringList subtypes{PdfAnnotation::Highlight, PdfAnnotation::Underline, PdfAnnotation::StrikeOut};
-    for (int i = 0; i < 3; ++i) {
+    // Each kind in its own colour that shows on white, until a markup colour is set.
+    const QList<QColor> colors{Qt::yellow,           Qt::blue, Qt::red, QColor(0, 160, 0, 93), QColor(0, 160, 0, 94),
+                               QColor(0, 160, 0, 95)};
+    for (int i = 0; i < 6; ++i) {
         view.setCurrentSelection(PdfSelection::between(page, {71, 683}, page, {300, 667}));
         QTRY_VERIFY(items.markupButton()->isEnabled());
-        settings_->setMarkupColor(QColor(0, 160, 0, 90 + i)); // read when the item is chosen
-        actions[i]->trigger();
+        if (i >= 3)
+            settings_->setMarkupColor(QColor(0, 160, 0, 90 + i)); // read when the item is chosen
+        actions[i % 3]->trigger();
         QCOMPARE(page->annotations().size(), size_t(i + 1));
-        QCOMPARE(page->annotations().back()->type(), subtypes[i]);
-        QCOMPARE(page->annotations().back()->color(), QColor(0, 160, 0, 90 + i));
+        QCOMPARE(page->annotations().back()->type(), subtypes[i % 3]);
+        QCOMPARE(page->annotations().back()->color(), colors[i]);
         QVERIFY(!items.markupButton()->isEnabled()); // the selection is used up
     }
     QCOMPARE(actions[0]->text(), QString("Highlight"));

@@ -3,6 +3,7 @@
 #include "AnnotationStylePopover.h"
 #include "DocumentModel.h"
 #include "PdfAnnotation.h"
+#include "PopupAccessibility.h"
 #include "ToolSettings.h"
 
 #include <QButtonGroup>
@@ -39,6 +40,8 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
 {
     if (!icon)
         icon = [](const QString &name) { return QIcon::fromTheme(name); };
+    // The style popover and the Markup menu are popups.
+    PopupAccessibility::install();
 
     toolSelector_ = buildToolSelector(icon);
 
@@ -71,6 +74,7 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
     markupButton_->setToolTip(tr("Select text first, then highlight / underline / strike"));
     markupButton_->setPopupMode(QToolButton::InstantPopup);
     auto *menu = new QMenu(markupButton_);
+    menu->setAccessibleName(markupButton_->text());
     // The colour is the one set when the item is chosen (each kind its own until one is).
     auto markup = [this](const QString &subtype) {
         return [this, subtype] { documentModel_->applyMarkup(subtype, toolSettings_->markupColorFor(subtype)); };

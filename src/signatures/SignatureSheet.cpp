@@ -59,8 +59,9 @@ QIcon inkDot(const QColor &color)
     return dot;
 }
 
-// Why an image file that did not read cannot be used, as the end of a sentence.
-QString unreadableReason(const QImageReader &reader, const QString &path)
+// Why an image file that did not read cannot be used, as the end of a
+// sentence; `size` is the one the file gave before the read failed.
+QString unreadableReason(const QImageReader &reader, const QString &path, QSize size)
 {
     switch (reader.error()) {
     case QImageReader::FileNotFoundError:
@@ -76,7 +77,6 @@ QString unreadableReason(const QImageReader &reader, const QString &path)
     // Qt refuses some pictures over its allocation limit (counted at 32 bits a
     // pixel) even when asked for a smaller size; the error does not tell that
     // from damage.
-    const QSize size = reader.size();
     if (size.isValid() && qint64(size.width()) * size.height() * 4 > qint64(QImageReader::allocationLimit()) << 20)
         return SignatureSheet::tr("the file is damaged or incomplete, or at %1 × %2 pixels too large to read.")
             .arg(size.width())
@@ -102,7 +102,7 @@ QImage readSignatureImage(const QString &path, QString &reason)
     }
     const QImage image = reader.read();
     if (image.isNull())
-        reason = unreadableReason(reader, path);
+        reason = unreadableReason(reader, path, stored);
     return image;
 }
 

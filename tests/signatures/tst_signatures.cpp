@@ -397,13 +397,17 @@ void TestSignatures::importAndSavedRow()
     // What cannot be used says why in the sheet. A 600-dpi A4 scan (over Qt's
     // allocation limit whole) is read scaled to a placed signature's width at
     // the drawing's pixels per point.
-    const QString oneByte = dir_.filePath("one.png"), svg = dir_.filePath("drawing.svg"), scan = dir_.filePath("scan.png");
+    const QString oneByte = dir_.filePath("one.png"), svg = dir_.filePath("drawing.svg"), scan = dir_.filePath("scan.png"),
+                  grey = dir_.filePath("grey.png");
     writeFile(oneByte, "x");
     writeFile(svg, R"(<svg xmlns="http://www.w3.org/2000/svg" width="90" height="30"><path d="M0 0L90 30"/></svg>)");
     QVERIFY(filled({4960, 7016}, Qt::darkBlue).convertToFormat(QImage::Format_RGB888).save(scan));
-    const QList<std::pair<QString, QString>> refused{{oneByte, "it isn't a picture in a format Vellora reads."},
-                                                     {svg, "SVG drawings aren't supported; save it as a PNG first."},
-                                                     {broken, "the file is damaged or incomplete."}};
+    QVERIFY(filled({4960, 7016}, Qt::black).convertToFormat(QImage::Format_Grayscale8).save(grey)); // Qt decodes it only whole
+    const QList<std::pair<QString, QString>> refused{
+        {oneByte, "it isn't a picture in a format Vellora reads."},
+        {svg, "SVG drawings aren't supported; save it as a PNG first."},
+        {broken, "the file is damaged or incomplete."},
+        {grey, "the file is damaged or incomplete, or at 4960 × 7016 pixels too large to read."}};
     for (const auto &[file, reason] : refused) {
         panel_->openAnswers = {{file}};
         sheet.importButton()->click();

@@ -419,7 +419,6 @@ void TestSignatures::importAndSavedRow()
     const QImage stored(sheet.savedPaths().last());
     QCOMPARE(stored.size(), QSize(200 * SignatureCanvasView::inkScale, 1132));
     QVERIFY(sheet.messageLabel()->isHidden() && stored.pixelColor(400, 566) == QColor(Qt::darkBlue));
-    SignatureStore::deleteSignature(sheet.savedPaths().last());
 
     // A pick that no longer reads as an image is not placed; deleting it
     // takes it from disk and row and leaves nothing picked.

@@ -606,8 +606,9 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
 
 QSizeF DrawingOverlayView::signatureSize(const QImage &image, const std::shared_ptr<PdfPage> &page)
 {
-    const QSizeF room = page ? page->bounds().size() / 2 : QSizeF(200, 200);
-    qreal width = std::min<qreal>(200, room.width());
+    const qreal widest = AnnotationFactory::signatureWidth;
+    const QSizeF room = page ? page->bounds().size() / 2 : QSizeF(widest, widest);
+    qreal width = std::min(widest, room.width());
     qreal height = image.width() > 0 ? std::clamp(width * image.height() / image.width(), 40.0, 200.0) : 66;
     if (height > room.height()) {
         width *= room.height() / height;

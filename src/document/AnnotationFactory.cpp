@@ -9,14 +9,13 @@ namespace AnnotationFactory {
 
 void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add)
 {
-    const auto lines = selection.selectionsByLine();
     for (const auto &page : selection.pages()) {
+        // From the first glyph of each line to its last: white space at the
+        // ends (a selection that stops after a space) is not marked.
         std::vector<QRectF> boxes;
-        for (const auto &line : lines) {
-            const auto pages = line.pages();
-            if (std::find(pages.begin(), pages.end(), page) != pages.end())
-                boxes.push_back(line.bounds(page));
-        }
+        for (const auto &line : selection.lines())
+            if (line.page == page && !line.markBounds.isEmpty())
+                boxes.push_back(line.markBounds);
         if (boxes.empty())
             continue;
         QRectF united;

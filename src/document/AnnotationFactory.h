@@ -19,8 +19,9 @@ namespace AnnotationFactory {
 using AddStep = std::function<void(const std::shared_ptr<PdfAnnotation> &, const std::shared_ptr<PdfPage> &)>;
 
 // One markup annotation (Highlight, Underline or StrikeOut) per page the
-// selection touches, covering each selected line of that page with four
-// points; each is handed to `add` with its page.
+// selection touches, covering the glyphs of each selected line of that page
+// with four points (white space at a line's ends left out, a line of nothing
+// else left alone); each is handed to `add` with its page.
 void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add);
 
 // True when the overlay may select, move, resize, nudge and delete the
@@ -31,6 +32,9 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
 // markup (highlight, underline, strike-out), which can be deleted but not
 // moved or resized.
 bool isSelectable(const std::shared_ptr<PdfAnnotation> &annotation);
+
+// The width, in points, a signature is placed at.
+constexpr qreal signatureWidth = 200;
 
 // A stamp showing `image` stretched over `bounds`, without a border. Its saved
 // look is drawn once, at the size it has when it is first put on a page.

@@ -31,6 +31,13 @@ struct PdfPage::Text {
     std::vector<Char> chars;
     std::vector<Line> lines;
     std::vector<PdfFont> fonts;
+
+    // Whether the character at `index` of `chars` is white space.
+    bool isSpace(int index) const
+    {
+        const Char &ch = chars[size_t(index)];
+        return text.mid(ch.textIndex, ch.textLength).trimmed().isEmpty();
+    }
 };
 
 namespace {
@@ -543,11 +550,18 @@ PdfSelection PdfPage::selectionForRange(int fromChar, int toChar)
             continue;
         const auto &first = t.chars[size_t(from)];
         const auto &last = t.chars[size_t(to - 1)];
-        QRectF box;
+        QRectF box, marked;
         for (int i = from; i < to; ++i)
             box = box.united(t.chars[size_t(i)].box);
+        int markFrom = from, markTo = to;
+        while (markFrom < markTo && t.isSpace(markFrom))
+            ++markFrom;
+        while (markTo > markFrom && t.isSpace(markTo - 1))
+            --markTo;
+        for (int i = markFrom; i < markTo; ++i)
+            marked = marked.united(t.chars[size_t(i)].box);
         lines.push_back(
-            {shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex), box});
+            {shared_from_this(), t.text.mid(first.textIndex, last.textIndex + last.textLength - first.textIndex), box, marked});
     }
     return PdfSelection(std::move(lines));
 }
@@ -580,16 +594,13 @@ std::optional<PdfSelection> PdfPage::selectionForWord(QPointF point)
     int hit = caret;
     if (hit >= int(t.chars.size()) || (hit > 0 && t.chars[size_t(hit - 1)].box.right() >= point.x()))
         --hit;
-    auto isSpace = [&](int i) {
-        return t.text.mid(t.chars[size_t(i)].textIndex, t.chars[size_t(i)].textLength).trimmed().isEmpty();
-    };
-    if (hit < 0 || isSpace(hit))
+    if (hit < 0 || t.isSpace(hit))
         return std::nullopt;
     auto lineOf = std::find_if(t.lines.begin(), t.lines.end(), [&](const auto &l) { return hit >= l.first && hit < l.end; });
     int from = hit, to = hit + 1;
-    while (from > lineOf->first && !isSpace(from - 1))
+    while (from > lineOf->first && !t.isSpace(from - 1))
         --from;
-    while (to < lineOf->end && !isSpace(to))
+    while (to < lineOf->end && !t.isSpace(to))
         ++to;
     return selectionForRange(from, to);
 }

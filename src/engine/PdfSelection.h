@@ -18,6 +18,9 @@ public:
         std::shared_ptr<PdfPage> page;
         QString text;
         QRectF bounds; // page space
+        // The selected glyphs without the white space at either end, where a
+        // mark over the text goes; empty when the line is only white space.
+        QRectF markBounds;
     };
 
     PdfSelection() = default;

@@ -10,9 +10,9 @@ constexpr qreal inkWidth = 2;
 constexpr qreal guideInset = 16;
 constexpr qreal guideHeight = 0.7;
 
-QPen inkPen()
+QPen inkPen(const QColor &color)
 {
-    return QPen(Qt::black, inkWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
+    return QPen(color, inkWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
 }
 
 // A single point draws nothing: a click leaves no mark.
@@ -39,6 +39,12 @@ void SignatureCanvasView::clear()
 {
     strokes_.clear();
     currentStroke_.clear();
+    update();
+}
+
+void SignatureCanvasView::setInkColor(const QColor &color)
+{
+    inkColor_ = color;
     update();
 }
 
@@ -78,7 +84,7 @@ void SignatureCanvasView::paintEvent(QPaintEvent *)
     painter.setPen(QPen(guide, 1));
     const qreal y = guideHeight * height();
     painter.drawLine(QPointF(guideInset, y), QPointF(width() - guideInset, y));
-    painter.setPen(inkPen());
+    painter.setPen(inkPen(inkColor_));
     for (const Stroke &stroke : strokes_)
         drawStroke(painter, stroke);
     drawStroke(painter, currentStroke_);
@@ -96,7 +102,7 @@ QImage SignatureCanvasView::renderImage() const
     image.fill(Qt::transparent);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(inkPen());
+    painter.setPen(inkPen(inkColor_));
     for (const Stroke &stroke : strokes_)
         drawStroke(painter, stroke);
     return image;

@@ -1,9 +1,10 @@
 // The surface a signature is drawn on with the pointer: each press, drag and
-// release is one stroke, a polyline of the points as they came. Shown as
-// black ink on white above a grey guide line; rendered out as black ink on a
-// transparent image the canvas's size.
+// release is one stroke, a polyline of the points as they came. Shown in the
+// ink colour (black unless chosen) on white above a grey guide line; rendered
+// out in that ink on a transparent image the canvas's size.
 #pragma once
 
+#include <QColor>
 #include <QImage>
 #include <QList>
 #include <QPointF>
@@ -27,6 +28,10 @@ public:
     // Forgets every stroke.
     void clear();
 
+    // The colour of every stroke, those already drawn included.
+    QColor inkColor() const { return inkColor_; }
+    void setInkColor(const QColor &color);
+
     // The finished strokes, inkScale pixels per point; null when there are none.
     // A stroke of a single point (a click) counts but leaves no ink.
     QImage renderImage() const;
@@ -40,4 +45,5 @@ protected:
 private:
     QList<Stroke> strokes_;
     Stroke currentStroke_;
+    QColor inkColor_{Qt::black};
 };

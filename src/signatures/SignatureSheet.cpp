@@ -1,12 +1,16 @@
 #include "SignatureSheet.h"
 
+#include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "FilePanel.h"
 #include "SignatureCanvasView.h"
 #include "SignatureFonts.h"
 #include "SignatureStore.h"
 
+#include <QAccessible>
+#include <QButtonGroup>
 #include <QComboBox>
+#include <QDir>
 #include <QFontMetricsF>
 #include <QFrame>
 #include <QHBoxLayout>
@@ -14,11 +18,13 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMimeDatabase>
 #include <QPainter>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QShowEvent>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -33,6 +39,72 @@ constexpr int pickerWidth = 120;
 constexpr int previewMinimumHeight = 60;
 constexpr int savedRowHeight = 90;
 constexpr QSize thumbnailSize(120, 70);
+
+// The ink colours a signature can take, in the order the sheet offers them.
+QList<std::pair<QString, QColor>> inks()
+{
+    return {{SignatureSheet::tr("Black Ink"), Qt::black}, {SignatureSheet::tr("Dark Blue Ink"), QColor(16, 40, 128)}};
+}
+
+QIcon inkDot(const QColor &color)
+{
+    QPixmap dot(QSize(14, 14) * 2);
+    dot.setDevicePixelRatio(2);
+    dot.fill(Qt::transparent);
+    QPainter painter(&dot);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(color);
+    painter.drawEllipse(QRectF(1, 1, 12, 12));
+    return dot;
+}
+
+// Why an image file that did not read cannot be used, as the end of a
+// sentence; `size` is the one the file gave before the read failed.
+QString unreadableReason(const QImageReader &reader, const QString &path, QSize size)
+{
+    switch (reader.error()) {
+    case QImageReader::FileNotFoundError:
+    case QImageReader::DeviceError:
+        return SignatureSheet::tr("the file can't be read.");
+    case QImageReader::UnsupportedFormatError:
+        if (QMimeDatabase().mimeTypeForFile(path).inherits(QStringLiteral("image/svg+xml")))
+            return SignatureSheet::tr("SVG drawings aren't supported; save it as a PNG first.");
+        return SignatureSheet::tr("it isn't a picture in a format Vellora reads.");
+    default:
+        break;
+    }
+    // Qt refuses some pictures over its allocation limit (counted at 32 bits a
+    // pixel) even when asked for a smaller size; the error does not tell that
+    // from damage.
+    if (size.isValid() && qint64(size.width()) * size.height() * 4 > qint64(QImageReader::allocationLimit()) << 20)
+        return SignatureSheet::tr("the file is damaged or incomplete, or at %1 × %2 pixels too large to read.")
+            .arg(size.width())
+            .arg(size.height());
+    return SignatureSheet::tr("the file is damaged or incomplete.");
+}
+
+// The picture in the file, upright. One wider than a placed signature needs at
+// the drawing's pixels per point is asked for at that width, so that the
+// decoders that can (JPEG, colour PNG) never hold it whole. Null, with
+// `reason` set, when it cannot be used.
+QImage readSignatureImage(const QString &path, QString &reason)
+{
+    QImageReader reader(path);
+    reader.setAutoTransform(true);
+    const bool turned = reader.transformation().testFlag(QImageIOHandler::TransformationRotate90);
+    const QSize stored = reader.size();
+    const QSize upright = turned ? stored.transposed() : stored;
+    const int widest = int(AnnotationFactory::signatureWidth) * SignatureCanvasView::inkScale;
+    if (upright.width() > widest) {
+        const QSize scaled(widest, qMax(1, qRound(qreal(upright.height()) * widest / upright.width())));
+        reader.setScaledSize(turned ? scaled.transposed() : scaled);
+    }
+    const QImage image = reader.read();
+    if (image.isNull())
+        reason = unreadableReason(reader, path, stored);
+    return image;
+}
 
 // The dimmed colour of secondary text, and of thin frames at 40 %.
 QColor secondary(const QWidget *widget, qreal opacity = 1)
@@ -147,11 +219,13 @@ public:
 
     QString text;
     bool placeholder = true;
+    QColor ink;
 
-    void showText(const QString &shown, bool isPlaceholder, const QFont &face)
+    void showText(const QString &shown, bool isPlaceholder, const QFont &face, const QColor &inkColor)
     {
         text = shown;
         placeholder = isPlaceholder;
+        ink = inkColor;
         setFont(face);
         setAccessibleDescription(shown);
         updateGeometry();
@@ -167,7 +241,7 @@ protected:
     void paintEvent(QPaintEvent *) override
     {
         QPainter painter(this);
-        painter.setPen(placeholder ? secondary(this) : QColor(Qt::black));
+        painter.setPen(placeholder ? secondary(this) : ink);
         const QRect room = rect().adjusted(inset / 2, 0, -inset / 2, 0);
         painter.drawText(room, Qt::AlignCenter, fontMetrics().elidedText(text, Qt::ElideRight, room.width()));
     }
@@ -276,6 +350,7 @@ SignatureSheet::SignatureSheet(DocumentModel *model, QWidget *parent) : QDialog(
     heading->setFont(bold);
     column->addSpacing(inset);
     column->addWidget(heading, 0, Qt::AlignHCenter);
+    column->addWidget(buildInkChoice());
     column->addWidget(buildDrawingSection());
     column->addWidget(divider());
     column->addWidget(buildTypedSection());
@@ -283,14 +358,49 @@ SignatureSheet::SignatureSheet(DocumentModel *model, QWidget *parent) : QDialog(
     column->addWidget(buildSavedSection());
     column->addWidget(divider());
 
+    message_ = new QLabel;
+    message_->setWordWrap(true);
+    message_->setContentsMargins(inset, sectionSpace, inset, 0);
+    message_->hide();
+    column->addWidget(message_);
+
     cancel_ = button(tr("Cancel"));
     connect(cancel_, &QPushButton::clicked, this, &SignatureSheet::reject);
     column->addSpacing(sectionSpace);
     column->addWidget(cancel_, 0, Qt::AlignHCenter);
     column->addSpacing(sectionSpace);
 
-    typedChanged();
+    inkChanged();
     savedChanged();
+}
+
+// One choice for drawn and typed signatures alike.
+QWidget *SignatureSheet::buildInkChoice()
+{
+    auto *area = new QWidget;
+    auto *row = new QHBoxLayout(area);
+    row->setContentsMargins(inset, sectionSpace, inset, 0);
+    row->setSpacing(4);
+    row->addWidget(subheadline(tr("Ink")));
+    ink_ = new QButtonGroup(this);
+    const auto choices = inks();
+    for (int i = 0; i < choices.size(); ++i) {
+        auto *choice = new QToolButton;
+        choice->setCheckable(true);
+        choice->setAutoRaise(true);
+        choice->setIcon(inkDot(choices[i].second));
+        choice->setToolTip(choices[i].first);
+        choice->setAccessibleName(choices[i].first);
+        ink_->addButton(choice, i);
+        row->addWidget(choice);
+    }
+    ink_->button(0)->setChecked(true);
+    row->addStretch(1);
+    connect(ink_, &QButtonGroup::idToggled, this, [this](int, bool checked) {
+        if (checked)
+            inkChanged();
+    });
+    return area;
 }
 
 QWidget *SignatureSheet::buildDrawingSection()
@@ -438,26 +548,53 @@ QString SignatureSheet::typedFontName() const
     return table[index].fontName;
 }
 
+QColor SignatureSheet::inkColor() const
+{
+    return inks().value(qMax(0, ink_->checkedId())).second;
+}
+
+void SignatureSheet::inkChanged()
+{
+    canvas_->setInkColor(inkColor());
+    typedChanged();
+}
+
 void SignatureSheet::typedChanged()
 {
     const QString name = nameField_->text().trimmed();
     const QFont face = SignatureFonts::font(typedFontName(), previewFontSize);
-    typedPreview(preview_)->showText(name.isEmpty() ? tr("Your signature") : name, name.isEmpty(), face);
+    typedPreview(preview_)->showText(name.isEmpty() ? tr("Your signature") : name, name.isEmpty(), face, inkColor());
     saveTyped_->setEnabled(!name.isEmpty());
     placeTyped_->setEnabled(!name.isEmpty());
 }
 
 QImage SignatureSheet::typedImage() const
 {
-    return SignatureStore::renderTypedSignature(nameField_->text(), typedFontName());
+    return SignatureStore::renderTypedSignature(nameField_->text(), typedFontName(), inkColor());
 }
 
 void SignatureSheet::saveImage(const QImage &image)
 {
     if (image.isNull())
         return;
-    SignatureStore::save(image);
+    QString error;
+    SignatureStore::save(image, &error);
+    // What was drawn, typed or imported stays where it was.
+    showMessage(
+        error.isEmpty()
+            ? QString()
+            : tr("The signature couldn't be saved in %1: %2.").arg(QDir::toNativeSeparators(SignatureStore::directory()), error));
     reloadSaved();
+}
+
+void SignatureSheet::showMessage(const QString &text)
+{
+    message_->setText(text);
+    message_->setVisible(!text.isEmpty());
+    if (!text.isEmpty()) {
+        QAccessibleEvent alert(message_, QAccessible::Alert);
+        QAccessible::updateAccessibility(&alert);
+    }
 }
 
 void SignatureSheet::place(const QImage &image)
@@ -476,9 +613,12 @@ void SignatureSheet::importPNG()
     const QStringList chosen = panel->chooseFilesToOpen(FilePanel::Content::Image, false);
     if (chosen.isEmpty())
         return;
-    QImageReader reader(chosen.first());
-    reader.setAutoTransform(true);
-    saveImage(reader.read());
+    QString reason;
+    const QImage image = readSignatureImage(chosen.first(), reason);
+    if (image.isNull())
+        showMessage(tr("This image can't be used as a signature: %1").arg(reason));
+    else
+        saveImage(image);
 }
 
 void SignatureSheet::deleteSelected()

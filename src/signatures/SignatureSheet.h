@@ -1,8 +1,9 @@
 // The dialog in which the user gets a signature to place on a page: drawn on
 // a canvas, typed in one of four script fonts, or picked from the saved ones
-// (which an image file can be imported into). Placing hands the image to the
-// document model as the pending signature and closes the dialog; the page
-// overlay then lets the user drop it on a page.
+// (which an image file can be imported into), in black or dark blue ink.
+// Placing hands the image to the document model as the pending signature and
+// closes the dialog; the page overlay then lets the user drop it on a page.
+// An import or a save that fails says why in the sheet.
 #pragma once
 
 #include <QDialog>
@@ -10,6 +11,7 @@
 #include <QStringList>
 
 class DocumentModel;
+class QButtonGroup;
 class QComboBox;
 class QHBoxLayout;
 class QLabel;
@@ -38,6 +40,9 @@ public:
     QFont previewFont() const;
     bool previewShowsPlaceholder() const;
 
+    // The ink drawn and typed signatures take.
+    QColor inkColor() const;
+
     SignatureCanvasView *canvas() const { return canvas_; }
     QLineEdit *nameField() const { return nameField_; }
     QComboBox *fontPicker() const { return fontPicker_; }
@@ -51,6 +56,8 @@ public:
     QPushButton *placeSelectedButton() const { return placeSelected_; }
     QPushButton *cancelButton() const { return cancel_; }
     QLabel *noSavedLabel() const { return noSaved_; }
+    // Why the last import or save failed; hidden while nothing did.
+    QLabel *messageLabel() const { return message_; }
     QScrollArea *savedRow() const { return savedRow_; }
     // The cell showing a saved signature; null when it has none (the file is
     // not listed or cannot be read as an image).
@@ -60,6 +67,7 @@ protected:
     void showEvent(QShowEvent *event) override;
 
 private:
+    QWidget *buildInkChoice();
     QWidget *buildDrawingSection();
     QWidget *buildTypedSection();
     QWidget *buildSavedSection();
@@ -67,6 +75,8 @@ private:
     void typedChanged();
     void savedChanged();
     void reloadSaved();
+    void inkChanged();
+    void showMessage(const QString &text);
     QImage typedImage() const;
     QString typedFontName() const;
     void saveImage(const QImage &image);
@@ -79,6 +89,7 @@ private:
     QStringList savedPaths_;
     QString selectedPath_;
 
+    QButtonGroup *ink_ = nullptr;
     SignatureCanvasView *canvas_ = nullptr;
     QLineEdit *nameField_ = nullptr;
     QComboBox *fontPicker_ = nullptr;
@@ -95,4 +106,5 @@ private:
     QPushButton *deleteSelected_ = nullptr;
     QPushButton *placeSelected_ = nullptr;
     QPushButton *cancel_ = nullptr;
+    QLabel *message_ = nullptr;
 };

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QFontMetricsF>
 #include <QPainter>
+#include <QSaveFile>
 
 #include <algorithm>
 #include <cmath>
@@ -38,7 +39,7 @@ QString directory()
     return folder;
 }
 
-QString save(const QImage &image)
+QString save(const QImage &image, QString *error)
 {
     const qint64 seconds = QDateTime::currentMSecsSinceEpoch() / 1000;
     const QString path = directory() + QStringLiteral("/sig_%1.png").arg(seconds);
@@ -46,9 +47,12 @@ QString save(const QImage &image)
     QBuffer buffer(&png);
     if (image.isNull() || !buffer.open(QIODevice::WriteOnly) || !image.save(&buffer, "PNG"))
         return {};
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(png);
+    // Written beside the target and renamed over it when complete, so a
+    // failure never leaves a truncated signature behind.
+    QSaveFile file(path);
+    const bool written = file.open(QIODevice::WriteOnly) && file.write(png) == png.size() && file.commit();
+    if (error)
+        *error = written ? QString() : file.errorString();
     return path;
 }
 
@@ -71,7 +75,7 @@ void deleteSignature(const QString &path)
     QFile::remove(path);
 }
 
-QImage renderTypedSignature(const QString &name, const QString &fontName)
+QImage renderTypedSignature(const QString &name, const QString &fontName, const QColor &ink)
 {
     const QString text = name.trimmed();
     if (text.isEmpty())
@@ -88,7 +92,7 @@ QImage renderTypedSignature(const QString &name, const QString &fontName)
     image.fill(Qt::transparent);
     QPainter painter(&image);
     painter.setFont(font);
-    painter.setPen(Qt::black);
+    painter.setPen(ink);
     painter.drawText(QRectF(QPointF(typedMargin, typedMargin), measured), Qt::AlignLeft | Qt::AlignTop, text);
     return image;
 }

@@ -6,6 +6,7 @@
 #include <QColorDialog>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QLocale>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -84,7 +85,66 @@ private:
     std::function<void(const QColor &)> write_;
 };
 
+// The preset colours offered beside every colour well.
+QList<std::pair<QString, QColor>> presets()
+{
+    return {{AnnotationStylePopover::tr("Black"), Qt::black},
+            {AnnotationStylePopover::tr("Red"), Qt::red},
+            {AnnotationStylePopover::tr("Blue"), Qt::blue},
+            {AnnotationStylePopover::tr("Green"), Qt::darkGreen},
+            {AnnotationStylePopover::tr("Yellow"), Qt::yellow}};
+}
+
+// A colour well with a swatch for each preset colour beside it. A preset
+// keeps the opacity the colour has (a translucent fill stays translucent).
+class ColorRow : public QWidget {
+public:
+    ColorRow(const QString &label, const std::function<QColor()> &read, const std::function<void(const QColor &)> &write)
+        : well_(new ColorWell(label, read, write))
+    {
+        auto *row = new QHBoxLayout(this);
+        row->setContentsMargins(0, 0, 0, 0);
+        row->setSpacing(2);
+        row->addWidget(well_);
+        row->addStretch(1);
+        for (const auto &preset : presets()) {
+            auto *button = new QToolButton;
+            button->setAutoRaise(true);
+            button->setIconSize(QSize(14, 14));
+            button->setIcon(swatch(preset.second, button->iconSize(), 2, palette().color(QPalette::Mid)));
+            button->setToolTip(preset.first);
+            button->setAccessibleName(preset.first);
+            const QColor color = preset.second;
+            connect(button, &QToolButton::clicked, this, [read, write, color] {
+                QColor chosen = color;
+                if (const int alpha = read().alpha(); alpha > 0)
+                    chosen.setAlpha(alpha);
+                write(chosen);
+            });
+            row->addWidget(button);
+            presets_ << button;
+        }
+        relabel(label);
+    }
+
+    // The well's label, which also tells each swatch which colour it sets.
+    void relabel(const QString &label)
+    {
+        ColorWell::relabel(well_, label);
+        for (QToolButton *button : std::as_const(presets_))
+            button->setAccessibleDescription(label);
+    }
+
+    void refresh() { well_->refresh(); }
+
+private:
+    ColorWell *well_;
+    QList<QToolButton *> presets_;
+};
+
 // A value label with smaller and larger buttons; the value stays in its range.
+// The buttons carry the value in their description ("Line Width 2 pt"), so
+// that a screen reader tells it as they are pressed.
 class Stepper : public QWidget {
 public:
     struct Range {
@@ -118,6 +178,9 @@ public:
     {
         const qreal value = read_();
         label_->setText(format_(value));
+        const QString spoken = AnnotationStylePopover::tr("%1 %2 pt").arg(accessibleName(), QLocale().toString(value));
+        down_->setAccessibleDescription(spoken);
+        up_->setAccessibleDescription(spoken);
         down_->setEnabled(value > range_.minimum);
         up_->setEnabled(value < range_.maximum);
     }
@@ -148,7 +211,7 @@ AnnotationStylePopover::AnnotationStylePopover(ToolSettings *toolSettings, QWidg
     : QFrame(parent, Qt::Popup), toolSettings_(toolSettings)
 {
     setFrameStyle(QFrame::StyledPanel | QFrame::Raised);
-    setFixedWidth(popoverWidth);
+    setAccessibleName(tr("Style"));
     ToolSettings *s = toolSettings_;
 
     hint_ = new QLabel(tr("Select a drawing tool to configure its style."));
@@ -158,13 +221,13 @@ AnnotationStylePopover::AnnotationStylePopover(ToolSettings *toolSettings, QWidg
     dimmed.setColor(QPalette::WindowText, dimmed.color(QPalette::PlaceholderText));
     hint_->setPalette(dimmed);
 
-    auto *fontColor = new ColorWell(
+    auto *fontColor = new ColorRow(
         tr("Text Color"), [s] { return s->fontColor(); }, [s](const QColor &c) { s->setFontColor(c); });
     auto *fontSize = new Stepper(
         tr("Font Size"), [](qreal size) { return tr("Font Size: %1").arg(static_cast<int>(size)); }, {8, 72, 1},
         [s] { return s->fontSize(); }, [s](qreal size) { s->setFontSize(size); });
     // Labelled "Color" or "Stroke Color", after the tool.
-    auto *strokeColor = new ColorWell(
+    auto *strokeColor = new ColorRow(
         QString(), [s] { return s->strokeColor(); }, [s](const QColor &c) { s->setStrokeColor(c); });
     auto *lineWidth = new Stepper(
         tr("Line Width"), [](qreal width) { return tr("Line Width: %1").arg(width, 0, 'f', 1); }, {0.5, 12, 0.5},
@@ -172,17 +235,17 @@ AnnotationStylePopover::AnnotationStylePopover(ToolSettings *toolSettings, QWidg
     fill_ = new QCheckBox(tr("Fill"));
     fill_->setAccessibleName(fill_->text());
     fill_->setChecked(s->hasFill());
-    auto *fillColor = new ColorWell(
+    auto *fillColor = new ColorRow(
         tr("Fill Color"), [s] { return s->fillColor(); }, [s](const QColor &c) { s->setFillColor(c); });
-    auto *markupColor = new ColorWell(
+    auto *markupColor = new ColorRow(
         tr("Highlight/Markup Color"), [s] { return s->markupColor(); }, [s](const QColor &c) { s->setMarkupColor(c); });
 
-    connect(s, &ToolSettings::fontColorChanged, fontColor, &ColorWell::refresh);
+    connect(s, &ToolSettings::fontColorChanged, fontColor, &ColorRow::refresh);
     connect(s, &ToolSettings::fontSizeChanged, fontSize, &Stepper::refresh);
-    connect(s, &ToolSettings::strokeColorChanged, strokeColor, &ColorWell::refresh);
+    connect(s, &ToolSettings::strokeColorChanged, strokeColor, &ColorRow::refresh);
     connect(s, &ToolSettings::lineWidthChanged, lineWidth, &Stepper::refresh);
-    connect(s, &ToolSettings::fillColorChanged, fillColor, &ColorWell::refresh);
-    connect(s, &ToolSettings::markupColorChanged, markupColor, &ColorWell::refresh);
+    connect(s, &ToolSettings::fillColorChanged, fillColor, &ColorRow::refresh);
+    connect(s, &ToolSettings::markupColorChanged, markupColor, &ColorRow::refresh);
     connect(fill_, &QCheckBox::toggled, s, &ToolSettings::setHasFill);
     connect(s, &ToolSettings::hasFillChanged, this, [this] {
         const QSignalBlocker quiet(fill_);
@@ -200,11 +263,18 @@ AnnotationStylePopover::AnnotationStylePopover(ToolSettings *toolSettings, QWidg
     auto *column = new QVBoxLayout(this);
     column->setSpacing(12);
     column->addWidget(hint_);
-    for (QWidget *control : std::initializer_list<QWidget *>{fontColor_, fontSize_, strokeColor_, lineWidth_, fill_, fillColor_})
-        column->addWidget(control, 0, Qt::AlignLeft);
+    // Colour rows take the whole width, their swatches at the right edge.
+    column->addWidget(fontColor_);
+    column->addWidget(fontSize_, 0, Qt::AlignLeft);
+    column->addWidget(strokeColor_);
+    column->addWidget(lineWidth_, 0, Qt::AlignLeft);
+    column->addWidget(fill_, 0, Qt::AlignLeft);
+    column->addWidget(fillColor_);
     column->addWidget(divider());
-    column->addWidget(markupColor, 0, Qt::AlignLeft);
+    column->addWidget(markupColor);
     showControlsOfCurrentTool();
+    // The markup row, always shown, has the longest label.
+    setFixedWidth(std::max(popoverWidth, sizeHint().width()));
 }
 
 void AnnotationStylePopover::showControlsOfCurrentTool()
@@ -216,7 +286,7 @@ void AnnotationStylePopover::showControlsOfCurrentTool()
     hint_->setVisible(tool == AnnotationTool::none);
     fontColor_->setVisible(text);
     fontSize_->setVisible(text);
-    ColorWell::relabel(strokeColor_, shape ? tr("Stroke Color") : tr("Color"));
+    static_cast<ColorRow *>(strokeColor_)->relabel(shape ? tr("Stroke Color") : tr("Color"));
     strokeColor_->setVisible(stroked);
     lineWidth_->setVisible(stroked);
     fill_->setVisible(shape);

@@ -1,5 +1,6 @@
 // The style popover of the toolbar: the colours and sizes the current tool
-// draws with, and the markup colour. Every change goes straight into the
+// draws with, and the markup colour; each colour well has preset swatches
+// beside it. Every change goes straight into the
 // ToolSettings (there is nothing to confirm), and the controls follow changes
 // made elsewhere, the current tool included.
 #pragma once
@@ -10,7 +11,6 @@
 
 #include <functional>
 
-class QAbstractButton;
 class QCheckBox;
 class QLabel;
 class QToolButton;
@@ -19,6 +19,7 @@ class ToolSettings;
 class AnnotationStylePopover : public QFrame {
     Q_OBJECT
 public:
+    // The narrowest it is; wider when a colour well's label and its swatches need it.
     static constexpr int popoverWidth = 240;
 
     // Asks the user for a colour, starting from `initial`; an invalid colour
@@ -48,7 +49,7 @@ private:
     QLabel *hint_;
     QWidget *fontColor_;
     QWidget *fontSize_;
-    QAbstractButton *strokeColor_;
+    QWidget *strokeColor_;
     QWidget *lineWidth_;
     QCheckBox *fill_;
     QWidget *fillColor_;

@@ -4,6 +4,7 @@
 #include "DocumentModel.h"
 #include "PdfAnnotation.h"
 #include "PdfView.h"
+#include "PopupAccessibility.h"
 #include "ToolSettings.h"
 
 #include <QButtonGroup>
@@ -40,6 +41,8 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
 {
     if (!icon)
         icon = [](const QString &name) { return QIcon::fromTheme(name); };
+    // The style popover and the Markup menu are popups.
+    PopupAccessibility::install();
 
     toolSelector_ = buildToolSelector(icon);
 
@@ -72,14 +75,15 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
     markupButton_->setToolTip(tr("Select text first, then highlight / underline / strike"));
     markupButton_->setPopupMode(QToolButton::InstantPopup);
     auto *menu = new QMenu(markupButton_);
-    // The colour is the one set when the item is chosen; the text is the one
-    // selected in this window's page view.
+    menu->setAccessibleName(markupButton_->text());
+    // The colour is the one set when the item is chosen (each kind its own
+    // until one is); the text is the one selected in this window's page view.
     auto markup = [this](const QString &subtype) {
         return [this, subtype] {
             const auto selection = pdfView_ ? pdfView_->currentSelection() : std::nullopt;
             if (!selection || selection->string().isEmpty())
                 return;
-            documentModel_->applyMarkup(subtype, toolSettings_->markupColor(), *selection);
+            documentModel_->applyMarkup(subtype, toolSettings_->markupColorFor(subtype), *selection);
             pdfView_->setCurrentSelection(std::nullopt);
             documentModel_->setHasTextSelection(false);
         };

@@ -1,5 +1,7 @@
 #include "ToolSettings.h"
 
+#include "PdfAnnotation.h"
+
 ToolSettings::ToolSettings(QObject *parent) : QObject(parent) {}
 
 void ToolSettings::setCurrentTool(AnnotationTool tool)
@@ -47,5 +49,17 @@ void ToolSettings::setFontColor(const QColor &color)
 void ToolSettings::setMarkupColor(const QColor &color)
 {
     markupColor_ = color;
+    markupColorSet_ = true;
     emit markupColorChanged();
+}
+
+QColor ToolSettings::markupColorFor(const QString &subtype) const
+{
+    if (markupColorSet_)
+        return markupColor_;
+    if (subtype == PdfAnnotation::Underline)
+        return Qt::blue;
+    if (subtype == PdfAnnotation::StrikeOut)
+        return Qt::red;
+    return markupColor_;
 }

@@ -28,6 +28,10 @@ public:
     void setFontColor(const QColor &color);
     QColor markupColor() const { return markupColor_; }
     void setMarkupColor(const QColor &color);
+    // The colour a markup of that kind (PdfAnnotation::Highlight, Underline,
+    // StrikeOut) takes: the markup colour once it has been set, until then the
+    // kind's own, which shows on white (yellow, blue, red).
+    QColor markupColorFor(const QString &subtype) const;
 
 signals:
     void currentToolChanged();
@@ -48,4 +52,5 @@ private:
     qreal fontSize_ = 14.0;
     QColor fontColor_{Qt::black};
     QColor markupColor_{Qt::yellow};
+    bool markupColorSet_ = false;
 };

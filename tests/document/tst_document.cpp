@@ -593,6 +593,13 @@ void TestDocumentModel::markupFromTheViewSelection()
     // A selection without text: nothing.
     m.applyMarkup(PdfAnnotation::StrikeOut, Qt::red, PdfSelection::between(p0, {400, 300}, p0, {500, 200}));
     QCOMPARE(m.history().undoStack().size(), records + 2);
+
+    // Ending after a space ("The "), the mark ends at the last glyph; a space alone marks nothing.
+    const QRectF word = p0->selectionForWord({80, 683})->bounds(p0);
+    m.applyMarkup(PdfAnnotation::Underline, Qt::blue, PdfSelection::between(p0, {71, 683}, p0, {95, 683}));
+    QVERIFY(std::abs(p0->annotations().back()->bounds().right() - word.right()) < 0.01);
+    m.applyMarkup(PdfAnnotation::Underline, Qt::blue, PdfSelection::between(p0, {93, 683}, p0, {95, 683}));
+    QCOMPARE(m.history().undoStack().size(), records + 3);
 }
 
 void TestDocumentModel::changesShowInEveryView()

@@ -18,14 +18,17 @@
 #include <QPushButton>
 #include <QScrollArea>
 #include <QTemporaryDir>
+#include <QToolButton>
 #include <QtTest>
 
 #include <sys/stat.h>
 
 namespace {
 
-// How many pixels carry any ink, and whether all of it is black.
-int inkPixels(const QImage &image, bool *allBlack = nullptr)
+const QColor darkBlue(16, 40, 128);
+
+// How many pixels carry any ink, and whether all of it is of the ink colour.
+int inkPixels(const QImage &image, bool *allInk = nullptr, const QColor &ink = Qt::black)
 {
     const QImage argb = image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
     int count = 0;
@@ -33,8 +36,9 @@ int inkPixels(const QImage &image, bool *allBlack = nullptr)
         for (int x = 0; x < argb.width(); ++x)
             if (const QRgb pixel = argb.pixel(x, y); qAlpha(pixel) != 0) {
                 ++count;
-                if (allBlack && (qRed(pixel) || qGreen(pixel) || qBlue(pixel)))
-                    *allBlack = false;
+                auto off = [&](int channel, int inked) { return std::abs(channel - inked * qAlpha(pixel) / 255) > 1; };
+                if (allInk && (off(qRed(pixel), ink.red()) || off(qGreen(pixel), ink.green()) || off(qBlue(pixel), ink.blue())))
+                    *allInk = false;
             }
     return count;
 }
@@ -128,16 +132,16 @@ void TestSignatures::storeFolderAndListing()
     // A folder that cannot be read lists nothing; a write into it fails quietly.
     QVERIFY(::chmod(QFile::encodeName(store).constData(), 0) == 0);
     QStringList listed{"unchanged"};
-    QString written;
+    QString written, error;
     {
         ActAsNobody nobody;
         QVERIFY(nobody.ok());
         listed = SignatureStore::load();
-        written = SignatureStore::save(filled({10, 10}, Qt::black));
+        written = SignatureStore::save(filled({10, 10}, Qt::black), &error);
     }
     QVERIFY(::chmod(QFile::encodeName(store).constData(), 0755) == 0);
     QVERIFY(listed.isEmpty());
-    QVERIFY(written.startsWith(store + "/sig_"));
+    QVERIFY(written.startsWith(store + "/sig_") && !error.isEmpty());
     QCOMPARE(SignatureStore::load(), QStringList({later}));
 
     // An image that cannot be encoded gives no file.
@@ -181,6 +185,7 @@ void TestSignatures::typedSignatures()
     QVERIFY(inkPixels(ada, &black) > 500 && black);
     QCOMPARE(inkPixels(ada.copy(0, 0, 14, ada.height())) + inkPixels(ada.copy(0, 0, ada.width(), 14)), 0);
     QVERIFY(SignatureStore::renderTypedSignature("Ada Lovelace", elegant).width() > ada.width() + 100);
+    QVERIFY(inkPixels(SignatureStore::renderTypedSignature("Ada", elegant, darkBlue), &black, darkBlue) > 500 && black);
 
     // An unknown font is the system font; the four choices are faces of their
     // own (the free stand-ins here), none of them the system font.
@@ -232,6 +237,8 @@ void TestSignatures::canvasStrokes()
     QVERIFY(qAlpha(image.pixel(130 * s, 94 * s)) == 0 && qAlpha(image.pixel(150 * s, 84 * s)) == 0);
     bool black = true;
     QVERIFY(inkPixels(image, &black) > 100 && black);
+    canvas.setInkColor(darkBlue); // the strokes drawn already too
+    QVERIFY(inkPixels(canvas.renderImage(), &black, darkBlue) > 100 && black);
 
     canvas.clear();
     QVERIFY(canvas.strokes().isEmpty() && canvas.renderImage().isNull());
@@ -252,7 +259,7 @@ void TestSignatures::sheetTextsAndEnabling()
         texts.append(button->text());
     for (int i = 0; i < sheet.fontPicker()->count(); ++i)
         texts.append(sheet.fontPicker()->itemText(i));
-    QCOMPARE(texts, QStringList({"Place Signature", "Draw Signature", "Type Signature", "Saved Signatures",
+    QCOMPARE(texts, QStringList({"Place Signature", "Ink", "Draw Signature", "Type Signature", "Saved Signatures",
                                  "No saved signatures.", "Clear", "Save Drawing", "Place Drawing", "Save Typed", "Place Typed",
                                  QString::fromUtf8("Import PNG\u2026"), "Delete Selected", "Place Selected", "Cancel", "Elegant",
                                  "Signature", "Casual", "Formal"}));
@@ -308,10 +315,27 @@ void TestSignatures::drawingAndTypedButtons()
     QVERIFY(sheet.noSavedLabel()->isHidden() && sheet.thumbnail(sheet.savedPaths().first())->isVisible());
     QCOMPARE(canvas->strokes().size(), 1);
 
-    // Typed: saved as rendered (the newest file); Return places nothing.
+    // A folder that cannot be written: the sheet says so, and the drawing stays.
+    const QByteArray store = QFile::encodeName(SignatureStore::directory());
+    QVERIFY(sheet.messageLabel()->isHidden() && ::chmod(store.constData(), 0555) == 0);
+    {
+        ActAsNobody nobody;
+        sheet.saveDrawingButton()->click();
+    }
+    QVERIFY(::chmod(store.constData(), 0755) == 0);
+    QVERIFY(sheet.messageLabel()->isVisible() && canvas->strokes().size() == 1 && sheet.savedPaths().size() == 1);
+    QCOMPARE(sheet.messageLabel()->text(),
+             "The signature couldn't be saved in " + SignatureStore::directory() + ": Permission denied.");
+
+    // Typed in dark blue ink (drawings take it too): saved as rendered (the
+    // newest file); Return places nothing.
     QTest::keyClicks(sheet.nameField(), " Ada Lovelace ");
     sheet.fontPicker()->setCurrentIndex(2);
-    const QImage typed = SignatureStore::renderTypedSignature("Ada Lovelace", SignatureFonts::choices()[2].fontName);
+    for (QToolButton *ink : sheet.findChildren<QToolButton *>())
+        if (ink->accessibleName() == "Dark Blue Ink")
+            click(ink, {7, 7});
+    QCOMPARE(canvas->inkColor(), darkBlue);
+    const QImage typed = SignatureStore::renderTypedSignature("Ada Lovelace", SignatureFonts::choices()[2].fontName, darkBlue);
     sheet.saveTypedButton()->click();
     QCOMPARE(QImage(sheet.savedPaths().last()).convertToFormat(typed.format()), typed);
     QTest::keyClick(sheet.nameField(), Qt::Key_Return);
@@ -369,6 +393,32 @@ void TestSignatures::importAndSavedRow()
         SignatureStore::deleteSignature(sheet.savedPaths().last());
     }
     QVERIFY(model_->errorMessage().isEmpty());
+
+    // What cannot be used says why in the sheet. A 600-dpi A4 scan (over Qt's
+    // allocation limit whole) is read scaled to a placed signature's width at
+    // the drawing's pixels per point.
+    const QString oneByte = dir_.filePath("one.png"), svg = dir_.filePath("drawing.svg"), scan = dir_.filePath("scan.png"),
+                  grey = dir_.filePath("grey.png");
+    writeFile(oneByte, "x");
+    writeFile(svg, R"(<svg xmlns="http://www.w3.org/2000/svg" width="90" height="30"><path d="M0 0L90 30"/></svg>)");
+    QVERIFY(filled({4960, 7016}, Qt::darkBlue).convertToFormat(QImage::Format_RGB888).save(scan));
+    QVERIFY(filled({4960, 7016}, Qt::black).convertToFormat(QImage::Format_Grayscale8).save(grey)); // Qt decodes it only whole
+    const QList<std::pair<QString, QString>> refused{
+        {oneByte, "it isn't a picture in a format Vellora reads."},
+        {svg, "SVG drawings aren't supported; save it as a PNG first."},
+        {broken, "the file is damaged or incomplete."},
+        {grey, "the file is damaged or incomplete, or at 4960 × 7016 pixels too large to read."}};
+    for (const auto &[file, reason] : refused) {
+        panel_->openAnswers = {{file}};
+        sheet.importButton()->click();
+        QCOMPARE(sheet.messageLabel()->text(), "This image can't be used as a signature: " + reason);
+        QVERIFY(sheet.messageLabel()->isVisible() && SignatureStore::load().size() == 3);
+    }
+    panel_->openAnswers = {{scan}};
+    sheet.importButton()->click();
+    const QImage stored(sheet.savedPaths().last());
+    QCOMPARE(stored.size(), QSize(200 * SignatureCanvasView::inkScale, 1132));
+    QVERIFY(sheet.messageLabel()->isHidden() && stored.pixelColor(400, 566) == QColor(Qt::darkBlue));
 
     // A pick that no longer reads as an image is not placed; deleting it
     // takes it from disk and row and leaves nothing picked.

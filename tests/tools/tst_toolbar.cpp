@@ -10,6 +10,7 @@
 #include "ToolSettings.h"
 
 #include <QAbstractButton>
+#include <QAccessible>
 #include <QCheckBox>
 #include <QDialog>
 #include <QLabel>
@@ -44,6 +45,19 @@ template <typename T = QAbstractButton> T *control(const QWidget &popover, const
         if (w->accessibleName() == name)
             return w;
     return nullptr;
+}
+
+// The swatches beside each colour well, by accessible name.
+const QStringList presets{"Black", "Red", "Blue", "Green", "Yellow"};
+
+// Whether assistive technology finds the popup among the application's children.
+bool listedByApplication(QObject *popup)
+{
+    QAccessibleInterface *app = QAccessible::queryAccessibleInterface(qApp);
+    for (int i = 0; i < app->childCount(); ++i)
+        if (app->child(i)->object() == popup)
+            return app->indexOfChild(app->child(i)) == i;
+    return false;
 }
 
 } // namespace
@@ -144,9 +158,10 @@ void TestAnnotationToolbar::stylePopoverOpensAndCloses()
 
     QTest::mouseClick(items.styleButton(), Qt::LeftButton);
     QPointer<AnnotationStylePopover> popover = items.stylePopover();
-    QVERIFY(items.showStylePopover() && popover && popover->isVisible());
+    QVERIFY(items.showStylePopover() && popover && popover->isVisible() && listedByApplication(popover));
     QCOMPARE(popover->windowType(), Qt::Popup);
-    QCOMPARE(popover->width(), 240);
+    QAbstractButton *markupWell = control(*popover, "Highlight/Markup Color");
+    QVERIFY(popover->width() >= 240 && markupWell->width() >= markupWell->sizeHint().width()); // the label is not cut
     QVERIFY(popover->y() >= items.styleButton()->mapToGlobal(QPoint(0, items.styleButton()->height())).y());
 
     // It follows the tool while open.
@@ -156,7 +171,7 @@ void TestAnnotationToolbar::stylePopoverOpensAndCloses()
     QVERIFY(!shown(*popover).contains("Select a drawing tool to configure its style."));
 
     QTest::keyClick(popover, Qt::Key_Escape);
-    QVERIFY(!items.showStylePopover() && !popover->isVisible());
+    QVERIFY(!items.showStylePopover() && !popover->isVisible() && !listedByApplication(popover));
 
     // A click outside closes it; on the style button it does not reopen it.
     QTest::mouseClick(items.styleButton(), Qt::LeftButton);
@@ -195,17 +210,17 @@ void TestAnnotationToolbar::popoverShowsTheControlsOfTheTool()
     QCOMPARE(visible.size(), 3);
     QCOMPARE(qobject_cast<const QLabel *>(visible[0])->text(), QString("Select a drawing tool to configure its style."));
     QCOMPARE(qobject_cast<const QFrame *>(visible[1])->frameShape(), QFrame::HLine);
-    QCOMPARE(visible[2]->accessibleName(), QString("Highlight/Markup Color"));
+    QVERIFY(control(*visible[2], "Highlight/Markup Color"));
 
     settings_->setCurrentTool(AnnotationTool::freeText);
-    QCOMPARE(shown(popover), QStringList({"Text Color", "Font Size", "Font Size: 14", "Decrease Font Size", "Increase Font Size",
-                                          "Highlight/Markup Color"}));
+    const QStringList fontSize{"Font Size", "Font Size: 14", "Decrease Font Size", "Increase Font Size"};
+    QCOMPARE(shown(popover), QStringList("Text Color") + presets + fontSize + QStringList("Highlight/Markup Color") + presets);
     settings_->setFontSize(14.7);
     QVERIFY(shown(popover).contains("Font Size: 14"));
     QCOMPARE(settings_->fontSize(), 14.7);
 
     settings_->setCurrentTool(AnnotationTool::ink);
-    QCOMPARE(shown(popover).mid(0, 3), QStringList({"Color", "Line Width", "Line Width: 2.0"}));
+    QCOMPARE(shown(popover).mid(0, 8), QStringList("Color") + presets + QStringList({"Line Width", "Line Width: 2.0"}));
     QVERIFY(!shown(popover).contains("Fill"));
 
     settings_->setCurrentTool(AnnotationTool::rectangle);
@@ -231,6 +246,7 @@ void TestAnnotationToolbar::steppersStayInTheirRange()
         QTest::mouseClick(wider, Qt::LeftButton);
     QCOMPARE(settings_->lineWidth(), 12.0);
     QVERIFY(shown(popover).contains("Line Width: 12.0"));
+    QCOMPARE(wider->accessibleDescription(), QString("Line Width 12 pt")); // what a screen reader tells
     settings_->setLineWidth(11.8);
     QTest::mouseClick(wider, Qt::LeftButton);
     QCOMPARE(settings_->lineWidth(), 12.0);
@@ -273,6 +289,12 @@ void TestAnnotationToolbar::colorWellsWriteTheChosenColor()
     QCOMPARE(settings_->strokeColor(), QColor(0, 0, 255, 128));
     QCOMPARE(settings_->markupColor(), QColor(0, 0, 255, 128));
 
+    // A preset beside the well writes its colour at the opacity the colour had.
+    QAbstractButton *red = control(*control(popover, "Stroke Color")->parentWidget(), "Red");
+    QCOMPARE(red->accessibleDescription(), QString("Stroke Color"));
+    QTest::mouseClick(red, Qt::LeftButton);
+    QCOMPARE(settings_->strokeColor(), QColor(255, 0, 0, 128));
+
     // Cancelled: nothing is written.
     AnnotationStylePopover::colorChooser = [](const QColor &, QWidget *, const QString &) { return QColor(); };
     QSignalSpy writes(settings_.get(), &ToolSettings::strokeColorChanged);
@@ -291,16 +313,23 @@ void TestAnnotationToolbar::markupMenuMarksTheSelection()
     const auto page = model_->pdfDocument()->page(0);
     const QList<QAction *> actions = items.markupMenu()->actions();
     QCOMPARE(actions.size(), 3);
+    items.markupMenu()->popup(QPoint(0, 0)); // while shown, assistive technology finds it and its items
+    QVERIFY(listedByApplication(items.markupMenu()));
+    QCOMPARE(QAccessible::queryAccessibleInterface(items.markupMenu())->child(1)->text(QAccessible::Name), QString("Underline"));
+    items.markupMenu()->hide();
     const QStringList subtypes{PdfAnnotation::Highlight, PdfAnnotation::Underline, PdfAnnotation::StrikeOut};
-    for (int i = 0; i < 3; ++i) {
+    // Each kind in its own colour that shows on white, until a markup colour is set.
+    const QList<QColor> defaults{Qt::yellow, Qt::blue, Qt::red};
+    for (int i = 0; i < 6; ++i) {
         view.setCurrentSelection(PdfSelection::between(page, {71, 683}, page, {300, 667}));
         model_->setHasTextSelection(true); // what the window's bridge tells the model
         QVERIFY(items.markupButton()->isEnabled());
-        settings_->setMarkupColor(QColor(0, 160, 0, 90 + i)); // read when the item is chosen
-        actions[i]->trigger();
+        if (i >= 3)
+            settings_->setMarkupColor(QColor(0, 160, 0, 90 + i)); // read when the item is chosen
+        actions[i % 3]->trigger();
         QCOMPARE(page->annotations().size(), size_t(i + 1));
-        QCOMPARE(page->annotations().back()->type(), subtypes[i]);
-        QCOMPARE(page->annotations().back()->color(), QColor(0, 160, 0, 90 + i));
+        QCOMPARE(page->annotations().back()->type(), subtypes[i % 3]);
+        QCOMPARE(page->annotations().back()->color(), i < 3 ? defaults[i] : QColor(0, 160, 0, 90 + i));
         QVERIFY(!items.markupButton()->isEnabled()); // the selection is used up
     }
     QCOMPARE(actions[0]->text(), QString("Highlight"));

@@ -19,12 +19,6 @@ namespace {
 // new picture does not come (a page scrolled away, a picture that failed).
 constexpr qint64 bridgeLimitMs = 1000;
 
-// The part of the page an annotation's look can cover beyond its bounds.
-qreal lookMargin(const std::shared_ptr<PdfAnnotation> &annotation)
-{
-    return annotation->borderWidth().value_or(1) + 2;
-}
-
 } // namespace
 
 // Asks for a paint of what changed: the area drawn last time and the area to draw now.
@@ -50,8 +44,7 @@ QRectF DrawingOverlayView::paintedArea() const
         area = area.united(shapeRect().adjusted(-pen, -pen, pen, pen));
     if (const auto selected = selection()) {
         const QRectF bounds = dragged_ == selected ? liveBounds_.value_or(selected->bounds()) : selected->bounds();
-        const qreal margin = lookMargin(selected);
-        area = area.united(pdfView_->convertFromPage(bounds.adjusted(-margin, -margin, margin, margin), selected->page())
+        area = area.united(pdfView_->convertFromPage(selected->drawnArea(bounds), selected->page())
                                .adjusted(-handleSize, -handleSize, handleSize, handleSize));
     }
     if (bridge_)
@@ -78,8 +71,7 @@ std::optional<DrawingOverlayView::Picture> DrawingOverlayView::pictureOf(const s
     const auto page = annotation ? annotation->page() : nullptr;
     if (!page || !pdfView_)
         return std::nullopt;
-    const qreal margin = lookMargin(annotation);
-    const QRectF area = annotation->bounds().adjusted(-margin, -margin, margin, margin);
+    const QRectF area = annotation->drawnArea();
     PdfRenderOptions only;
     only.only = annotation;
     const qreal scale = pdfView_->scaleFactor() * devicePixelRatioF();

@@ -73,6 +73,11 @@ public:
     // The page the annotation is on, or none.
     std::shared_ptr<PdfPage> page() const { return page_.lock(); }
 
+    // The part of the page its look can cover: the bounds and a little more
+    // for the stroke and smoothed edges; with `bounds` another place of it.
+    QRectF drawnArea(const QRectF &bounds) const;
+    QRectF drawnArea() const { return drawnArea(bounds_); }
+
 protected:
     PdfAnnotation(const QRectF &bounds, const QString &type);
 
@@ -86,10 +91,6 @@ private:
     void materialize(const std::shared_ptr<DocCore> &core);
     // Writes the changed state to the file and refreshes the page's picture.
     void changed(bool lookChanged, const QRectF &before = QRectF());
-    // The part of the page its look can cover: the bounds and a little more
-    // for the stroke and smoothed edges; with `bounds` another place of it.
-    QRectF drawnArea(const QRectF &bounds) const;
-    QRectF drawnArea() const { return drawnArea(bounds_); }
     void announce(const QRectF &before);
     void writeDictionary();
     void writeAppearance();

@@ -166,8 +166,7 @@ void PdfView::setHiddenAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
         auto page = changed ? changed->page() : nullptr;
         if (!page)
             continue;
-        const qreal margin = changed->borderWidth().value_or(1) + 2;
-        invalidatePage(page, changed->bounds().adjusted(-margin, -margin, margin, margin));
+        invalidatePage(page, changed->drawnArea());
     }
 }
 

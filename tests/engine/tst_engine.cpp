@@ -713,10 +713,10 @@ void TestEngine::annotationIdentityAndDrawing()
     QCOMPARE(page->annotation({340, 130}), red);
 
     // Leaving one annotation out of the picture, or all of them.
-    image = page->render(1, PdfRenderOptions{true, red});
+    image = page->render(1, PdfRenderOptions{true, red, {}});
     QVERIFY(near(pixelAt(image, page, {340, 130}, 1), Qt::blue));
     QVERIFY(near(pixelAt(image, page, {310, 105}, 1), Qt::white));
-    image = page->render(1, PdfRenderOptions{false, {}});
+    image = page->render(1, PdfRenderOptions{false, {}, {}});
     QVERIFY(near(pixelAt(image, page, {340, 130}, 1), Qt::white));
 
     // Colour and width changes show at once.

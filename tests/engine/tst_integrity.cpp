@@ -3,6 +3,7 @@
 // their originals, copies never reuse stale objects or keep their source
 // alive, and MuPDF's errors stay inside the engine without leaking memory.
 #include "FixtureBuilder.h"
+#include "LegacyKeys.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
 #include "PdfInspect.h"
@@ -138,6 +139,7 @@ private slots:
     void openingLeavesNothingBehind();
     void savesSurviveKillsAndFullDisks();
     void hugePagesGiveNoPicture();
+    void legacyKeysMatchKnownVectors();
 
 private:
     QTemporaryDir dir_;
@@ -503,6 +505,39 @@ int runIntegrityTests(int argc, char **argv)
 {
     TestEngineIntegrity tests;
     return QTest::qExec(&tests, argc, argv);
+}
+
+// The older handler's keys against vectors worked out independently (owner
+// password "owner", user password "secret", /P -3904, /ID "0123456789abcdef"):
+// the user password opens, the owner password unwraps it, another fails.
+void TestEngineIntegrity::legacyKeysMatchKnownVectors()
+{
+    auto bytes = [](const char *hex) { return QByteArray::fromHex(hex); };
+    auto text = [](const char *s) { return reinterpret_cast<const unsigned char *>(s); };
+    struct Vector {
+        int revision, keyLength;
+        const char *owner, *user, *key;
+    } vectors[] = {
+        {2, 5, "92fe0f4454ad4c9644693f33c07cb54f587dce1e2682fe9ecea6107a1ef630dd",
+         "c23375c0c41ad2d3a9cdcea32ae5175b0b1951676a733568c83f9694734e6aac", "f05e0b9c64"},
+        {3, 16, "0db5855fc5326569e765906caf64e4429a4c20d6e996fdef963e9b5080f9e083",
+         "4cf657064ccfab2bfddd6c4da766e74600000000000000000000000000000000", "410d7d87cd7e234ae6c72f40ee7efb80"},
+    };
+    for (const Vector &v : vectors) {
+        legacy::Handler handler;
+        handler.revision = v.revision;
+        handler.keyLength = v.keyLength;
+        std::memcpy(handler.owner.data(), bytes(v.owner).constData(), 32);
+        std::memcpy(handler.user.data(), bytes(v.user).constData(), 32);
+        handler.permissions = uint32_t(-3904);
+        handler.id = "0123456789abcdef";
+        const legacy::Key key = legacy::fileKey(handler, text("secret"), 6);
+        QCOMPARE(QByteArray(reinterpret_cast<const char *>(key.data()), v.keyLength), bytes(v.key));
+        QVERIFY(legacy::keyMatches(handler, key));
+        const auto user = legacy::userPasswordFromOwner(handler, text("owner"), 5);
+        QVERIFY(legacy::keyMatches(handler, legacy::fileKey(handler, user.data(), user.size())));
+        QVERIFY(!legacy::keyMatches(handler, legacy::fileKey(handler, text("Secret"), 6)));
+    }
 }
 
 #include "tst_integrity.moc"

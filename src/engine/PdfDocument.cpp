@@ -3,6 +3,7 @@
 #include "DocCore.h"
 #include "LegacyKeys.h"
 #include "Native.h"
+#include "PageTree.h"
 #include "PdfPage.h"
 
 #include <QFile>
@@ -67,66 +68,54 @@ PdfDocument::~PdfDocument()
         page->document_.reset();
 }
 
-namespace {
-
-// Appends the page dictionaries under a node of the page tree to `out`, in
-// order (a node with /Kids is a branch, anything else a page). Nodes seen
-// before (a cycle in a damaged file) and nodes nested absurdly deep are skipped.
-void collectPages(fz_context *c, pdf_obj *node, int depth, std::unordered_set<int> &seen, std::vector<pdf_obj *> &out)
-{
-    const int num = pdf_to_num(c, node);
-    if (depth > 64 || (num > 0 && !seen.insert(num).second))
-        return;
-    pdf_obj *kids = pdf_dict_get(c, node, PDF_NAME(Kids));
-    if (!pdf_is_array(c, kids)) {
-        if (pdf_is_dict(c, node))
-            out.push_back(node);
-        return;
-    }
-    for (int i = 0; i < pdf_array_len(c, kids); ++i)
-        collectPages(c, pdf_array_get(c, kids, i), depth + 1, seen, out);
-}
-
-} // namespace
-
-// Makes a page object for every page. The page tree is walked here once:
-// looking pages up one by one walks it for every page, and MuPDF's own
-// loaded page tree keeps every page dictionary it was asked for referenced
-// for good. Where the walk disagrees with the page count (a damaged tree),
-// MuPDF's lookup decides. A damaged file that MuPDF "repairs" into nothing is
-// not a readable PDF.
+// Makes a page object for every page. The page tree is walked here once, by
+// the engine's own walk: looking pages up one by one walks it for every page,
+// MuPDF's own loaded page tree keeps every page dictionary it was asked for
+// referenced for good, and MuPDF's walks trust what a damaged tree says. A
+// damaged tree is rebuilt at once as a clean one of the pages found, before
+// MuPDF's page lookups and tree edits ever see it. A damaged file that MuPDF
+// "repairs" into nothing is not a readable PDF.
 bool PdfDocument::loadPageList()
 {
-    std::vector<pdf_obj *> found, refs;
-    std::unordered_set<int> seen;
-    const bool ok = mu::tryGuard([&](fz_context *c) {
-        const int count = pdf_count_pages(c, core_->doc);
-        if (count == 0 && pdf_was_repaired(c, core_->doc))
+    pagetree::Walk walk;
+    pdf_obj *root = nullptr;
+    std::vector<pdf_obj *> refs;
+    const bool read = mu::tryGuard([&](fz_context *c) {
+        root = pdf_dict_getp(c, pdf_trailer(c, core_->doc), "Root/Pages");
+        walk = pagetree::walk(c, root);
+        if (walk.pages.empty() && pdf_was_repaired(c, core_->doc))
             fz_throw(c, FZ_ERROR_GENERIC, "no pages in a damaged file");
-        refs.reserve(size_t(std::max(count, 0)));
-        found.reserve(size_t(std::max(count, 0)));
-        collectPages(c, pdf_dict_get(c, pdf_dict_get(c, pdf_trailer(c, core_->doc), PDF_NAME(Root)), PDF_NAME(Pages)), 0, seen,
-                     found);
-        const bool walked = int(found.size()) == count;
-        for (int i = 0; i < count; ++i) {
-            pdf_obj *obj = walked ? found[size_t(i)] : pdf_lookup_page_obj(c, core_->doc, i);
-            if (!obj)
-                fz_throw(c, FZ_ERROR_GENERIC, "page %d is missing", i);
-            refs.push_back(core_->reference(c, obj));
-        }
+        if (!walk.clean && pdf_is_dict(c, root))
+            pagetree::rebuild(c, core_->doc, root, walk);
     });
-    if (!ok) {
+    if (!read)
+        return false;
+    try {
+        refs.reserve(walk.pages.size());
+        std::vector<std::shared_ptr<PdfPage>> pages;
+        pages.reserve(walk.pages.size());
+        const bool ok = mu::tryGuard([&](fz_context *c) {
+            for (const pagetree::Walk::Page &page : walk.pages)
+                refs.push_back(core_->reference(c, page.obj));
+        });
+        if (!ok) {
+            for (pdf_obj *ref : refs)
+                pdf_drop_obj(mu::ctx(), ref);
+            return false;
+        }
+        for (size_t i = 0; i < refs.size(); ++i) {
+            auto native = std::make_unique<PdfPage::Native>(refs[i]);
+            refs[i] = nullptr; // the page holds it from here on
+            pages.emplace_back(new PdfPage(core_, std::move(native)));
+            pages.back()->document_ = weak_from_this();
+        }
+        pages_ = std::move(pages);
+        return true;
+    } catch (const std::bad_alloc &) {
         for (pdf_obj *ref : refs)
             pdf_drop_obj(mu::ctx(), ref);
         return false;
     }
-    pages_.clear();
-    pages_.reserve(refs.size());
-    for (pdf_obj *ref : refs) {
-        pages_.emplace_back(new PdfPage(core_, std::make_unique<PdfPage::Native>(ref)));
-        pages_.back()->document_ = weak_from_this();
-    }
-    return true;
 }
 
 QString PdfDocument::path() const

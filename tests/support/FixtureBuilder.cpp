@@ -459,6 +459,39 @@ bool writeGhostscriptNote(const QString &path)
     return writeFile(ps, program) && QProcess::execute(QStringLiteral("ps2pdf"), {ps, path}) == 0 && QFile::exists(path);
 }
 
+QByteArray buildDamagedTree(TreeDamage damage)
+{
+    ObjectTable objects;
+    objects.add("<< /Type /Catalog /Pages 2 0 R >>");
+    objects.reserve();
+    objects.add("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>");
+    // The nodes between the root and the pages: one, or 200 for a deep tree.
+    std::vector<int> nodes{2};
+    const int between = damage == TreeDamage::Deep ? 200 : damage == TreeDamage::SelfParent || damage == TreeDamage::Loop;
+    for (int i = 0; i < between; ++i)
+        nodes.push_back(objects.reserve());
+    const int holder = nodes.back();
+    QByteArray kids;
+    for (int i = 1; i <= 3; ++i) {
+        const int content = objects.add(stream({}, "BT /F1 24 Tf 72 720 Td (Page " + QByteArray::number(i) + ") Tj ET"));
+        kids += ref(objects.add("<< /Type /Page /Parent " + ref(holder) + " /Contents " + ref(content) + " >>")) + ' ';
+        if (i == 1 && damage == TreeDamage::Loop)
+            kids += ref(holder) + ' ';
+        if (i == 2 && damage == TreeDamage::RootAmongKids)
+            kids += ref(2) + ' ';
+    }
+    const QByteArray count = damage == TreeDamage::HugeCount ? "2147483647" : "3";
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        QByteArray node = "<< /Type /Pages /Count " + count + " /Kids [" + (nodes[i] == holder ? kids : ref(nodes[i + 1])) + "]";
+        if (i > 0)
+            node += " /Parent " + ref(damage == TreeDamage::SelfParent ? nodes[i] : nodes[i - 1]);
+        else
+            node += " /MediaBox [0 0 612 792] /Resources << /Font << /F1 3 0 R >> >>";
+        objects.set(nodes[i], node + " >>");
+    }
+    return objects.file();
+}
+
 bool writeDamaged(const QString &path)
 {
     QByteArray data = "%PDF-1.7\n";

@@ -117,6 +117,12 @@ PageSpec pageWithPopups();
 // runs at test time); false when it fails.
 bool writeGhostscriptNote(const QString &path);
 
+// The ways page trees are damaged in files that other readers still show.
+enum class TreeDamage { SelfParent, RootAmongKids, Loop, HugeCount, Deep };
+// Three pages saying "Page 1" to "Page 3", under a page tree damaged so;
+// the pages inherit their resources and size from the tree's root.
+QByteArray buildDamagedTree(TreeDamage damage);
+
 // A file that starts like a PDF and continues with garbage.
 bool writeDamaged(const QString &path);
 // The first `fraction` of a valid file.

@@ -5,6 +5,7 @@
 #include <mupdf/fitz.h>
 #include <mupdf/pdf.h>
 
+#include <new>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -31,13 +32,16 @@ template <class F> void guard(F &&f)
     guardImpl(ctx(), trampoline, &f);
 }
 
-// Same, but false instead of an exception.
+// Same, but false instead of an exception, also when memory runs out for
+// the C++ side of the work.
 template <class F> bool tryGuard(F &&f) noexcept
 {
     try {
         guard(std::forward<F>(f));
         return true;
     } catch (const Error &) {
+        return false;
+    } catch (const std::bad_alloc &) {
         return false;
     }
 }

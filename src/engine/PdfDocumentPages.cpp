@@ -28,7 +28,11 @@ void copyAnnotations(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *sr
         pdf_obj *copy = copyAnnotation(c, dst, graft, annot);
         pdf_array_push_drop(c, copies, copy);
         if (graft)
-            graft->copiedAnnotations.emplace_back(mu::Obj(pdf_keep_obj(c, annot)), mu::Obj(pdf_keep_obj(c, copy)));
+            mu::cxx(c, [&] { graft->copiedAnnotations.emplace_back(); });
+        if (graft) {
+            graft->copiedAnnotations.back().first = mu::Obj(pdf_keep_obj(c, annot));
+            graft->copiedAnnotations.back().second = mu::Obj(pdf_keep_obj(c, copy));
+        }
         pdf_dict_put(c, copy, PDF_NAME(P), page);
         pdf_obj *popup = pdf_dict_get(c, copy, PDF_NAME(Popup));
         if (popup) {
@@ -65,7 +69,7 @@ pdf_obj *importPage(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *src
                 pdf_dict_put_drop(c, dict, key, bring(val));
         }
         if (graft) {
-            const int num = graft->placePage(c, pdf_to_num(c, srcPage));
+            const int num = graft->pageNumber(c, pdf_to_num(c, srcPage));
             pdf_update_object(c, dst, num, dict);
             ref = pdf_new_indirect(c, dst, num, 0);
         } else {
@@ -84,11 +88,18 @@ pdf_obj *importPage(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *src
 
 } // namespace
 
+// Everything C++ needs to list the page is made before MuPDF changes the
+// document: once the page is in, nothing may fail.
 bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
 {
     if (!page || locked_ || index < 0 || index > int(pages_.size()))
         return false;
     const bool returning = page->core_ == core_ && !page->isUnplacedCopy_ && indexOf(page.get()) < 0;
+    try {
+        pages_.reserve(pages_.size() + 1);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
     core_->unloadPages();
     if (returning) {
         if (!mu::tryGuard([&](fz_context *c) { pdf_insert_page(c, core_->doc, index, page->native_->obj); }))
@@ -100,26 +111,28 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     // Copied in: from another document, or a second place for a page of this one.
     const bool ownBatch = !core_->copying();
-    if (ownBatch)
-        core_->beginCopyBatch();
     Graft *graft = nullptr;
+    std::unique_ptr<PdfPage::Native> native;
+    std::shared_ptr<PdfPage> placed;
     try {
+        if (ownBatch)
+            core_->beginCopyBatch();
         if (page->core_ != core_)
             graft = &core_->copying()->graftFor(page->core_, core_->doc);
+        native = std::make_unique<PdfPage::Native>();
+        placed = page->isUnplacedCopy_ ? page : std::shared_ptr<PdfPage>(new PdfPage(core_, std::make_unique<PdfPage::Native>()));
     } catch (const std::bad_alloc &) {
+        if (ownBatch && core_->copying())
+            endCopyBatch();
+        return false;
     }
     pdf_obj *ref = nullptr;
-    const bool copied = (graft || page->core_ == core_) && mu::tryGuard([&](fz_context *c) {
-                            ref = importPage(c, core_->doc, graft, page->native_->obj);
-                            pdf_insert_page(c, core_->doc, index, ref);
-                        });
-    if (copied && graft) {
-        try {
-            structure::tieAnnotations(*core_->copying(), *graft);
-        } catch (const std::exception &) {
-            // The page is in; what its annotations point at is as far as it got.
-        }
-    }
+    int sourceNum = 0;
+    const bool copied = mu::tryGuard([&](fz_context *c) {
+        sourceNum = pdf_to_num(c, page->native_->obj);
+        ref = importPage(c, core_->doc, graft, page->native_->obj);
+        pdf_insert_page(c, core_->doc, index, ref);
+    });
     if (!copied) {
         if (graft)
             graft->copiedAnnotations.clear();
@@ -128,15 +141,21 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
             endCopyBatch();
         return false;
     }
-    std::shared_ptr<PdfPage> placed;
-    if (page->isUnplacedCopy_) {
-        page->place(core_, std::make_unique<PdfPage::Native>(ref));
-        placed = page;
-    } else {
-        placed.reset(new PdfPage(core_, std::make_unique<PdfPage::Native>(ref)));
-    }
+    native->obj = ref;
+    if (placed == page)
+        page->place(core_, std::move(native));
+    else
+        std::swap(placed->native_, native);
     placed->document_ = weak_from_this();
     pages_.insert(pages_.begin() + index, placed);
+    if (graft) {
+        try {
+            graft->notePlaced(sourceNum, mu::call([&](fz_context *c) { return pdf_to_num(c, ref); }));
+            structure::tieAnnotations(*core_->copying(), *graft);
+        } catch (const std::exception &) {
+            // The page is in; what its annotations point at is as far as it got.
+        }
+    }
     core_->announcePageList();
     if (ownBatch)
         endCopyBatch();
@@ -146,7 +165,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
 std::vector<int> PdfDocument::pageNumbers() const
 {
     std::vector<int> numbers;
-    numbers.reserve(pages_.size());
+    numbers.reserve(pages_.size()); // before the guard: nothing below allocates
     mu::tryGuard([&](fz_context *c) {
         for (const auto &page : pages_)
             numbers.push_back(pdf_to_num(c, page->native_->obj));
@@ -174,8 +193,13 @@ bool PdfDocument::hasOutline() const
 
 PdfCopyBatch::PdfCopyBatch(const std::shared_ptr<PdfDocument> &into) : into_(into)
 {
-    if (into_)
-        into_->core_->beginCopyBatch();
+    try {
+        if (into_)
+            into_->core_->beginCopyBatch();
+    } catch (const std::bad_alloc &) {
+        // Copies made meanwhile open a batch each.
+        into_.reset();
+    }
 }
 
 PdfCopyBatch::~PdfCopyBatch()
@@ -186,8 +210,12 @@ PdfCopyBatch::~PdfCopyBatch()
 
 void PdfCopyBatch::groupOutline(const std::shared_ptr<PdfDocument> &source, const QString &title)
 {
-    if (into_ && source && into_->core_->copying())
-        into_->core_->copying()->outlineGroups[source->core_.get()] = title;
+    try {
+        if (into_ && source && into_->core_->copying())
+            into_->core_->copying()->outlineGroups[source->core_.get()] = title;
+    } catch (const std::bad_alloc &) {
+        // The source's entries join the outline without an entry of their own.
+    }
 }
 
 bool PdfDocument::removePage(int index)

@@ -405,6 +405,20 @@ void TestPageStructure::insert()
     QCOMPARE(fields.size(), 4);
     QVERIFY(fields.contains("shared=A@1") && fields.contains("name=Alice@0") && fields.contains("city=@4"));
     QVERIFY(fields.filter(QRegularExpression("^shared.+=B@3$")).size() == 1);
+
+    // Names written in UTF-16 (these two agree up to their first zero byte)
+    // stay as they are written when pages with names of their own come in.
+    StructuredSpec wide;
+    wide.pages = fixtures::numberedPages(2, 1);
+    const QByteArray ueb = QByteArray::fromHex("FEFF00DC0062"), et = QByteArray::fromHex("FEFF00C90074");
+    wide.links = {{0, 1, ueb}, {1, 0, et}};
+    wide.namedDestinations = {{ueb, 1}, {et, 0}};
+    QVERIFY(fixtures::writeStructuredPdf(path("wide names.pdf"), wide));
+    auto wideDoc = PdfDocument::open(path("wide names.pdf"));
+    QVERIFY(PageOperations::insertPages(PdfDocument::open(alpha_.path), wideDoc, 2));
+    const inspect::PdfObjects widePdf(written(wideDoc, "wide-inserted.pdf"));
+    QCOMPARE(QStringList({firstLinkName(widePdf, 0), firstLinkName(widePdf, 1)}), QStringList({"Üb", "Ét"}));
+    QCOMPARE(namedPages(widePdf, {"Üb", "Ét", "shared"}), QList<int>({1, 0, 4}));
 }
 
 void TestPageStructure::deletePage()

@@ -14,13 +14,12 @@ void loadDestinationNames(CopyState &state, pdf_document *dst)
 {
     if (state.destinationNamesLoaded)
         return;
-    Obj tree(mu::call([&](fz_context *c) { return pdf_load_name_tree(c, dst, PDF_NAME(Dests)); }));
-    pdf_obj *dests = mu::call([&](fz_context *c) { return pdf_dict_get(c, rootOf(c, dst), PDF_NAME(Dests)); });
-    for (pdf_obj *names : {tree.get(), dests}) {
-        const int n = mu::call([&](fz_context *c) { return pdf_dict_len(c, names); });
-        for (int i = 0; i < n; ++i)
-            state.destinationNames.insert(mu::call([&](fz_context *c) { return nameText(c, pdf_dict_get_key(c, names, i)); }));
-    }
+    mu::call([&](fz_context *c) {
+        visitDestinationNames(c, dst, [&](std::string_view name, pdf_obj *) { state.destinationNames.emplace(name); });
+        pdf_obj *dests = pdf_dict_get(c, rootOf(c, dst), PDF_NAME(Dests));
+        for (int i = 0; i < pdf_dict_len(c, dests); ++i)
+            state.destinationNames.emplace(keyBytes(c, pdf_dict_get_key(c, dests, i)));
+    });
     state.destinationNamesLoaded = true;
 }
 
@@ -93,12 +92,12 @@ void writeDestinationNames(CopyState &state, pdf_document *dst)
         return;
     // The tree is written again as one sorted list: the names it had and the carried ones.
     std::map<std::string, Obj> all;
-    Obj tree(mu::call([&](fz_context *c) { return pdf_load_name_tree(c, dst, PDF_NAME(Dests)); }));
-    const int n = mu::call([&](fz_context *c) { return pdf_dict_len(c, tree.get()); });
-    for (int i = 0; i < n; ++i) {
-        std::string name = mu::call([&](fz_context *c) { return nameText(c, pdf_dict_get_key(c, tree.get(), i)); });
-        all[name] = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, pdf_dict_get_val(c, tree.get(), i)); }));
-    }
+    mu::call([&](fz_context *c) {
+        visitDestinationNames(c, dst, [&](std::string_view name, pdf_obj *value) {
+            Obj &slot = all[std::string(name)];
+            slot = Obj(pdf_keep_obj(c, value));
+        });
+    });
     for (const auto &carried : state.carriedDestinations)
         all[carried.first] = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.second); }));
     Obj names(mu::call([&](fz_context *c) { return pdf_new_array(c, dst, int(all.size() * 2)); }));

@@ -23,8 +23,9 @@ void DocCore::unloadPages()
 
 void DocCore::beginCopyBatch()
 {
-    if (copyBatches_++ == 0)
+    if (copyBatches_ == 0)
         copying_ = std::make_unique<CopyState>();
+    ++copyBatches_;
 }
 
 std::unique_ptr<CopyState> DocCore::endCopyBatch()

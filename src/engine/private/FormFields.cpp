@@ -112,12 +112,13 @@ Obj bringField(CopyState &state, Graft &graft, pdf_obj *field, int depth)
     const int num = mu::call([&](fz_context *c) { return pdf_to_num(c, field); });
     if (const int known = num > 0 ? graft.copyOf(num) : 0)
         return Obj(mu::call([&](fz_context *c) { return pdf_new_indirect(c, dst, known, 0); }));
+    const size_t before = graft.mark();
     Obj copy(mu::call([&](fz_context *c) {
         pdf_obj *dict = pdf_add_new_dict(c, dst, 8);
         fz_try(c)
         {
             if (num > 0)
-                graft.setCopy(num, pdf_to_num(c, dict));
+                graft.setCopy(c, num, pdf_to_num(c, dict));
             for (int i = 0; i < pdf_dict_len(c, field); ++i) {
                 pdf_obj *key = pdf_dict_get_key(c, field, i);
                 if (!pdf_name_eq(c, key, PDF_NAME(Kids)) && !pdf_name_eq(c, key, PDF_NAME(Parent)) &&
@@ -128,6 +129,7 @@ Obj bringField(CopyState &state, Graft &graft, pdf_obj *field, int depth)
         fz_catch(c)
         {
             pdf_drop_obj(c, dict);
+            graft.forget(before);
             fz_rethrow(c);
         }
         return dict;

@@ -2,6 +2,8 @@
 
 #include "DocCore.h"
 
+#include <algorithm>
+
 Graft::Graft(std::shared_ptr<DocCore> source, pdf_document *dst) : source_(std::move(source)), dst_(dst) {}
 
 int Graft::copyOf(int sourceNum) const
@@ -17,22 +19,41 @@ int Graft::copyOfPage(int sourcePage) const
     return slots_.at(sourcePage);
 }
 
+void Graft::setCopy(fz_context *c, int sourceNum, int dstNum)
+{
+    mu::cxx(c, [&] {
+        recorded_.push_back(sourceNum);
+        numbers_[sourceNum] = dstNum;
+    });
+}
+
+void Graft::forget(size_t mark)
+{
+    for (size_t i = mark; i < recorded_.size(); ++i)
+        numbers_.erase(recorded_[i]);
+    recorded_.resize(std::min(mark, recorded_.size()));
+}
+
 int Graft::slotFor(fz_context *c, int sourcePage)
 {
     auto found = slots_.find(sourcePage);
     if (found != slots_.end())
         return found->second;
     const int num = pdf_create_object(c, dst_);
-    slots_.emplace(sourcePage, num);
+    mu::cxx(c, [&] { slots_.emplace(sourcePage, num); });
     return num;
 }
 
-int Graft::placePage(fz_context *c, int sourcePage)
+int Graft::pageNumber(fz_context *c, int sourcePage)
 {
-    const int num = filled_.count(sourcePage) ? pdf_create_object(c, dst_) : slotFor(c, sourcePage);
+    return filled_.count(sourcePage) ? pdf_create_object(c, dst_) : slotFor(c, sourcePage);
+}
+
+void Graft::notePlaced(int sourcePage, int num)
+{
+    placed.reserve(placed.size() + 1);
     filled_.insert(sourcePage);
     placed.push_back(num);
-    return num;
 }
 
 pdf_obj *Graft::bring(fz_context *c, pdf_obj *obj)
@@ -48,8 +69,12 @@ pdf_obj *Graft::bring(fz_context *c, pdf_obj *obj)
         return pdf_new_indirect(c, dst_, slotFor(c, num), 0);
     if (pdf_name_eq(c, type, PDF_NAME(Pages)) || pdf_name_eq(c, type, PDF_NAME(Catalog)))
         return PDF_NULL;
+    // The copy is recorded before its value is copied (what it holds may lead
+    // back to it), and taken back with whatever its value recorded when the
+    // copy fails, so a later copy never leads to a half-made object.
+    const size_t before = mark();
     const int copyNum = pdf_create_object(c, dst_);
-    numbers_[num] = copyNum;
+    setCopy(c, num, copyNum);
     pdf_obj *copy = nullptr;
     pdf_obj *ref = nullptr;
     fz_buffer *data = nullptr;
@@ -74,6 +99,7 @@ pdf_obj *Graft::bring(fz_context *c, pdf_obj *obj)
     fz_catch(c)
     {
         pdf_drop_obj(c, ref);
+        forget(before);
         fz_rethrow(c);
     }
     return ref;

@@ -38,13 +38,19 @@ public:
     // The destination object number for a new copy of the source page
     // `sourcePage` (an object number): its slot while that is unfilled, else
     // a new object (the page placed a second time).
-    int placePage(fz_context *c, int sourcePage);
+    int pageNumber(fz_context *c, int sourcePage);
+    // Notes that the copy `num` of the source page is in the destination's
+    // page tree. C++ only: memory running out throws std::bad_alloc.
+    void notePlaced(int sourcePage, int num);
     // The destination object number of the first copy of a source page, or 0.
     int copyOfPage(int sourcePage) const;
     // The destination object already made for a source object, or 0.
     int copyOf(int sourceNum) const;
-    // Reserves `dstNum` as the copy of the source object `sourceNum`.
-    void setCopy(int sourceNum, int dstNum) { numbers_[sourceNum] = dstNum; }
+    // Reserves `dstNum` as the copy of the source object `sourceNum`, until
+    // forget() takes back what was reserved since `mark()`.
+    void setCopy(fz_context *c, int sourceNum, int dstNum);
+    size_t mark() const { return recorded_.size(); }
+    void forget(size_t mark);
 
     // The destination object numbers of the pages copied, in the order copied.
     std::vector<int> placed;
@@ -71,8 +77,10 @@ private:
 
     std::shared_ptr<DocCore> source_;
     pdf_document *dst_;
-    // Source object number → destination object number.
+    // Source object number → destination object number; the source numbers
+    // in the order recorded, so a failed copy takes its records back.
     std::unordered_map<int, int> numbers_;
+    std::vector<int> recorded_;
     // Source page → its slot; the pages whose slot holds their copy.
     std::unordered_map<int, int> slots_;
     std::unordered_set<int> filled_;

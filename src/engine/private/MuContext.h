@@ -61,6 +61,18 @@ template <class F> auto call(F &&f)
     }
 }
 
+// Runs C++ code that may allocate (lists, maps) where MuPDF's error handling
+// is open: memory running out becomes a MuPDF error, so it unwinds through
+// MuPDF's own clean-up instead of jumping over it as a C++ exception.
+template <class F> auto cxx(fz_context *c, F &&f) -> decltype(f())
+{
+    try {
+        return f();
+    } catch (const std::bad_alloc &) {
+    }
+    fz_throw(c, FZ_ERROR_MEMORY, "out of memory");
+}
+
 // Holds one reference to a MuPDF object and drops it when it goes.
 class Obj {
 public:

@@ -31,27 +31,78 @@ bool isNamed(fz_context *c, pdf_obj *obj)
     return pdf_is_name(c, obj) || pdf_is_string(c, obj);
 }
 
-// A destination by its name: in the older dictionary of names, then in the
-// name tree (where names are strings).
+std::string_view keyBytes(fz_context *c, pdf_obj *key)
+{
+    if (pdf_is_name(c, key))
+        return pdf_to_name(c, key);
+    return std::string_view(pdf_to_str_buf(c, key), pdf_to_str_len(c, key));
+}
+
+namespace {
+
+// Nodes of a name tree visited at most, whatever loops a damaged tree holds.
+constexpr int nameTreeBudget = 100000;
+
+pdf_obj *findInNameTree(fz_context *c, pdf_obj *node, std::string_view key, int depth, int &budget)
+{
+    if (depth > maxDepth || --budget < 0 || !pdf_is_dict(c, node))
+        return nullptr;
+    pdf_obj *names = pdf_dict_get(c, node, PDF_NAME(Names));
+    for (int i = 0; i + 1 < pdf_array_len(c, names); i += 2)
+        if (keyBytes(c, pdf_array_get(c, names, i)) == key)
+            return pdf_array_get(c, names, i + 1);
+    pdf_obj *kids = pdf_dict_get(c, node, PDF_NAME(Kids));
+    for (int i = 0; i < pdf_array_len(c, kids); ++i) {
+        pdf_obj *kid = pdf_array_get(c, kids, i);
+        pdf_obj *limits = pdf_dict_get(c, kid, PDF_NAME(Limits));
+        if (pdf_array_len(c, limits) == 2 &&
+            (key < keyBytes(c, pdf_array_get(c, limits, 0)) || keyBytes(c, pdf_array_get(c, limits, 1)) < key))
+            continue;
+        if (pdf_obj *found = findInNameTree(c, kid, key, depth + 1, budget))
+            return found;
+    }
+    return nullptr;
+}
+
+void visitNameTree(fz_context *c, pdf_obj *node, int depth, int &budget, const NameVisitor &visit)
+{
+    if (depth > maxDepth || --budget < 0 || !pdf_is_dict(c, node))
+        return;
+    pdf_obj *names = pdf_dict_get(c, node, PDF_NAME(Names));
+    for (int i = 0; i + 1 < pdf_array_len(c, names); i += 2)
+        visit(keyBytes(c, pdf_array_get(c, names, i)), pdf_array_get(c, names, i + 1));
+    pdf_obj *kids = pdf_dict_get(c, node, PDF_NAME(Kids));
+    for (int i = 0; i < pdf_array_len(c, kids); ++i)
+        visitNameTree(c, pdf_array_get(c, kids, i), depth + 1, budget, visit);
+}
+
+pdf_obj *destinationTree(fz_context *c, pdf_document *doc)
+{
+    return pdf_dict_getp(c, rootOf(c, doc), "Names/Dests");
+}
+
+} // namespace
+
+// Names are compared as the bytes they are written with: MuPDF's own lookup
+// stops at the first zero byte (every UTF-16 name looks alike to it) and its
+// loaded name tree turns the keys into UTF-8.
 pdf_obj *lookupNamed(fz_context *c, pdf_document *doc, pdf_obj *needle)
 {
-    pdf_obj *dests = pdf_dict_get(c, rootOf(c, doc), PDF_NAME(Dests));
-    if (pdf_is_name(c, needle)) {
-        if (pdf_obj *found = pdf_dict_get(c, dests, needle))
-            return found;
-        const char *name = pdf_to_name(c, needle);
-        pdf_obj *key = pdf_new_string(c, name, std::strlen(name));
-        pdf_obj *found = nullptr;
-        fz_try(c) found = pdf_lookup_name(c, doc, PDF_NAME(Dests), key);
-        fz_always(c) pdf_drop_obj(c, key);
-        fz_catch(c) fz_rethrow(c);
-        return found;
-    }
-    if (!pdf_is_string(c, needle))
+    if (!isNamed(c, needle))
         return nullptr;
-    if (pdf_obj *found = pdf_dict_gets(c, dests, pdf_to_str_buf(c, needle)))
-        return found;
-    return pdf_lookup_name(c, doc, PDF_NAME(Dests), needle);
+    const std::string_view key = keyBytes(c, needle);
+    pdf_obj *dests = pdf_dict_get(c, rootOf(c, doc), PDF_NAME(Dests));
+    for (int i = 0; i < pdf_dict_len(c, dests); ++i)
+        if (keyBytes(c, pdf_dict_get_key(c, dests, i)) == key)
+            return pdf_dict_get_val(c, dests, i);
+    int budget = nameTreeBudget;
+    return findInNameTree(c, destinationTree(c, doc), key, 0, budget);
+}
+
+void visitDestinationNames(fz_context *c, pdf_document *doc, const NameVisitor &visit)
+{
+    int budget = nameTreeBudget;
+    visitNameTree(c, destinationTree(c, doc), 0, budget, visit);
 }
 
 // The explicit destination (an array) that a destination stands for.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -27,9 +28,15 @@ pdf_obj *rootOf(fz_context *c, pdf_document *doc);
 // The bytes of a name or a string.
 std::string nameText(fz_context *c, pdf_obj *obj);
 bool isNamed(fz_context *c, pdf_obj *obj);
-// A destination by its name: in the older dictionary of names, then in the
-// name tree (where names are strings).
+// The bytes of a name, or of a string.
+std::string_view keyBytes(fz_context *c, pdf_obj *key);
+// A destination by its name (or string): in the older dictionary of names,
+// then in the name tree.
 pdf_obj *lookupNamed(fz_context *c, pdf_document *doc, pdf_obj *needle);
+// Calls `visit` with each name (its bytes) and value of the destinations'
+// name tree; a damaged tree is read as far as a bounded walk goes.
+using NameVisitor = std::function<void(std::string_view name, pdf_obj *value)>;
+void visitDestinationNames(fz_context *c, pdf_document *doc, const NameVisitor &visit);
 // The explicit destination (an array) that a destination stands for.
 pdf_obj *explicitDestination(fz_context *c, pdf_document *doc, pdf_obj *dest);
 // Where a link, an outline entry or an action leads within its document:

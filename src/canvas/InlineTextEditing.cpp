@@ -6,6 +6,7 @@
 #include "FontService.h"
 #include "InlineTextView.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "ToolSettings.h"
@@ -23,6 +24,26 @@ constexpr qreal minimumEditorFontSize = 5;
 // How near a box comes to the edges of its page, in points.
 constexpr qreal pageMargin = 2;
 
+// Where the paper around a retyped line is sampled, in points: this far in
+// from the page's left edge, this far left of the line, this far in from the
+// line's start for the samples this far below and above it.
+constexpr qreal sampleEdgeInset = 6;
+constexpr qreal sampleGapLeft = 12;
+constexpr qreal sampleIndent = 2;
+constexpr qreal sampleClearance = 5;
+// Samples all darker than this are ink or a picture, not paper: the cover is white.
+constexpr qreal darkPaperBrightness = 0.72;
+
+// Slack over the measured width of a line (6 % and one em), so that a line the
+// editor shows on one line also stays on one in the saved box, whose writer
+// measures glyphs and breaks lines on its own.
+constexpr qreal measuredWidthSlack = 1.06;
+// The editor's document margin on each side: one point of inset and one of
+// padding, as the saved box draws its text.
+constexpr qreal editorMargin = 2;
+
+// A font size for a line or box of that height when its font is not known:
+// text usually fills about 78 % of its line's height; kept readable and sane.
 qreal fallbackSizeFor(qreal height)
 {
     return std::clamp(height * 0.78, 6.0, 96.0);
@@ -66,7 +87,8 @@ qreal unbrokenWidth(const QString &text, const PdfFont &font)
     qreal widest = 0;
     for (const QString &line : text.split(QLatin1Char('\n')))
         widest = std::max(widest, FontService::instance().textWidth(font, line));
-    return widest * 1.06 + font.size + 8;
+    // Plus the insets of the saved box and the margins of the editor, on both sides.
+    return widest * measuredWidthSlack + font.size + 2 * (FontService::TextInset + editorMargin);
 }
 
 // The lines the saved box breaks the text into: the appearance writer's own
@@ -216,8 +238,7 @@ void DrawingOverlayView::beginTextEdit(const EditingMode &mode, const std::share
     editor->setPalette(colors);
     editor->setBackgroundVisible(false);
     editor->viewport()->setAutoFillBackground(true);
-    // One point of inset and one of padding, as the saved box draws its text.
-    editor->document()->setDocumentMargin(2);
+    editor->document()->setDocumentMargin(editorMargin);
     const QPointer<DrawingOverlayView> overlay(this);
     editor->onCommit = [overlay] {
         if (overlay)
@@ -331,15 +352,19 @@ PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_pt
 
 QColor DrawingOverlayView::sampleBackgroundColor(const std::shared_ptr<PdfPage> &page, const QRectF &lineBox)
 {
-    if (!page)
+    // The page is recorded once; only the four small areas are drawn from it.
+    const auto list = page ? page->displayList(PdfRenderOptions{}) : nullptr;
+    if (!list)
         return Qt::white;
     const QRectF media = page->bounds(PdfBox::Media);
     const qreal midY = lineBox.center().y();
+    // Beside the line where paper shows and ink seldom does: near the page's
+    // left edge, in the gap left of the line, and just below and above it.
     const QPointF samples[] = {
-        {media.left() + 6, midY},
-        {std::max(media.left() + 6, lineBox.left() - 12), midY},
-        {lineBox.left() + 2, lineBox.top() + lineBox.height() + 5},
-        {lineBox.left() + 2, lineBox.top() - 5},
+        {media.left() + sampleEdgeInset, midY},
+        {std::max(media.left() + sampleEdgeInset, lineBox.left() - sampleGapLeft), midY},
+        {lineBox.left() + sampleIndent, lineBox.bottom() + sampleClearance},
+        {lineBox.left() + sampleIndent, lineBox.top() - sampleClearance},
     };
     const QTransform toDisplay = page->pageToDisplay();
     QColor best(Qt::white);
@@ -347,14 +372,15 @@ QColor DrawingOverlayView::sampleBackgroundColor(const std::shared_ptr<PdfPage> 
     for (QPointF q : samples) {
         // A 3 x 3 pixel picture of the page centred on the sample point, at one pixel per point.
         const QPointF d = toDisplay.map(q);
-        const QImage picture = page->render(1.0, QRectF(d.x() - 1.5, d.y() - 1.5, 3, 3), PdfRenderOptions{});
+        const QImage picture = list->render(1.0, QRectF(d.x() - 1.5, d.y() - 1.5, 3, 3));
         const QColor sample =
             picture.isNull() ? QColor(Qt::white) : picture.pixelColor(picture.width() / 2, picture.height() / 2);
+        // Perceived brightness (the Rec. 601 luma weights).
         const qreal brightness = 0.299 * sample.redF() + 0.587 * sample.greenF() + 0.114 * sample.blueF();
         if (brightness > bestBrightness) {
             bestBrightness = brightness;
             best = QColor(sample.red(), sample.green(), sample.blue());
         }
     }
-    return bestBrightness < 0.72 ? QColor(Qt::white) : best;
+    return bestBrightness < darkPaperBrightness ? QColor(Qt::white) : best;
 }

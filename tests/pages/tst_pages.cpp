@@ -361,29 +361,20 @@ void TestPages::stoppedWorkLeavesNothing()
 void TestPages::pageWorkHoldsInput()
 {
     QWidget sheet;
+    sheet.show();
     QPushButton other("Other window");
-    for (QWidget *window : {&sheet, static_cast<QWidget *>(&other)}) {
-        window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window));
-    }
+    other.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&other));
     int clicks = 0;
     connect(&other, &QPushButton::clicked, this, [&clicks] { ++clicks; });
     QTest::mouseClick(other.windowHandle(), Qt::LeftButton, {}, other.rect().center());
-    QCOMPARE(clicks, 1);
     {
         PageWorkProgress progress(&sheet, true);
         progress.begin("Working", true);
-        QElapsedTimer working;
-        working.start();
-        bool clicked = false;
-        for (qint64 done = 1; working.elapsed() < 300; ++done) {
+        for (qint64 done = 1; !progress.wasShown(); ++done)
             QVERIFY(progress.step(done, 1'000'000));
-            if (progress.wasShown() && !clicked) {
-                QTest::mouseClick(other.windowHandle(), Qt::LeftButton, {}, other.rect().center());
-                clicked = true;
-            }
-        }
-        QVERIFY(clicked);
+        QTest::mouseClick(other.windowHandle(), Qt::LeftButton, {}, other.rect().center());
+        QVERIFY(progress.step(2'000'000, 1'000'000));
     }
     QCOMPARE(clicks, 1);
 }

@@ -41,6 +41,21 @@ constexpr qreal measuredWidthSlack = 1.06;
 // The editor's document margin on each side: one point of inset and one of
 // padding, as the saved box draws its text.
 constexpr qreal editorMargin = 2;
+// A box is never shorter than what the editor needs to show its lines: the
+// font's line height with a quarter to spare for each (the editor's layout
+// places lines a little apart from the font's own figures), and 6 points for
+// its top and bottom margins with some slack.
+constexpr qreal editorLineSpacing = 1.25;
+constexpr qreal editorChrome = 6;
+// A new box: 240 points wide, one line high at 160 % of its font size, on a
+// nearly opaque white so that the page under it does not distract while typing.
+constexpr qreal newBoxWidth = 240;
+constexpr qreal newBoxLineHeight = 1.6;
+constexpr qreal newBoxBackdropOpacity = 0.9;
+// The editor over a retyped line reaches this far past the line's box on every side.
+constexpr qreal lineBoxMargin = 2;
+// Enough of a line's start to find it in the page's text (and its font there).
+constexpr int fontProbeLength = 24;
 
 // A font size for a line or box of that height when its font is not known:
 // text usually fills about 78 % of its line's height; kept readable and sane.
@@ -113,11 +128,13 @@ QRectF grownBox(const QString &text, const PdfFont &font, const QRectF &base, qr
 {
     const qreal width = std::max(base.width(), std::min(unbrokenWidth(text, font), right - base.left()));
     const int lines = wrappedLines(text, font, width);
+    // Below the last line: a point for a cover, the usual inset for a box.
     qreal height = drawnHeight(lines, font) + (cover ? 1 : FontService::TextInset);
     if (!cover) {
         const QFontMetricsF metrics(FontService::instance().qFont(font));
         // Qt's descent is positive below the baseline.
-        height = std::max(height, (metrics.ascent() + metrics.descent() + metrics.leading()) * lines * 1.25 + 6);
+        height = std::max(height,
+                          (metrics.ascent() + metrics.descent() + metrics.leading()) * lines * editorLineSpacing + editorChrome);
     }
     return QRectF(base.topLeft(), QSizeF(width, std::max(base.height(), height)));
 }
@@ -165,7 +182,8 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
             lineBox = QRectF(lineBox.left(), *baseline - descent, lineBox.width(), fonts.ascent(font) + descent);
         }
         const QColor background = sampleBackgroundColor(page, lineBox);
-        beginTextEdit(Replacement{}, page, lineBox.adjusted(-2, -2, 2, 2), text, font, Qt::black, background);
+        beginTextEdit(Replacement{}, page, lineBox.adjusted(-lineBoxMargin, -lineBoxMargin, lineBoxMargin, lineBoxMargin), text,
+                      font, Qt::black, background);
         return;
     }
     beginNewTextBox(page, p);
@@ -176,13 +194,13 @@ void DrawingOverlayView::beginNewTextBox(const std::shared_ptr<PdfPage> &page, Q
     if (!page)
         return;
     const qreal size = toolSettings_->fontSize();
-    const qreal h = size * 1.6;
+    const qreal h = size * newBoxLineHeight;
     QColor background(Qt::white);
-    background.setAlphaF(0.9);
+    background.setAlphaF(newBoxBackdropOpacity);
     // The point is the box's top left corner as the page is read.
     const QTransform frame = uprightFrame(page->rotation());
     const QPointF corner = frame.map(p);
-    const QRectF box = frame.inverted().mapRect(QRectF(corner.x(), corner.y(), 240, h));
+    const QRectF box = frame.inverted().mapRect(QRectF(corner.x(), corner.y(), newBoxWidth, h));
     beginTextEdit(NewBox{}, page, box, QString(), systemFont(size), toolSettings_->fontColor(), background);
 }
 
@@ -342,7 +360,7 @@ PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_pt
 {
     if (!page)
         return systemFont(fallbackSize);
-    const QString needle = text.left(24);
+    const QString needle = text.left(fontProbeLength);
     const int at = page->text().indexOf(needle);
     if (at >= 0)
         if (auto font = page->fontAt(at))

@@ -339,6 +339,8 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         commitInlineEdit();
         return;
     }
+    // A press starts a gesture afresh; a drag still held (its release never came) ends unapplied.
+    cancelManipulation();
     switch (toolSettings_->currentTool()) {
     case AnnotationTool::none:
         handleSelectMouseDown(pv, clickCount);

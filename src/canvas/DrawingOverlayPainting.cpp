@@ -18,6 +18,14 @@ namespace {
 // How long a finished change is shown by the overlay at most when the page's
 // new picture does not come (a page scrolled away, a picture that failed).
 constexpr qint64 bridgeLimitMs = 1000;
+// Room around a repainted area for antialiased edges, in view points.
+constexpr int antialiasMargin = 2;
+// The selection frame's line width, in view points.
+constexpr qreal framePen = 1.5;
+// The waiting signature is shown faded, so that the page shows through where
+// it would go, inside a dashed frame (5 on, 3 off) in the faded accent colour.
+constexpr qreal pendingSignatureOpacity = 0.55;
+constexpr qreal pendingFrameOpacity = 0.6;
 
 } // namespace
 
@@ -28,7 +36,9 @@ void DrawingOverlayView::refresh()
     const QRectF dirty = lastPainted_.united(now);
     lastPainted_ = now;
     if (!dirty.isEmpty())
-        update(dirty.toAlignedRect().adjusted(-2, -2, 2, 2).intersected(rect()));
+        update(dirty.toAlignedRect()
+                   .adjusted(-antialiasMargin, -antialiasMargin, antialiasMargin, antialiasMargin)
+                   .intersected(rect()));
 }
 
 // Everything the next paint draws, in overlay space.
@@ -37,20 +47,22 @@ QRectF DrawingOverlayView::paintedArea() const
     if (!pdfView_)
         return {};
     QRectF area;
+    // The pen's width and a point for antialiasing.
     const qreal pen = toolSettings_->lineWidth() * pdfView_->scaleFactor() + 1;
-    if (inkPV_.size() > 1)
-        area = area.united(inkBounds_.adjusted(-pen, -pen, pen, pen));
-    if (shapeStartPV_ && shapeCurrentPV_)
-        area = area.united(shapeRect().adjusted(-pen, -pen, pen, pen));
+    if (const auto *ink = std::get_if<DrawingInk>(&gesture_); ink && ink->points.size() > 1)
+        area = area.united(ink->bounds.adjusted(-pen, -pen, pen, pen));
+    if (const auto *shape = std::get_if<DrawingShape>(&gesture_))
+        area = area.united(shapeRect(*shape).adjusted(-pen, -pen, pen, pen));
     if (const auto selected = selection()) {
-        const QRectF bounds = dragged_ == selected ? liveBounds_.value_or(selected->bounds()) : selected->bounds();
+        const Drag *drag = activeDrag();
+        const QRectF bounds = drag && drag->annotation == selected ? drag->liveBounds : selected->bounds();
         area = area.united(pdfView_->convertFromPage(selected->drawnArea(bounds), selected->page())
                                .adjusted(-handleSize, -handleSize, handleSize, handleSize));
     }
     if (bridge_)
         area = area.united(pdfView_->convertFromPage(bridge_->area, bridge_->page));
     if (auto preview = signaturePreviewRect())
-        area = area.united(preview->adjusted(-2, -2, 2, 2));
+        area = area.united(preview->adjusted(-antialiasMargin, -antialiasMargin, antialiasMargin, antialiasMargin));
     return area;
 }
 
@@ -130,15 +142,18 @@ void DrawingOverlayView::paintEvent(QPaintEvent *)
     painter.setRenderHint(QPainter::SmoothPixmapTransform);
     if (bridge_)
         painter.drawImage(pdfView_->convertFromPage(bridge_->area, bridge_->page), bridge_->image);
-    if (toolSettings_->currentTool() == AnnotationTool::ink && inkPV_.size() > 1)
-        drawInkPreview(painter);
-    drawShapePreview(painter);
+    if (auto *ink = std::get_if<DrawingInk>(&gesture_);
+        ink && toolSettings_->currentTool() == AnnotationTool::ink && ink->points.size() > 1)
+        drawInkPreview(painter, *ink);
+    if (const auto *shape = std::get_if<DrawingShape>(&gesture_))
+        drawShapePreview(painter, *shape);
     if (const auto selected = selection()) {
-        const bool dragging = dragged_ == selected && didBeginDrag_ && liveBounds_;
-        const QRectF bounds = dragging ? *liveBounds_ : selected->bounds();
-        if (dragging && dragPicture_)
-            painter.drawImage(pdfView_->convertFromPage(placedPicture(*dragPicture_, originalBounds_, bounds), dragPage_),
-                              dragPicture_->image);
+        const Drag *drag = activeDrag();
+        const bool dragging = drag && drag->annotation == selected && drag->begun;
+        const QRectF bounds = dragging ? drag->liveBounds : selected->bounds();
+        if (dragging && drag->picture)
+            painter.drawImage(pdfView_->convertFromPage(placedPicture(*drag->picture, drag->originalBounds, bounds), drag->page),
+                              drag->picture->image);
         drawSelectionChrome(painter, pdfView_->convertFromPage(bounds, selected->page()),
                             AnnotationFactory::isEditable(selected));
     }
@@ -146,12 +161,10 @@ void DrawingOverlayView::paintEvent(QPaintEvent *)
 }
 
 // The shape as it will be saved: its stroke at the zoomed line width, inside its bounds.
-void DrawingOverlayView::drawShapePreview(QPainter &painter) const
+void DrawingOverlayView::drawShapePreview(QPainter &painter, const DrawingShape &shape) const
 {
-    if (!shapeStartPV_ || !shapeCurrentPV_)
-        return;
     const qreal width = toolSettings_->lineWidth() * pdfView_->scaleFactor();
-    const QRectF r = shapeRect();
+    const QRectF r = shapeRect(shape);
     const qreal inset = std::min({width / 2, r.width() / 2, r.height() / 2});
     painter.setPen(width > 0 ? QPen(toolSettings_->strokeColor(), width, Qt::SolidLine, Qt::FlatCap, Qt::MiterJoin)
                              : QPen(Qt::NoPen));
@@ -165,7 +178,7 @@ void DrawingOverlayView::drawShapePreview(QPainter &painter) const
 
 // The stroke is drawn opaque into the kept picture and shown at the colour's
 // opacity, so that where its segments meet the colour is not laid on twice.
-void DrawingOverlayView::drawInkPreview(QPainter &painter)
+void DrawingOverlayView::drawInkPreview(QPainter &painter, DrawingInk &ink)
 {
     const qreal dpr = devicePixelRatioF();
     const QSize pixels = (QSizeF(size()) * dpr).toSize();
@@ -173,25 +186,26 @@ void DrawingOverlayView::drawInkPreview(QPainter &painter)
     QColor opaque = color;
     opaque.setAlpha(255);
     const qreal width = toolSettings_->lineWidth() * pdfView_->scaleFactor();
-    if (inkCache_.size() != pixels || inkCacheColor_ != opaque || inkCacheWidth_ != width || inkCached_ > inkPV_.size()) {
-        inkCache_ = QImage(pixels, QImage::Format_ARGB32_Premultiplied);
-        inkCache_.setDevicePixelRatio(dpr);
-        inkCache_.fill(Qt::transparent);
-        inkCacheColor_ = opaque;
-        inkCacheWidth_ = width;
-        inkCached_ = 0;
+    if (ink.cache.size() != pixels || ink.cacheColor != opaque || ink.cacheWidth != width || ink.cached > ink.points.size()) {
+        ink.cache = QImage(pixels, QImage::Format_ARGB32_Premultiplied);
+        ink.cache.setDevicePixelRatio(dpr);
+        ink.cache.fill(Qt::transparent);
+        ink.cacheColor = opaque;
+        ink.cacheWidth = width;
+        ink.cached = 0;
     }
-    if (inkCached_ < inkPV_.size()) {
-        QPainter cache(&inkCache_);
+    if (ink.cached < ink.points.size()) {
+        QPainter cache(&ink.cache);
         cache.setRenderHint(QPainter::Antialiasing);
         cache.setPen(QPen(opaque, width, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
-        const size_t from = inkCached_ == 0 ? 0 : inkCached_ - 1;
-        cache.drawPolyline(inkPV_.data() + from, int(inkPV_.size() - from));
-        inkCached_ = inkPV_.size();
+        // From the last point already drawn, so that the new segment joins the stroke.
+        const size_t from = ink.cached == 0 ? 0 : ink.cached - 1;
+        cache.drawPolyline(ink.points.data() + from, int(ink.points.size() - from));
+        ink.cached = ink.points.size();
     }
     painter.save();
     painter.setOpacity(color.alphaF());
-    painter.drawImage(QPointF(0, 0), inkCache_);
+    painter.drawImage(QPointF(0, 0), ink.cache);
     painter.restore();
 }
 
@@ -199,7 +213,7 @@ void DrawingOverlayView::drawInkPreview(QPainter &painter)
 void DrawingOverlayView::drawSelectionChrome(QPainter &painter, const QRectF &rect, bool handles) const
 {
     const QColor accent = palette().color(QPalette::Highlight);
-    painter.setPen(QPen(accent, 1.5));
+    painter.setPen(QPen(accent, framePen));
     painter.setBrush(Qt::NoBrush);
     painter.drawRect(rect);
     if (!handles)
@@ -217,11 +231,11 @@ void DrawingOverlayView::drawSignaturePreview(QPainter &painter) const
     if (!rect)
         return;
     painter.save();
-    painter.setOpacity(0.55);
+    painter.setOpacity(pendingSignatureOpacity);
     painter.drawImage(*rect, documentModel_->pendingSignatureImage());
     painter.setOpacity(1);
     QColor accent = palette().color(QPalette::Highlight);
-    accent.setAlphaF(0.6);
+    accent.setAlphaF(pendingFrameOpacity);
     QPen frame(accent, 1);
     frame.setDashPattern({5, 3});
     painter.setPen(frame);

@@ -105,8 +105,8 @@ void DrawingOverlayView::geometryChanged()
     if (inlineEditor_)
         commitInlineEdit();
     bridge_.reset();
-    if (dragPicture_ && dragged_)
-        dragPicture_ = pictureOf(dragged_);
+    if (Drag *drag = activeDrag(); drag && drag->picture)
+        drag->picture = pictureOf(drag->annotation);
     lastPainted_ = QRectF();
     update();
 }
@@ -194,11 +194,6 @@ std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>> DrawingOverl
     return {annotation, page};
 }
 
-QRectF DrawingOverlayView::resizedBounds(Handle handle, QPointF current, bool aspectLocked) const
-{
-    return overlayGeometry::resizedBounds(handle, originalBounds_, current, aspectLocked);
-}
-
 void DrawingOverlayView::nudge(QKeyEvent *event)
 {
     const auto selected = selection();
@@ -247,9 +242,63 @@ void DrawingOverlayView::deselect()
 // Delete), the frame follows it; a drag of an annotation no longer selected ends.
 void DrawingOverlayView::selectionChanged()
 {
-    if (dragged_ && dragged_ != selection())
+    if (const Drag *drag = activeDrag(); drag && drag->annotation != selection())
         cancelManipulation();
     refresh();
+}
+
+// ---- Gestures -------------------------------------------------------------------
+
+DrawingOverlayView::Drag *DrawingOverlayView::activeDrag()
+{
+    if (auto *moving = std::get_if<Moving>(&gesture_))
+        return moving;
+    return std::get_if<Resizing>(&gesture_);
+}
+
+const DrawingOverlayView::Drag *DrawingOverlayView::activeDrag() const
+{
+    return const_cast<DrawingOverlayView *>(this)->activeDrag();
+}
+
+std::optional<QRectF> DrawingOverlayView::liveBounds() const
+{
+    const Drag *drag = activeDrag();
+    return drag ? std::optional(drag->liveBounds) : std::nullopt;
+}
+
+bool DrawingOverlayView::didBeginDrag() const
+{
+    const Drag *drag = activeDrag();
+    return drag && drag->begun;
+}
+
+const std::vector<QPointF> &DrawingOverlayView::inkPV() const
+{
+    static const std::vector<QPointF> none;
+    const auto *ink = std::get_if<DrawingInk>(&gesture_);
+    return ink ? ink->points : none;
+}
+
+std::optional<QPointF> DrawingOverlayView::shapeStartPV() const
+{
+    const auto *shape = std::get_if<DrawingShape>(&gesture_);
+    return shape ? std::optional(shape->start) : std::nullopt;
+}
+
+std::optional<QPointF> DrawingOverlayView::shapeCurrentPV() const
+{
+    const auto *shape = std::get_if<DrawingShape>(&gesture_);
+    return shape ? std::optional(shape->current) : std::nullopt;
+}
+
+std::shared_ptr<PdfPage> DrawingOverlayView::activePage() const
+{
+    if (const auto *ink = std::get_if<DrawingInk>(&gesture_))
+        return ink->page;
+    if (const auto *shape = std::get_if<DrawingShape>(&gesture_))
+        return shape->page;
+    return nullptr;
 }
 
 // ---- Pointer --------------------------------------------------------------------
@@ -290,9 +339,11 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         commitInlineEdit();
         return;
     }
+    // A press starts a gesture afresh; a drag still held (its release never came) ends unapplied.
+    cancelManipulation();
     switch (toolSettings_->currentTool()) {
     case AnnotationTool::none:
-        handleSelectMouseDown(event, pv, clickCount);
+        handleSelectMouseDown(pv, clickCount);
         break;
     case AnnotationTool::editText:
         handleEditTextClick(pv);
@@ -301,27 +352,33 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         if (auto page = pdfView_->pageAt(pv, true))
             beginNewTextBox(page, pdfView_->convertToPage(pv, page));
         break;
-    case AnnotationTool::ink:
-        activePage_ = pdfView_->pageAt(pv, true);
-        inkPV_ = {onActivePage(pv)};
-        inkBounds_ = QRectF(inkPV_.front(), inkPV_.front());
-        inkCached_ = 0;
+    case AnnotationTool::ink: {
+        DrawingInk ink;
+        ink.page = pdfView_->pageAt(pv, true);
+        const QPointF start = onPage(pv, ink.page);
+        ink.points = {start};
+        ink.bounds = QRectF(start, start);
+        gesture_ = std::move(ink);
         break;
+    }
     case AnnotationTool::rectangle:
-    case AnnotationTool::circle:
-        activePage_ = pdfView_->pageAt(pv, true);
-        shapeStartPV_ = shapeCurrentPV_ = onActivePage(pv);
-        shapeSquared_ = event->modifiers().testFlag(Qt::ShiftModifier);
+    case AnnotationTool::circle: {
+        DrawingShape shape;
+        shape.page = pdfView_->pageAt(pv, true);
+        shape.start = shape.current = onPage(pv, shape.page);
+        shape.squared = event->modifiers().testFlag(Qt::ShiftModifier);
+        gesture_ = std::move(shape);
         break;
+    }
     }
 }
 
-void DrawingOverlayView::handleSelectMouseDown(QMouseEvent *, QPointF pv, int clickCount)
+void DrawingOverlayView::handleSelectMouseDown(QPointF pv, int clickCount)
 {
     if (!pdfView_)
         return;
     if (auto corner = handle(pv)) {
-        beginManipulation(Resize{*corner}, pv);
+        beginDrag(Resizing{{}, *corner}, pv);
         return;
     }
     auto [annotation, page] = annotationAt(pv);
@@ -337,82 +394,76 @@ void DrawingOverlayView::handleSelectMouseDown(QMouseEvent *, QPointF pv, int cl
     }
     // Text markup is selected to be deleted, not moved.
     if (AnnotationFactory::isEditable(annotation))
-        beginManipulation(Move{}, pv);
+        beginDrag(Moving{}, pv);
 }
 
-void DrawingOverlayView::beginManipulation(DragMode mode, QPointF pv)
+void DrawingOverlayView::beginDrag(Gesture drag, QPointF pv)
 {
     const auto selected = selection();
     if (!selected || !pdfView_)
         return;
-    dragged_ = selected;
-    dragPage_ = selected->page();
-    dragMode_ = mode;
-    dragStartPage_ = pdfView_->convertToPage(pv, dragPage_);
-    originalBounds_ = selected->bounds();
-    liveBounds_ = originalBounds_;
-    didBeginDrag_ = false;
+    gesture_ = std::move(drag);
+    Drag *started = activeDrag();
+    started->annotation = selected;
+    started->page = selected->page();
+    started->startPage = pdfView_->convertToPage(pv, started->page);
+    started->originalBounds = started->liveBounds = selected->bounds();
 }
 
 void DrawingOverlayView::mouseMoveEvent(QMouseEvent *event)
 {
     if (!pdfView_ || event->buttons() == Qt::NoButton)
         return;
-    if (!std::holds_alternative<Idle>(dragMode_)) {
-        updateManipulation(event->position(), event->modifiers());
-        return;
-    }
     const QPointF pv = event->position();
-    switch (toolSettings_->currentTool()) {
-    case AnnotationTool::ink: {
-        if (inkPV_.empty())
-            return;
-        const QPointF last = inkPV_.back();
-        const QPointF next = onActivePage(pv);
-        inkPV_.push_back(next);
-        inkBounds_.setCoords(std::min(inkBounds_.left(), next.x()), std::min(inkBounds_.top(), next.y()),
-                             std::max(inkBounds_.right(), next.x()), std::max(inkBounds_.bottom(), next.y()));
-        // Only the new segment needs painting.
-        const qreal pen = toolSettings_->lineWidth() * pdfView_->scaleFactor() + 2;
-        const QRectF segment = QRectF(last, next).normalized().adjusted(-pen, -pen, pen, pen);
-        lastPainted_ = lastPainted_.united(segment);
-        update(segment.toAlignedRect().intersected(rect()));
+    if (Drag *drag = activeDrag()) {
+        updateDrag(*drag, pv, event->modifiers());
         return;
     }
-    case AnnotationTool::rectangle:
-    case AnnotationTool::circle:
-        if (!shapeStartPV_)
-            return;
-        shapeCurrentPV_ = onActivePage(pv);
-        shapeSquared_ = event->modifiers().testFlag(Qt::ShiftModifier);
-        break;
-    default:
-        return;
+    const AnnotationTool tool = toolSettings_->currentTool();
+    if (auto *ink = std::get_if<DrawingInk>(&gesture_); ink && tool == AnnotationTool::ink) {
+        extendInk(*ink, pv);
+    } else if (auto *shape = std::get_if<DrawingShape>(&gesture_);
+               shape && (tool == AnnotationTool::rectangle || tool == AnnotationTool::circle)) {
+        shape->current = onPage(pv, shape->page);
+        shape->squared = event->modifiers().testFlag(Qt::ShiftModifier);
+        refresh();
     }
-    refresh();
 }
 
-void DrawingOverlayView::updateManipulation(QPointF pv, Qt::KeyboardModifiers modifiers)
+void DrawingOverlayView::extendInk(DrawingInk &ink, QPointF pv)
 {
-    if (!dragged_ || !dragPage_ || !pdfView_)
-        return;
-    const QPointF p = pdfView_->convertToPage(pv, dragPage_);
-    if (!didBeginDrag_) {
-        if (QLineF(p, dragStartPage_).length() < overlayGeometry::dragThreshold)
+    const QPointF last = ink.points.back();
+    const QPointF next = onPage(pv, ink.page);
+    ink.points.push_back(next);
+    ink.bounds.setCoords(std::min(ink.bounds.left(), next.x()), std::min(ink.bounds.top(), next.y()),
+                         std::max(ink.bounds.right(), next.x()), std::max(ink.bounds.bottom(), next.y()));
+    // Only the new segment needs painting: its box, widened by the pen and a
+    // point for antialiasing on each side.
+    const qreal pen = toolSettings_->lineWidth() * pdfView_->scaleFactor() + 2;
+    const QRectF segment = QRectF(last, next).normalized().adjusted(-pen, -pen, pen, pen);
+    lastPainted_ = lastPainted_.united(segment);
+    update(segment.toAlignedRect().intersected(rect()));
+}
+
+void DrawingOverlayView::updateDrag(Drag &drag, QPointF pv, Qt::KeyboardModifiers modifiers)
+{
+    const QPointF p = pdfView_->convertToPage(pv, drag.page);
+    if (!drag.begun) {
+        if (QLineF(p, drag.startPage).length() < overlayGeometry::dragThreshold)
             return;
-        didBeginDrag_ = true;
+        drag.begun = true;
         // The annotation stays on its page; the page is drawn without it and
         // the overlay draws its picture where it goes.
-        dragPicture_ = pictureOf(dragged_);
-        pdfView_->setHiddenAnnotation(dragged_);
+        drag.picture = pictureOf(drag.annotation);
+        pdfView_->setHiddenAnnotation(drag.annotation);
     }
-    const QRectF page = dragPage_->bounds();
-    if (std::holds_alternative<Move>(dragMode_)) {
-        liveBounds_ = overlayGeometry::keptInside(originalBounds_.translated(p - dragStartPage_), page);
-    } else if (auto *resize = std::get_if<Resize>(&dragMode_)) {
-        const bool proportional = isImageStamp(dragged_) || modifiers.testFlag(Qt::ShiftModifier);
+    const QRectF page = drag.page->bounds();
+    if (const auto *resizing = std::get_if<Resizing>(&gesture_)) {
+        const bool proportional = isImageStamp(drag.annotation) || modifiers.testFlag(Qt::ShiftModifier);
         const QPointF inside(std::clamp(p.x(), page.left(), page.right()), std::clamp(p.y(), page.top(), page.bottom()));
-        liveBounds_ = resizedBounds(resize->handle, inside, proportional);
+        drag.liveBounds = overlayGeometry::resizedBounds(resizing->handle, drag.originalBounds, inside, proportional);
+    } else {
+        drag.liveBounds = overlayGeometry::keptInside(drag.originalBounds.translated(p - drag.startPage), page);
     }
     refresh();
 }
@@ -423,91 +474,73 @@ void DrawingOverlayView::mouseReleaseEvent(QMouseEvent *event)
         event->ignore();
         return;
     }
-    if (!std::holds_alternative<Idle>(dragMode_)) {
-        finishManipulation();
+    if (activeDrag()) {
+        finishDrag();
         return;
     }
-    if (pdfView_ && activePage_) {
-        switch (toolSettings_->currentTool()) {
-        case AnnotationTool::ink:
-            finishInk(activePage_);
-            break;
-        case AnnotationTool::rectangle:
-            finishShape(PdfAnnotation::Square, activePage_);
-            break;
-        case AnnotationTool::circle:
-            finishShape(PdfAnnotation::Circle, activePage_);
-            break;
-        default:
-            break;
-        }
+    // What is drawn goes on its page with the tool still chosen; without a page it is dropped.
+    const AnnotationTool tool = toolSettings_->currentTool();
+    if (const auto *ink = std::get_if<DrawingInk>(&gesture_); pdfView_ && ink && ink->page && tool == AnnotationTool::ink)
+        finishInk(*ink);
+    if (const auto *shape = std::get_if<DrawingShape>(&gesture_); pdfView_ && shape && shape->page) {
+        if (tool == AnnotationTool::rectangle)
+            finishShape(*shape, PdfAnnotation::Square);
+        else if (tool == AnnotationTool::circle)
+            finishShape(*shape, PdfAnnotation::Circle);
     }
     clearDrawing();
 }
 
-void DrawingOverlayView::finishManipulation()
+void DrawingOverlayView::finishDrag()
 {
-    const auto annotation = dragged_;
-    const auto page = dragPage_;
-    const auto picture = dragPicture_;
-    const bool moved = didBeginDrag_ && liveBounds_ && *liveBounds_ != originalBounds_;
-    const QRectF bounds = liveBounds_.value_or(originalBounds_), original = originalBounds_;
+    const Drag drag = *activeDrag();
+    const bool moved = drag.begun && drag.liveBounds != drag.originalBounds;
     // Idle before the change, so that the change does not end the drag a second time.
     cancelManipulation();
-    if (!moved || !annotation || annotation->page() != page)
+    if (!moved || drag.annotation->page() != drag.page)
         return;
-    if (picture)
-        bridgeUntilShown(Picture{page, picture->image, placedPicture(*picture, original, bounds)});
-    documentModel_->commitAnnotationDrag(annotation, page, bounds, original);
+    if (drag.picture)
+        bridgeUntilShown(
+            Picture{drag.page, drag.picture->image, placedPicture(*drag.picture, drag.originalBounds, drag.liveBounds)});
+    documentModel_->commitAnnotationDrag(drag.annotation, drag.page, drag.liveBounds, drag.originalBounds);
 }
 
 void DrawingOverlayView::cancelManipulation()
 {
-    if (std::holds_alternative<Idle>(dragMode_) && !dragged_)
+    const Drag *drag = activeDrag();
+    if (!drag)
         return;
-    if (pdfView_ && didBeginDrag_)
+    if (pdfView_ && drag->begun)
         pdfView_->setHiddenAnnotation(nullptr);
-    dragMode_ = Idle{};
-    dragged_.reset();
-    dragPage_.reset();
-    dragPicture_.reset();
-    liveBounds_.reset();
-    didBeginDrag_ = false;
+    gesture_ = Idle{};
     refresh();
 }
 
 void DrawingOverlayView::clearDrawing()
 {
-    inkPV_.clear();
-    inkCache_ = QImage();
-    inkCached_ = 0;
-    shapeStartPV_.reset();
-    shapeCurrentPV_.reset();
-    shapeSquared_ = false;
-    activePage_.reset();
+    if (std::holds_alternative<DrawingInk>(gesture_) || std::holds_alternative<DrawingShape>(gesture_))
+        gesture_ = Idle{};
     refresh();
 }
 
-QPointF DrawingOverlayView::onActivePage(QPointF pv) const
+QPointF DrawingOverlayView::onPage(QPointF pv, const std::shared_ptr<PdfPage> &page) const
 {
-    if (!activePage_ || !pdfView_)
+    if (!page || !pdfView_)
         return pv;
-    const QRectF page = pdfView_->convertFromPage(activePage_->bounds(), activePage_);
-    return QPointF(std::clamp(pv.x(), page.left(), page.right()), std::clamp(pv.y(), page.top(), page.bottom()));
+    const QRectF area = pdfView_->convertFromPage(page->bounds(), page);
+    return QPointF(std::clamp(pv.x(), area.left(), area.right()), std::clamp(pv.y(), area.top(), area.bottom()));
 }
 
-QRectF DrawingOverlayView::shapeRect() const
+QRectF DrawingOverlayView::shapeRect(const DrawingShape &shape)
 {
-    if (!shapeStartPV_ || !shapeCurrentPV_)
-        return {};
-    QPointF end = *shapeCurrentPV_;
-    if (shapeSquared_) {
+    QPointF end = shape.current;
+    if (shape.squared) {
         // The shorter side decides, so the square stays where the pointer allows (on the page).
-        const QPointF d = end - *shapeStartPV_;
+        const QPointF d = end - shape.start;
         const qreal side = std::min(std::abs(d.x()), std::abs(d.y()));
-        end = *shapeStartPV_ + QPointF(std::copysign(side, d.x()), std::copysign(side, d.y()));
+        end = shape.start + QPointF(std::copysign(side, d.x()), std::copysign(side, d.y()));
     }
-    return QRectF(*shapeStartPV_, end).normalized();
+    return QRectF(shape.start, end).normalized();
 }
 
 // Chooses the cursor for the pointer at `pv` and tells whether a press there
@@ -581,7 +614,7 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
             refresh();
         } else if (!documentModel_->pendingSignatureImage().isNull())
             documentModel_->setPendingSignatureImage(QImage());
-        else if (didBeginDrag_)
+        else if (didBeginDrag())
             cancelManipulation();
         else if (selection())
             deselect();
@@ -600,66 +633,4 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
     } else {
         QWidget::keyPressEvent(event);
     }
-}
-
-// ---- Making shapes, ink and stamps ------------------------------------------------
-
-QSizeF DrawingOverlayView::signatureSize(const QImage &image, const std::shared_ptr<PdfPage> &page)
-{
-    const qreal widest = AnnotationFactory::signatureWidth;
-    const QSizeF room = page ? page->bounds().size() / 2 : QSizeF(widest, widest);
-    qreal width = std::min(widest, room.width());
-    qreal height = image.width() > 0 ? std::clamp(width * image.height() / image.width(), 40.0, 200.0) : 66;
-    if (height > room.height()) {
-        width *= room.height() / height;
-        height = room.height();
-    }
-    return QSizeF(width, height);
-}
-
-void DrawingOverlayView::placeSignature(const QImage &image, QPointF pv, const std::shared_ptr<PdfPage> &page)
-{
-    const QPointF p = pdfView_->convertToPage(pv, page);
-    const QSizeF size = signatureSize(image, page);
-    const QRectF placed(p.x() - size.width() / 2, p.y() - size.height() / 2, size.width(), size.height());
-    auto stamp = AnnotationFactory::makeImageStamp(image, overlayGeometry::keptInside(placed, page->bounds()));
-    documentModel_->addAnnotation(stamp, page, true);
-    toolSettings_->setCurrentTool(AnnotationTool::none);
-    select(stamp);
-}
-
-void DrawingOverlayView::finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page)
-{
-    const QRectF shape = shapeRect();
-    // Within 2 view points both ways the press was a click, not a drag.
-    if (shape.isNull() || (shape.width() <= 2 && shape.height() <= 2))
-        return;
-    // The corners were kept on the page while drawing.
-    const QRectF bounds = pdfView_->convertToPage(shape, page);
-    auto annotation = PdfAnnotation::create(bounds, subtype);
-    annotation->setColor(toolSettings_->strokeColor());
-    if (toolSettings_->hasFill())
-        annotation->setInteriorColor(toolSettings_->fillColor());
-    annotation->setBorderWidth(toolSettings_->lineWidth());
-    documentModel_->addAnnotation(annotation, page, true);
-    bridgeUntilShown(pictureOf(annotation));
-}
-
-void DrawingOverlayView::finishInk(const std::shared_ptr<PdfPage> &page)
-{
-    if (inkPV_.size() < 2)
-        return;
-    QPolygonF points;
-    points.reserve(qsizetype(inkPV_.size()));
-    for (QPointF pv : inkPV_)
-        points << pdfView_->convertToPage(pv, page);
-    const qreal width = toolSettings_->lineWidth();
-    QRectF bounds = points.boundingRect(); // of the points alone, also when they lie on one line
-    bounds.adjust(-width, -width, width, width);
-    auto annotation = PdfAnnotation::create(bounds, PdfAnnotation::Ink);
-    annotation->setColor(toolSettings_->strokeColor());
-    annotation->setBorderWidth(width);
-    annotation->addInkPath(points.translated(-bounds.topLeft()));
-    documentModel_->addAnnotation(annotation, page, true);
-    bridgeUntilShown(pictureOf(annotation));
 }

@@ -39,20 +39,6 @@ class ToolSettings;
 class DrawingOverlayView : public QWidget, public PdfViewOverlay {
     Q_OBJECT
 public:
-    // The manipulation of the selection in progress: a corner being dragged,
-    // nothing, or the whole annotation being moved.
-    struct Resize {
-        Handle handle;
-        bool operator==(const Resize &) const = default;
-    };
-    struct Idle {
-        bool operator==(const Idle &) const = default;
-    };
-    struct Move {
-        bool operator==(const Move &) const = default;
-    };
-    using DragMode = std::variant<Resize, Idle, Move>;
-
     // What committing the text editor does: re-edit that free-text box, cover
     // a line of the page with a retyped one, or make a new box.
     struct Existing {
@@ -88,8 +74,6 @@ public:
     std::optional<Handle> handle(QPointF pv) const;
     // The editable annotation under a view point and its page, or none.
     std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>> annotationAt(QPointF pv) const;
-    // The bounds for the selection while `handle` is dragged to `current` (page space).
-    QRectF resizedBounds(Handle handle, QPointF current, bool aspectLocked) const;
     // Ends what the pointer or the keyboard is doing before the window closes:
     // the text being typed is committed, a drag is dropped.
     void finishInteraction();
@@ -144,13 +128,15 @@ public:
     // True while a picture of a finished change stays on screen until the
     // page shows the change itself.
     bool isBridging() const { return bridge_.has_value(); }
-    DragMode dragMode() const { return dragMode_; }
-    std::optional<QRectF> liveBounds() const { return liveBounds_; }
-    bool didBeginDrag() const { return didBeginDrag_; }
-    const std::vector<QPointF> &inkPV() const { return inkPV_; }
-    std::optional<QPointF> shapeStartPV() const { return shapeStartPV_; }
-    std::optional<QPointF> shapeCurrentPV() const { return shapeCurrentPV_; }
-    std::shared_ptr<PdfPage> activePage() const { return activePage_; }
+    // The bounds of the selection being moved or resized (page space), and
+    // whether the pointer has gone far enough for that drag to have begun.
+    std::optional<QRectF> liveBounds() const;
+    bool didBeginDrag() const;
+    // The stroke or the corners of the shape being drawn (view points), and its page.
+    const std::vector<QPointF> &inkPV() const;
+    std::optional<QPointF> shapeStartPV() const;
+    std::optional<QPointF> shapeCurrentPV() const;
+    std::shared_ptr<PdfPage> activePage() const;
     std::optional<QPointF> pendingPreviewPoint() const { return pendingPreviewPoint_; }
     InlineTextView *inlineEditor() const;
     std::optional<EditingMode> editingMode() const { return editingMode_; }
@@ -172,22 +158,70 @@ protected:
     void paintEvent(QPaintEvent *event) override;
 
 private:
-    bool takesPress(QPointF pv) const;
-    bool takesKey(const QKeyEvent *event) const;
-    void press(QMouseEvent *event, int clickCount);
-    void handleSelectMouseDown(QMouseEvent *event, QPointF pv, int clickCount);
-    void beginManipulation(DragMode mode, QPointF pv);
-    void updateManipulation(QPointF pv, Qt::KeyboardModifiers modifiers);
-    void finishManipulation();
-    // Drops a drag without changing the document.
-    void cancelManipulation();
-    void selectionChanged();
     // The annotation alone, drawn at the view's resolution, and the page area it covers.
     struct Picture {
         std::shared_ptr<PdfPage> page;
         QImage image;
         QRectF area;
     };
+
+    // What the pointer is doing, each with only the state it needs: nothing,
+    // drawing a stroke or a shape (view points, kept on `page`), or dragging
+    // the selection to move it or by a corner to resize it.
+    struct Idle {};
+    struct DrawingInk {
+        std::shared_ptr<PdfPage> page;
+        std::vector<QPointF> points;
+        QRectF bounds;
+        // The stroke drawn so far, kept as a picture that each move extends by
+        // its new segment, so that a long stroke costs no more per move than a
+        // short one; drawn anew when the colour, the width or the size changes.
+        QImage cache;
+        size_t cached = 0;
+        QColor cacheColor;
+        qreal cacheWidth = 0;
+    };
+    struct DrawingShape {
+        std::shared_ptr<PdfPage> page;
+        QPointF start;
+        QPointF current;
+        // Shift held: a square or a circle.
+        bool squared = false;
+    };
+    // A drag leaves the document alone until the release: what is dragged,
+    // where from (page space), where it goes, and its picture once begun.
+    struct Drag {
+        std::shared_ptr<PdfAnnotation> annotation;
+        std::shared_ptr<PdfPage> page;
+        QPointF startPage;
+        QRectF originalBounds;
+        QRectF liveBounds;
+        // Past the drag threshold: the page hides the annotation and the overlay draws `picture`.
+        bool begun = false;
+        std::optional<Picture> picture;
+    };
+    struct Moving : Drag {};
+    struct Resizing : Drag {
+        Handle handle = Handle::topLeft;
+    };
+    using Gesture = std::variant<Idle, DrawingInk, DrawingShape, Moving, Resizing>;
+
+    // The drag in progress (moving or resizing), or null.
+    Drag *activeDrag();
+    const Drag *activeDrag() const;
+
+    bool takesPress(QPointF pv) const;
+    bool takesKey(const QKeyEvent *event) const;
+    void press(QMouseEvent *event, int clickCount);
+    void handleSelectMouseDown(QPointF pv, int clickCount);
+    // Starts moving or resizing the selection from a view point.
+    void beginDrag(Gesture drag, QPointF pv);
+    void updateDrag(Drag &drag, QPointF pv, Qt::KeyboardModifiers modifiers);
+    void finishDrag();
+    // Drops a drag without changing the document.
+    void cancelManipulation();
+    void extendInk(DrawingInk &ink, QPointF pv);
+    void selectionChanged();
     std::optional<Picture> pictureOf(const std::shared_ptr<PdfAnnotation> &annotation) const;
     // Keeps `picture` on screen until the page's new picture shows the change.
     void bridgeUntilShown(std::optional<Picture> picture);
@@ -195,12 +229,13 @@ private:
     // The view rectangle a picture of `original` bounds takes at `bounds`.
     QRectF placedPicture(const Picture &picture, const QRectF &original, const QRectF &bounds) const;
     // The shape being drawn, in view points, kept on the page and squared with Shift.
-    QRectF shapeRect() const;
-    // Keeps a view point on the page being drawn on.
-    QPointF onActivePage(QPointF pv) const;
+    static QRectF shapeRect(const DrawingShape &shape);
+    // Keeps a view point on `page` (any point when there is none).
+    QPointF onPage(QPointF pv, const std::shared_ptr<PdfPage> &page) const;
     bool pointerMoved(QPointF pv);
-    void finishShape(const QString &subtype, const std::shared_ptr<PdfPage> &page);
-    void finishInk(const std::shared_ptr<PdfPage> &page);
+    void finishShape(const DrawingShape &shape, const QString &subtype);
+    void finishInk(const DrawingInk &ink);
+    // Ends a stroke or a shape being drawn without making it.
     void clearDrawing();
     void geometryChanged();
     // Repaints only what changed between two frames of a drag: the previous and
@@ -210,34 +245,14 @@ private:
     std::optional<QRectF> signaturePreviewRect() const;
 
     void drawSelectionChrome(QPainter &painter, const QRectF &rect, bool handles) const;
-    void drawShapePreview(QPainter &painter) const;
+    void drawShapePreview(QPainter &painter, const DrawingShape &shape) const;
     void drawSignaturePreview(QPainter &painter) const;
-    void drawInkPreview(QPainter &painter);
+    void drawInkPreview(QPainter &painter, DrawingInk &ink);
 
     QPointer<PdfView> pdfView_;
     ToolSettings *const toolSettings_;
     DocumentModel *const documentModel_;
-    std::vector<QPointF> inkPV_;
-    // The stroke drawn so far, kept as a picture that each move extends by its
-    // new segment, so that a long stroke costs no more per move than a short one.
-    QRectF inkBounds_;
-    QImage inkCache_;
-    size_t inkCached_ = 0;
-    QColor inkCacheColor_;
-    qreal inkCacheWidth_ = 0;
-    std::optional<QPointF> shapeStartPV_;
-    std::optional<QPointF> shapeCurrentPV_;
-    bool shapeSquared_ = false;
-    std::shared_ptr<PdfPage> activePage_;
-    // The drag in progress: what is dragged, where from, and its picture.
-    std::shared_ptr<PdfAnnotation> dragged_;
-    std::shared_ptr<PdfPage> dragPage_;
-    DragMode dragMode_ = Idle{};
-    QPointF dragStartPage_;
-    QRectF originalBounds_;
-    std::optional<QRectF> liveBounds_;
-    bool didBeginDrag_ = false;
-    std::optional<Picture> dragPicture_;
+    Gesture gesture_;
     // A finished change shown by the overlay until the page shows it (no blink).
     std::optional<Picture> bridge_;
     QElapsedTimer bridgeAge_;

@@ -6,6 +6,7 @@
 #include "FontService.h"
 #include "InlineTextView.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "ToolSettings.h"
@@ -23,6 +24,41 @@ constexpr qreal minimumEditorFontSize = 5;
 // How near a box comes to the edges of its page, in points.
 constexpr qreal pageMargin = 2;
 
+// Where the paper around a retyped line is sampled, in points: this far in
+// from the page's left edge, this far left of the line, this far in from the
+// line's start for the samples this far below and above it.
+constexpr qreal sampleEdgeInset = 6;
+constexpr qreal sampleGapLeft = 12;
+constexpr qreal sampleIndent = 2;
+constexpr qreal sampleClearance = 5;
+// Samples all darker than this are ink or a picture, not paper: the cover is white.
+constexpr qreal darkPaperBrightness = 0.72;
+
+// Slack over the measured width of a line (6 % and one em), so that a line the
+// editor shows on one line also stays on one in the saved box, whose writer
+// measures glyphs and breaks lines on its own.
+constexpr qreal measuredWidthSlack = 1.06;
+// The editor's document margin on each side: one point of inset and one of
+// padding, as the saved box draws its text.
+constexpr qreal editorMargin = 2;
+// A box is never shorter than what the editor needs to show its lines: the
+// font's line height with a quarter to spare for each (the editor's layout
+// places lines a little apart from the font's own figures), and 6 points for
+// its top and bottom margins with some slack.
+constexpr qreal editorLineSpacing = 1.25;
+constexpr qreal editorChrome = 6;
+// A new box: 240 points wide, one line high at 160 % of its font size, on a
+// nearly opaque white so that the page under it does not distract while typing.
+constexpr qreal newBoxWidth = 240;
+constexpr qreal newBoxLineHeight = 1.6;
+constexpr qreal newBoxBackdropOpacity = 0.9;
+// The editor over a retyped line reaches this far past the line's box on every side.
+constexpr qreal lineBoxMargin = 2;
+// Enough of a line's start to find it in the page's text (and its font there).
+constexpr int fontProbeLength = 24;
+
+// A font size for a line or box of that height when its font is not known:
+// text usually fills about 78 % of its line's height; kept readable and sane.
 qreal fallbackSizeFor(qreal height)
 {
     return std::clamp(height * 0.78, 6.0, 96.0);
@@ -66,7 +102,8 @@ qreal unbrokenWidth(const QString &text, const PdfFont &font)
     qreal widest = 0;
     for (const QString &line : text.split(QLatin1Char('\n')))
         widest = std::max(widest, FontService::instance().textWidth(font, line));
-    return widest * 1.06 + font.size + 8;
+    // Plus the insets of the saved box and the margins of the editor, on both sides.
+    return widest * measuredWidthSlack + font.size + 2 * (FontService::TextInset + editorMargin);
 }
 
 // The lines the saved box breaks the text into: the appearance writer's own
@@ -91,11 +128,13 @@ QRectF grownBox(const QString &text, const PdfFont &font, const QRectF &base, qr
 {
     const qreal width = std::max(base.width(), std::min(unbrokenWidth(text, font), right - base.left()));
     const int lines = wrappedLines(text, font, width);
+    // Below the last line: a point for a cover, the usual inset for a box.
     qreal height = drawnHeight(lines, font) + (cover ? 1 : FontService::TextInset);
     if (!cover) {
         const QFontMetricsF metrics(FontService::instance().qFont(font));
         // Qt's descent is positive below the baseline.
-        height = std::max(height, (metrics.ascent() + metrics.descent() + metrics.leading()) * lines * 1.25 + 6);
+        height = std::max(height,
+                          (metrics.ascent() + metrics.descent() + metrics.leading()) * lines * editorLineSpacing + editorChrome);
     }
     return QRectF(base.topLeft(), QSizeF(width, std::max(base.height(), height)));
 }
@@ -143,7 +182,8 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
             lineBox = QRectF(lineBox.left(), *baseline - descent, lineBox.width(), fonts.ascent(font) + descent);
         }
         const QColor background = sampleBackgroundColor(page, lineBox);
-        beginTextEdit(Replacement{}, page, lineBox.adjusted(-2, -2, 2, 2), text, font, Qt::black, background);
+        beginTextEdit(Replacement{}, page, lineBox.adjusted(-lineBoxMargin, -lineBoxMargin, lineBoxMargin, lineBoxMargin), text,
+                      font, Qt::black, background);
         return;
     }
     beginNewTextBox(page, p);
@@ -154,13 +194,13 @@ void DrawingOverlayView::beginNewTextBox(const std::shared_ptr<PdfPage> &page, Q
     if (!page)
         return;
     const qreal size = toolSettings_->fontSize();
-    const qreal h = size * 1.6;
+    const qreal h = size * newBoxLineHeight;
     QColor background(Qt::white);
-    background.setAlphaF(0.9);
+    background.setAlphaF(newBoxBackdropOpacity);
     // The point is the box's top left corner as the page is read.
     const QTransform frame = uprightFrame(page->rotation());
     const QPointF corner = frame.map(p);
-    const QRectF box = frame.inverted().mapRect(QRectF(corner.x(), corner.y(), 240, h));
+    const QRectF box = frame.inverted().mapRect(QRectF(corner.x(), corner.y(), newBoxWidth, h));
     beginTextEdit(NewBox{}, page, box, QString(), systemFont(size), toolSettings_->fontColor(), background);
 }
 
@@ -216,8 +256,7 @@ void DrawingOverlayView::beginTextEdit(const EditingMode &mode, const std::share
     editor->setPalette(colors);
     editor->setBackgroundVisible(false);
     editor->viewport()->setAutoFillBackground(true);
-    // One point of inset and one of padding, as the saved box draws its text.
-    editor->document()->setDocumentMargin(2);
+    editor->document()->setDocumentMargin(editorMargin);
     const QPointer<DrawingOverlayView> overlay(this);
     editor->onCommit = [overlay] {
         if (overlay)
@@ -321,7 +360,7 @@ PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_pt
 {
     if (!page)
         return systemFont(fallbackSize);
-    const QString needle = text.left(24);
+    const QString needle = text.left(fontProbeLength);
     const int at = page->text().indexOf(needle);
     if (at >= 0)
         if (auto font = page->fontAt(at))
@@ -331,15 +370,19 @@ PdfFont DrawingOverlayView::detectFont(const QString &text, const std::shared_pt
 
 QColor DrawingOverlayView::sampleBackgroundColor(const std::shared_ptr<PdfPage> &page, const QRectF &lineBox)
 {
-    if (!page)
+    // The page is recorded once; only the four small areas are drawn from it.
+    const auto list = page ? page->displayList(PdfRenderOptions{}) : nullptr;
+    if (!list)
         return Qt::white;
     const QRectF media = page->bounds(PdfBox::Media);
     const qreal midY = lineBox.center().y();
+    // Beside the line where paper shows and ink seldom does: near the page's
+    // left edge, in the gap left of the line, and just below and above it.
     const QPointF samples[] = {
-        {media.left() + 6, midY},
-        {std::max(media.left() + 6, lineBox.left() - 12), midY},
-        {lineBox.left() + 2, lineBox.top() + lineBox.height() + 5},
-        {lineBox.left() + 2, lineBox.top() - 5},
+        {media.left() + sampleEdgeInset, midY},
+        {std::max(media.left() + sampleEdgeInset, lineBox.left() - sampleGapLeft), midY},
+        {lineBox.left() + sampleIndent, lineBox.bottom() + sampleClearance},
+        {lineBox.left() + sampleIndent, lineBox.top() - sampleClearance},
     };
     const QTransform toDisplay = page->pageToDisplay();
     QColor best(Qt::white);
@@ -347,14 +390,15 @@ QColor DrawingOverlayView::sampleBackgroundColor(const std::shared_ptr<PdfPage> 
     for (QPointF q : samples) {
         // A 3 x 3 pixel picture of the page centred on the sample point, at one pixel per point.
         const QPointF d = toDisplay.map(q);
-        const QImage picture = page->render(1.0, QRectF(d.x() - 1.5, d.y() - 1.5, 3, 3), PdfRenderOptions{});
+        const QImage picture = list->render(1.0, QRectF(d.x() - 1.5, d.y() - 1.5, 3, 3));
         const QColor sample =
             picture.isNull() ? QColor(Qt::white) : picture.pixelColor(picture.width() / 2, picture.height() / 2);
+        // Perceived brightness (the Rec. 601 luma weights).
         const qreal brightness = 0.299 * sample.redF() + 0.587 * sample.greenF() + 0.114 * sample.blueF();
         if (brightness > bestBrightness) {
             bestBrightness = brightness;
             best = QColor(sample.red(), sample.green(), sample.blue());
         }
     }
-    return bestBrightness < 0.72 ? QColor(Qt::white) : best;
+    return bestBrightness < darkPaperBrightness ? QColor(Qt::white) : best;
 }

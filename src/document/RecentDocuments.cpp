@@ -34,8 +34,8 @@ QDomDocument load(const QString &path, bool *readable = nullptr)
 {
     QDomDocument doc;
     QFile file(path);
-    const bool ok = file.open(QIODevice::ReadOnly) && doc.setContent(&file, true)
-                    && doc.documentElement().tagName() == QLatin1String("xbel");
+    const bool ok =
+        file.open(QIODevice::ReadOnly) && doc.setContent(&file, true) && doc.documentElement().tagName() == QLatin1String("xbel");
     if (readable)
         *readable = ok;
     return ok ? doc : QDomDocument();
@@ -150,9 +150,16 @@ QStringList RecentDocuments::list() const
 
 bool RecentDocuments::add(const QString &filePath)
 {
-    QDomDocument doc = load(storePath_);
-    if (doc.isNull())
+    // The store belongs to every program on the desktop: one that is there but
+    // cannot be read is left as it is (the file is just not noted), never
+    // replaced by one holding only this entry. A missing or empty one starts afresh.
+    bool readable = false;
+    QDomDocument doc = load(storePath_, &readable);
+    if (!readable) {
+        if (QFileInfo(storePath_).size() > 0)
+            return false;
         doc = emptyStore();
+    }
     const QString href = QUrl::fromLocalFile(QFileInfo(filePath).absoluteFilePath()).toString(QUrl::FullyEncoded);
     const QString now = timeStamp(QDateTime::currentDateTimeUtc());
 
@@ -169,7 +176,8 @@ bool RecentDocuments::add(const QString &filePath)
     QDomElement apps = applicationsOf(bookmark);
     if (apps.isNull()) {
         QDomElement replacement = newBookmark(doc, href, bookmark.attribute(QStringLiteral("added"), now));
-        for (const QDomNode &attribute : {bookmark.attributeNode(QStringLiteral("modified")), bookmark.attributeNode(QStringLiteral("visited"))})
+        for (const QDomNode &attribute :
+             {bookmark.attributeNode(QStringLiteral("modified")), bookmark.attributeNode(QStringLiteral("visited"))})
             replacement.setAttribute(attribute.nodeName(), attribute.nodeValue());
         doc.documentElement().replaceChild(replacement, bookmark);
         bookmark = replacement;

@@ -18,7 +18,8 @@ public:
     // This application's PDF files, most recent first; empty when the store is
     // missing or unreadable.
     QStringList list() const;
-    // Notes that a file was opened now. False when the store could not be written.
+    // Notes that a file was opened now. False when the store could not be
+    // written, or is there but cannot be read (it is then left untouched).
     bool add(const QString &filePath);
     // Removes this application from every entry, and entries it alone used.
     bool clear();

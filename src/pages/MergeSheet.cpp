@@ -94,7 +94,7 @@ MergeSheet::MergeSheet(DocumentModel *model, QWidget *parent)
     setFixedSize(sheetWidth, sheetHeight);
     auto *layout = new QVBoxLayout(this);
     layout->setSpacing(SheetStyle::rowSpacing);
-    layout->setContentsMargins(20, 20, 20, 20);
+    layout->setContentsMargins(SheetStyle::margin, SheetStyle::margin, SheetStyle::margin, SheetStyle::margin);
     layout->addWidget(SheetStyle::headline(tr("Merge PDFs")));
     layout->addWidget(SheetStyle::caption(tr("Add the PDFs you want to combine, then drag to set the order.")));
 

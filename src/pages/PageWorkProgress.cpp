@@ -72,7 +72,9 @@ void PageWorkProgress::ensureDialog()
     auto *dialog = new WorkDialog(label_, parent_);
     dialog->cancellable = cancellable_;
     dialog_ = dialog;
-    dialog_->setWindowModality(Qt::WindowModal);
+    // Application-modal: while the document is half-changed, no window of the
+    // program takes a click, a key or a close; only this dialog does (Cancel).
+    dialog_->setWindowModality(Qt::ApplicationModal);
     dialog_->setMinimumDuration(0);
     dialog_->setAutoClose(false);
     dialog_->setAutoReset(false);
@@ -82,11 +84,15 @@ void PageWorkProgress::ensureDialog()
     dialog_->show();
 }
 
+// The window repaints, but no user action runs on the document while it is
+// half-changed. Before the dialog shows, input stays queued until the work is
+// done; once it shows, input reaches the dialog alone (modality drops the
+// rest). Timers still run: those of the views and the thumbnails only read the
+// pages, which are whole between two reports.
 void PageWorkProgress::pump()
 {
     lastPump_.restart();
-    // User input goes to the window-modal dialog only; the window repaints.
-    QApplication::processEvents();
+    QApplication::processEvents(dialog_ ? QEventLoop::AllEvents : QEventLoop::ExcludeUserInputEvents);
 }
 
 bool PageWorkProgress::step(qint64 done, qint64 total)

@@ -1,7 +1,8 @@
 // Feedback for page work that can take a while (thousands of pages, a hundred
-// files): a window-modal progress dialog that appears only when the work is
-// not done within a moment, keeps the window painted while it runs, and
-// offers Cancel only where stopping leaves nothing half-written.
+// files): a progress dialog that appears only when the work is not done within
+// a moment, keeps the windows painted while it runs without letting any user
+// action reach them, and offers Cancel only where stopping leaves nothing
+// half-written.
 #pragma once
 
 #include "PageOperations.h"

@@ -18,6 +18,8 @@ namespace {
 
 constexpr qreal typedFontSize = 96;
 constexpr qreal typedMargin = 28;
+// How many saves of one second get a name of their own.
+constexpr int maximumSuffix = 999;
 
 QString baseFolder()
 {
@@ -41,18 +43,33 @@ QString directory()
 
 QString save(const QImage &image, QString *error)
 {
-    const qint64 seconds = QDateTime::currentMSecsSinceEpoch() / 1000;
-    const QString path = directory() + QStringLiteral("/sig_%1.png").arg(seconds);
     QByteArray png;
     QBuffer buffer(&png);
     if (image.isNull() || !buffer.open(QIODevice::WriteOnly) || !image.save(&buffer, "PNG"))
         return {};
-    // Written beside the target and renamed over it when complete, so a
-    // failure never leaves a truncated signature behind.
+    // The name is taken by creating the file exclusively, so that a second
+    // save in the same second gets a name of its own ("_1", "_2", ...; they
+    // sort after the first) instead of replacing the first.
+    const qint64 seconds = QDateTime::currentMSecsSinceEpoch() / 1000;
+    QString path;
+    QFile reserved;
+    for (int suffix = 0; suffix <= maximumSuffix; ++suffix) {
+        path = directory() + QStringLiteral("/sig_%1").arg(seconds) +
+               (suffix == 0 ? QString() : QStringLiteral("_%1").arg(suffix)) + QStringLiteral(".png");
+        reserved.setFileName(path);
+        if (reserved.open(QIODevice::WriteOnly | QIODevice::NewOnly) || !reserved.exists())
+            break;
+    }
+    const bool taken = reserved.isOpen();
+    reserved.close();
+    // Written beside the reserved name and renamed over it when complete, so
+    // a failure never leaves a truncated signature behind.
     QSaveFile file(path);
-    const bool written = file.open(QIODevice::WriteOnly) && file.write(png) == png.size() && file.commit();
+    const bool written = taken && file.open(QIODevice::WriteOnly) && file.write(png) == png.size() && file.commit();
+    if (taken && !written)
+        QFile::remove(path);
     if (error)
-        *error = written ? QString() : file.errorString();
+        *error = written ? QString() : (taken ? file.errorString() : reserved.errorString());
     return path;
 }
 

@@ -15,7 +15,8 @@ namespace SignatureStore {
 QString directory();
 
 // Writes the image as "sig_" + whole seconds since 1970 + ".png" and returns
-// its path; a second save within the same second replaces the file. Empty
+// its path; a later save within the same second adds "_1", "_2", ... before
+// ".png", so that no save replaces another. Empty
 // when the image cannot be encoded; a failed write still returns the path and
 // says why in `error` (left empty when the file was written). The file is
 // written whole or not at all.

@@ -108,14 +108,18 @@ void TestRecentDocuments::missingOrDamagedStoreIsAnEmptyList()
     QCOMPARE(missing.list(), QStringList{dir.filePath("first.pdf")});
 
     const QString damaged = dir.filePath("damaged.xbel");
+    const QByteArray damagedBytes = "<xbel version=\"1.0\"><bookmark href=\"file:///x.pdf\"><info>";
     QFile file(damaged);
     QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("<xbel version=\"1.0\"><bookmark href=\"file:///x.pdf\"><info>");
+    file.write(damagedBytes);
     file.close();
+    // Other programs' entries are never lost: the store stays as it is and the file is not noted.
     RecentDocuments recent(damaged);
     QVERIFY(recent.list().isEmpty());
-    QVERIFY(recent.add(dir.filePath("next.pdf")));
-    QCOMPARE(recent.list(), QStringList{dir.filePath("next.pdf")});
+    QVERIFY(!recent.add(dir.filePath("next.pdf")));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), damagedBytes);
+    QVERIFY(recent.list().isEmpty());
 
     // The default store follows XDG_DATA_HOME.
     QCOMPARE(RecentDocuments().storePath(), qEnvironmentVariable("XDG_DATA_HOME") + "/recently-used.xbel");

@@ -10,6 +10,7 @@
 #include "InsertPagesSheet.h"
 #include "MergeSheet.h"
 #include "PageOperations.h"
+#include "PageWorkProgress.h"
 #include "PagesMenu.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -87,6 +88,7 @@ private slots:
     void insertPages();
     void movePages();
     void stoppedWorkLeavesNothing();
+    void pageWorkHoldsInput();
 
     void splitFileNames_data();
     void splitFileNames();
@@ -352,6 +354,29 @@ void TestPages::stoppedWorkLeavesNothing()
     // Reports that always answer yes change nothing.
     QVERIFY(PageOperations::insertPages(source, destination, 2, stopAfter(100)));
     QCOMPARE(labels(destination), (QStringList{"D1", "D2", "S1", "S2", "S3", "S4"}));
+}
+
+// While page work runs and its progress shows, a click in any window but the
+// progress dialog (another document's, a sheet's) does nothing.
+void TestPages::pageWorkHoldsInput()
+{
+    QWidget sheet;
+    sheet.show();
+    QPushButton other("Other window");
+    other.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&other));
+    int clicks = 0;
+    connect(&other, &QPushButton::clicked, this, [&clicks] { ++clicks; });
+    QTest::mouseClick(other.windowHandle(), Qt::LeftButton, {}, other.rect().center());
+    {
+        PageWorkProgress progress(&sheet, true);
+        progress.begin("Working", true);
+        for (qint64 done = 1; !progress.wasShown(); ++done)
+            QVERIFY(progress.step(done, 1'000'000));
+        QTest::mouseClick(other.windowHandle(), Qt::LeftButton, {}, other.rect().center());
+        QVERIFY(progress.step(2'000'000, 1'000'000));
+    }
+    QCOMPARE(clicks, 1);
 }
 
 // ---- Split sheet -----------------------------------------------------------

@@ -1,23 +1,15 @@
 #include "SheetStyle.h"
 
 #include <QDialog>
+#include <QFrame>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 namespace SheetStyle {
-namespace {
 
-QFont smaller(QFont font)
-{
-    font.setPointSizeF(font.pointSizeF() * 0.85);
-    return font;
-}
-
-} // namespace
-
-QVBoxLayout *column(QDialog *sheet, int width)
+QVBoxLayout *column(QDialog *sheet, int width, int contentMargin, int spacing)
 {
     sheet->setWindowModality(Qt::WindowModal);
     // The sheet takes the content's size: a fixed width, and a height that
@@ -29,8 +21,8 @@ QVBoxLayout *column(QDialog *sheet, int width)
     content->setFixedWidth(width);
     outer->addWidget(content);
     auto *layout = new QVBoxLayout(content);
-    layout->setSpacing(rowSpacing);
-    layout->setContentsMargins(20, 20, 20, 20);
+    layout->setSpacing(spacing);
+    layout->setContentsMargins(contentMargin, contentMargin, contentMargin, contentMargin);
     return layout;
 }
 
@@ -41,6 +33,12 @@ QLabel *headline(const QString &text)
     font.setBold(true);
     label->setFont(font);
     return label;
+}
+
+QFont smaller(QFont font, qreal factor)
+{
+    font.setPointSizeF(font.pointSizeF() * factor);
+    return font;
 }
 
 QLabel *caption(const QString &text)
@@ -61,6 +59,43 @@ QLabel *errorLine()
     label->setPalette(red);
     label->setWordWrap(true);
     return label;
+}
+
+QColor secondary(const QWidget *widget, qreal opacity)
+{
+    QColor color = widget->palette().color(QPalette::PlaceholderText);
+    color.setAlphaF(float(color.alphaF() * opacity));
+    return color;
+}
+
+QPushButton *button(const QString &text)
+{
+    auto *result = new QPushButton(text);
+    result->setAccessibleName(text);
+    // Return in a text field of the sheet presses nothing by itself.
+    result->setAutoDefault(false);
+    return result;
+}
+
+QPushButton *prominentButton(const QString &text)
+{
+    QPushButton *result = button(text);
+    // Only while it can be pressed: a disabled one looks like any disabled button.
+    QPalette accent = result->palette();
+    for (QPalette::ColorGroup group : {QPalette::Active, QPalette::Inactive}) {
+        accent.setColor(group, QPalette::Button, accent.color(group, QPalette::Highlight));
+        accent.setColor(group, QPalette::ButtonText, accent.color(group, QPalette::HighlightedText));
+    }
+    result->setPalette(accent);
+    return result;
+}
+
+QFrame *divider()
+{
+    auto *line = new QFrame;
+    line->setFrameShape(QFrame::HLine);
+    line->setFrameShadow(QFrame::Sunken);
+    return line;
 }
 
 QHBoxLayout *buttonRow(std::initializer_list<QPushButton *> buttons)

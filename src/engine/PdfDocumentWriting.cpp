@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_set>
 
 #include <zlib.h>
 
@@ -117,13 +118,112 @@ bool mendStream(fz_context *c, pdf_document *doc, pdf_obj *stream)
     return damaged;
 }
 
+// Makes MuPDF read the document's original bytes from memory: the file it
+// read them from was just rewritten in place.
+void readFromMemory(fz_context *c, pdf_document *doc, const QByteArray &bytes)
+{
+    fz_buffer *buffer =
+        fz_new_buffer_from_copied_data(c, reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    fz_stream *stream = nullptr;
+    fz_try(c) stream = fz_open_buffer(c, buffer);
+    fz_always(c) fz_drop_buffer(c, buffer);
+    fz_catch(c) fz_rethrow(c);
+    fz_drop_stream(c, doc->file);
+    doc->file = stream;
+}
+
+// Whether a field (or a field below it) is a signature field holding a signature.
+bool holdsSignature(fz_context *c, pdf_document *doc, pdf_obj *field, int depth, std::unordered_set<int> &seen)
+{
+    const int num = pdf_to_num(c, field);
+    if (depth > 32 || !pdf_is_dict(c, field) || (num > 0 && !seen.insert(num).second))
+        return false;
+    if (pdf_name_eq(c, pdf_dict_get_inheritable(c, field, PDF_NAME(FT)), PDF_NAME(Sig)) && pdf_signature_is_signed(c, doc, field))
+        return true;
+    pdf_obj *kids = pdf_dict_get(c, field, PDF_NAME(Kids));
+    for (int i = 0; i < pdf_array_len(c, kids); ++i)
+        if (holdsSignature(c, doc, pdf_array_get(c, kids, i), depth + 1, seen))
+            return true;
+    return false;
+}
+
+bool sameFile(const QString &a, const QString &b)
+{
+    return !a.isEmpty() && !b.isEmpty() && QFileInfo(a).absoluteFilePath() == QFileInfo(b).absoluteFilePath();
+}
+
 } // namespace
+
+void PdfDocument::fileOpened()
+{
+    core_->file = core_->source = safesave::identify(core_->path);
+    safesave::removeStaleTemporaries(core_->path);
+}
+
+PdfDocument::WriteFailure PdfDocument::lastWriteFailure() const
+{
+    return WriteFailure(core_->writeFailure);
+}
+
+bool PdfDocument::isSigned() const
+{
+    if (locked_)
+        return false;
+    bool found = false;
+    std::unordered_set<int> seen;
+    mu::tryGuard([&](fz_context *c) {
+        if (pdf_count_signatures(c, core_->doc) == 0)
+            return;
+        pdf_obj *fields = pdf_dict_getp(c, pdf_trailer(c, core_->doc), "Root/AcroForm/Fields");
+        for (int i = 0; !found && i < pdf_array_len(c, fields); ++i)
+            found = holdsSignature(c, core_->doc, pdf_array_get(c, fields, i), 0, seen);
+    });
+    return found;
+}
+
+bool PdfDocument::allowsChanges() const
+{
+    bool allowed = true;
+    mu::tryGuard([&](fz_context *c) {
+        allowed =
+            pdf_has_permission(c, core_->doc, FZ_PERMISSION_EDIT) && pdf_has_permission(c, core_->doc, FZ_PERMISSION_ANNOTATE);
+    });
+    return allowed;
+}
 
 bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
 {
+    core_->writeFailure = int(WriteFailure::Failed);
     if (path.isEmpty())
         return false;
-    return serialize(options, [&](const char *data, qint64 size) { return safesave::write(path, data, size); });
+    const safesave::FileIdentity expected = sameFile(path, core_->path) ? core_->file : safesave::FileIdentity{};
+    safesave::Result result = safesave::Result::Failed;
+    QByteArray previous;
+    const bool written = serialize(options, [&](const char *data, qint64 size) {
+        result = safesave::write(path, data, size, expected, &previous);
+        return result == safesave::Result::Written;
+    });
+    // The file MuPDF reads from was rewritten in place: from now on it reads
+    // the bytes it knew, kept in memory.
+    if (!previous.isNull() && core_->source.known() && safesave::identify(path) == core_->source &&
+        mu::tryGuard([&](fz_context *c) { readFromMemory(c, core_->doc, previous); }))
+        core_->source = {};
+    switch (result) {
+    case safesave::Result::NotPermitted:
+        core_->writeFailure = int(WriteFailure::NotPermitted);
+        break;
+    case safesave::Result::Replaced:
+        core_->writeFailure = int(WriteFailure::Replaced);
+        break;
+    default:
+        break;
+    }
+    if (!written)
+        return false;
+    core_->writeFailure = int(WriteFailure::None);
+    core_->path = path;
+    core_->file = safesave::identify(path);
+    return true;
 }
 
 std::vector<bool> PdfDocument::writeAll(const std::vector<std::pair<std::shared_ptr<PdfDocument>, QString>> &files,
@@ -180,10 +280,19 @@ bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<
     opts.do_compress = 1;
     opts.do_compress_images = 1;
     opts.do_compress_fonts = 1;
-    // Unreferenced objects (removed pages and annotations) are left out of the
-    // file; they stay in memory so that undo can still put them back.
-    opts.do_garbage = 1;
-    if (!options.userPassword.isEmpty() || !options.ownerPassword.isEmpty()) {
+    const bool newPasswords = !options.userPassword.isEmpty() || !options.ownerPassword.isEmpty();
+    bool append = false;
+    if (options.keepSignatures && !newPasswords && core_->doc->file && isSigned())
+        mu::tryGuard([&](fz_context *c) { append = pdf_can_be_saved_incrementally(c, core_->doc); });
+    if (append) {
+        // The original bytes stay as they are, the changes follow them.
+        opts.do_incremental = 1;
+    } else {
+        // Unreferenced objects (removed pages and annotations) are left out of the
+        // file; they stay in memory so that undo can still put them back.
+        opts.do_garbage = 1;
+    }
+    if (newPasswords) {
         const QByteArray user = options.userPassword.toUtf8();
         const QByteArray owner = options.ownerPassword.isEmpty() ? user : options.ownerPassword.toUtf8();
         if (user.size() >= int(sizeof opts.upwd_utf8) || owner.size() >= int(sizeof opts.opwd_utf8))

@@ -21,4 +21,7 @@ public:
     // Whether to save the unsaved changes of the document named `documentName`
     // before they would be lost.
     virtual SaveAnswer askToSaveChanges(const QString &documentName) = 0;
+    // Whether to change the pages of a signed document, which invalidates
+    // its signatures; false when the user cancels.
+    virtual bool confirmChangingSignedPages() = 0;
 };

@@ -118,6 +118,74 @@ bool mendStream(fz_context *c, pdf_document *doc, pdf_obj *stream)
     return damaged;
 }
 
+// An output into a buffer that can also be sought in, cut and read back,
+// as appending to a document asks of its output (MuPDF's own buffer output
+// can do none of that).
+struct MemoryOutput {
+    fz_buffer *data;
+    size_t at;
+};
+
+void memoryWrite(fz_context *c, void *state, const void *bytes, size_t n)
+{
+    auto *out = static_cast<MemoryOutput *>(state);
+    const size_t inside = std::min(n, out->data->len - out->at);
+    std::memcpy(out->data->data + out->at, bytes, inside);
+    fz_append_data(c, out->data, static_cast<const unsigned char *>(bytes) + inside, n - inside);
+    out->at += n;
+}
+
+void memorySeek(fz_context *c, void *state, int64_t offset, int whence)
+{
+    auto *out = static_cast<MemoryOutput *>(state);
+    const int64_t base = whence == SEEK_END ? int64_t(out->data->len) : whence == SEEK_CUR ? int64_t(out->at) : 0;
+    if (base + offset < 0 || base + offset > int64_t(out->data->len))
+        fz_throw(c, FZ_ERROR_GENERIC, "cannot seek outside the written data");
+    out->at = size_t(base + offset);
+}
+
+int64_t memoryTell(fz_context *, void *state)
+{
+    return int64_t(static_cast<MemoryOutput *>(state)->at);
+}
+
+void memoryTruncate(fz_context *, void *state)
+{
+    auto *out = static_cast<MemoryOutput *>(state);
+    out->data->len = out->at;
+}
+
+fz_stream *memoryAsStream(fz_context *c, void *state)
+{
+    return fz_open_buffer(c, static_cast<MemoryOutput *>(state)->data);
+}
+
+void memoryDrop(fz_context *c, void *state)
+{
+    auto *out = static_cast<MemoryOutput *>(state);
+    fz_drop_buffer(c, out->data);
+    fz_free(c, out);
+}
+
+fz_output *newMemoryOutput(fz_context *c, fz_buffer *buffer)
+{
+    auto *state = static_cast<MemoryOutput *>(fz_calloc(c, 1, sizeof(MemoryOutput)));
+    state->data = fz_keep_buffer(c, buffer);
+    state->at = buffer->len;
+    fz_output *out = nullptr;
+    fz_try(c) out = fz_new_output(c, 0, state, memoryWrite, nullptr, memoryDrop);
+    fz_catch(c)
+    {
+        memoryDrop(c, state);
+        fz_rethrow(c);
+    }
+    out->seek = memorySeek;
+    out->tell = memoryTell;
+    out->truncate = memoryTruncate;
+    out->as_stream = memoryAsStream;
+    return out;
+}
+
 // Makes MuPDF read the document's original bytes from memory: the file it
 // read them from was just rewritten in place.
 void readFromMemory(fz_context *c, pdf_document *doc, const QByteArray &bytes)
@@ -310,7 +378,7 @@ bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<
     fz_output *out = nullptr;
     const bool written = mu::tryGuard([&](fz_context *c) {
         buffer = fz_new_buffer(c, 1 << 16);
-        out = fz_new_output_with_buffer(c, buffer);
+        out = newMemoryOutput(c, buffer);
         pdf_write_document(c, core_->doc, out, &opts);
         fz_close_output(c, out);
     });

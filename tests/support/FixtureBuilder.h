@@ -117,6 +117,15 @@ PageSpec pageWithPopups();
 // runs at test time); false when it fails.
 bool writeGhostscriptNote(const QString &path);
 
+// Three numbered pages signed with a throw-away certificate (made with the
+// openssl tool), the signature covering the whole file as written; false
+// when openssl fails.
+bool writeSigned(const QString &path);
+
+// `source` encrypted (AES-256, no user password) by its author so that it
+// may be read but not changed or annotated (qpdf does it).
+bool writeRestricted(const QString &source, const QString &path);
+
 // A file that starts like a PDF and continues with garbage.
 bool writeDamaged(const QString &path);
 // The first `fraction` of a valid file.

@@ -186,18 +186,23 @@ fz_output *newMemoryOutput(fz_context *c, fz_buffer *buffer)
     return out;
 }
 
-// Makes MuPDF read the document's original bytes from memory: the file it
-// read them from was just rewritten in place.
-void readFromMemory(fz_context *c, pdf_document *doc, const QByteArray &bytes)
+// Makes MuPDF read the document's bytes from `bytes` from now on.
+void readFrom(fz_context *c, pdf_document *doc, fz_buffer *bytes)
+{
+    fz_stream *stream = fz_open_buffer(c, bytes);
+    fz_drop_stream(c, doc->file);
+    doc->file = stream;
+    // An update is written after this many bytes of the file.
+    doc->file_size = int64_t(fz_buffer_storage(c, bytes, nullptr));
+}
+
+void readFromCopy(fz_context *c, pdf_document *doc, const QByteArray &bytes)
 {
     fz_buffer *buffer =
         fz_new_buffer_from_copied_data(c, reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
-    fz_stream *stream = nullptr;
-    fz_try(c) stream = fz_open_buffer(c, buffer);
+    fz_try(c) readFrom(c, doc, buffer);
     fz_always(c) fz_drop_buffer(c, buffer);
     fz_catch(c) fz_rethrow(c);
-    fz_drop_stream(c, doc->file);
-    doc->file = stream;
 }
 
 // Whether a field (or a field below it) is a signature field holding a signature.
@@ -274,7 +279,7 @@ bool PdfDocument::write(const QString &path, const PdfWriteOptions &options)
     // The file MuPDF reads from was rewritten in place: from now on it reads
     // the bytes it knew, kept in memory.
     if (!previous.isNull() && core_->source.known() && safesave::identify(path) == core_->source &&
-        mu::tryGuard([&](fz_context *c) { readFromMemory(c, core_->doc, previous); }))
+        mu::tryGuard([&](fz_context *c) { readFromCopy(c, core_->doc, previous); }))
         core_->source = {};
     switch (result) {
     case safesave::Result::NotPermitted:
@@ -391,6 +396,11 @@ bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<
         const size_t size = fz_buffer_storage(c, buffer, &data);
         ok = sink(reinterpret_cast<const char *>(data), qint64(size));
     }
+    // MuPDF takes what it appended for part of the document (the next update
+    // points back at it), so the document goes on from the bytes just made,
+    // written or not.
+    if (written && append && mu::tryGuard([&](fz_context *c) { readFrom(c, core_->doc, buffer); }))
+        core_->source = {};
     fz_drop_buffer(c, buffer);
     return ok;
 }

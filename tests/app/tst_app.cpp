@@ -12,6 +12,7 @@
 #include "PasswordSheet.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
+#include "PdfInspect.h"
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
@@ -870,6 +871,7 @@ void TestApp::signedAndRestrictedDocuments()
         note(page);
         QVERIFY(model_->save());
         QVERIFY2(valid(signedFile), qPrintable(tool("pdfsig", {signedFile})));
+        QCOMPARE(inspect::qpdfProblems(signedFile), QString());
     }
     auto reopened = PdfDocument::open(signedFile);
     QCOMPARE(reopened->page(0)->annotations().size(), widgets + 1);

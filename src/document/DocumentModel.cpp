@@ -209,7 +209,7 @@ void DocumentModel::finishOpen(std::shared_ptr<PdfDocument> document, const QStr
 void DocumentModel::show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty)
 {
     setChangesRestricted(document && !document->allowsChanges());
-    setKeepsSignatures(document && document->isSigned());
+    setKeepsSignatures(document && document->isSigned() && document->canAppendChanges());
     setPdfDocument(std::move(document));
     watchPageList();
     setFileURL(path);

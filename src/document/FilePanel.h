@@ -1,6 +1,7 @@
-// The file choosers the system shows, and the question about unsaved
-// changes, behind one small interface so that tests can script the user's
-// answers instead of showing real dialogs.
+// The file choosers the system shows, and the questions about unsaved
+// changes and about changing a signed document's pages, behind one small
+// interface so that tests can script the user's answers instead of showing
+// real dialogs.
 #pragma once
 
 #include <QString>

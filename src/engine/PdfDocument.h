@@ -121,6 +121,9 @@ public:
 
     // Whether a signature field of the document holds a signature.
     bool isSigned() const;
+    // Whether changes can be written after the bytes the document was read
+    // from (not for a new document, nor one whose file had to be repaired).
+    bool canAppendChanges() const;
     // False when the document's author restricted changing it or adding
     // annotations (and it was not opened with the owner password).
     bool allowsChanges() const;

@@ -254,6 +254,13 @@ bool PdfDocument::isSigned() const
     return found;
 }
 
+bool PdfDocument::canAppendChanges() const
+{
+    bool appendable = false;
+    mu::tryGuard([&](fz_context *c) { appendable = core_->doc->file && pdf_can_be_saved_incrementally(c, core_->doc); });
+    return appendable && !locked_;
+}
+
 bool PdfDocument::allowsChanges() const
 {
     bool allowed = true;
@@ -354,9 +361,7 @@ bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<
     opts.do_compress_images = 1;
     opts.do_compress_fonts = 1;
     const bool newPasswords = !options.userPassword.isEmpty() || !options.ownerPassword.isEmpty();
-    bool append = false;
-    if (options.keepSignatures && !newPasswords && core_->doc->file && isSigned())
-        mu::tryGuard([&](fz_context *c) { append = pdf_can_be_saved_incrementally(c, core_->doc); });
+    const bool append = options.keepSignatures && !newPasswords && isSigned() && canAppendChanges();
     if (append) {
         // The original bytes stay as they are, the changes follow them.
         opts.do_incremental = 1;

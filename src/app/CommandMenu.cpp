@@ -42,9 +42,9 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
                  &CommandMenu::performZoomIn);
     zoomOut = add(view, tr("Zoom Out"), {QKeySequence(Qt::CTRL | Qt::Key_Minus)}, &CommandMenu::performZoomOut);
 
-    for (auto signal :
-         {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
-          &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged, &DocumentModel::recentURLsChanged})
+    for (auto signal : {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
+                        &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged,
+                        &DocumentModel::recentURLsChanged, &DocumentModel::changesRestrictedChanged})
         connect(model_, signal, this, &CommandMenu::update);
     connect(model_, &DocumentModel::recentURLsChanged, this, &CommandMenu::rebuildRecent);
     rebuildRecent();
@@ -64,7 +64,7 @@ void CommandMenu::update()
     const bool hasDocument = model_->pdfDocument() != nullptr;
     undo->setEnabled(!model_->history().undoStack().empty());
     redo->setEnabled(!model_->history().redoStack().empty());
-    deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr);
+    deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr && !model_->changesRestricted());
     save->setEnabled(!model_->fileURL().isEmpty() && model_->isDirty());
     saveAs->setEnabled(hasDocument);
     actualSize->setEnabled(hasDocument);

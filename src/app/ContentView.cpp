@@ -107,6 +107,9 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     connect(model_, &DocumentModel::pdfDocumentChanged, this, &ContentView::updateDocumentArea);
     connect(model_, &DocumentModel::pendingSignatureImageChanged, this, &ContentView::updateBanner);
     connect(toolSettings_, &ToolSettings::currentToolChanged, this, &ContentView::updateBanner);
+    for (auto signal :
+         {&DocumentModel::pdfDocumentChanged, &DocumentModel::changesRestrictedChanged, &DocumentModel::keepsSignaturesChanged})
+        connect(model_, signal, this, &ContentView::updateBanner);
     connect(model_, &DocumentModel::errorMessageChanged, this, &ContentView::updateErrorAlert);
     connect(model_, &DocumentModel::lockedURLChanged, this, &ContentView::updatePasswordSheet);
     connect(this, &ContentView::sheetFlagsChanged, this, &ContentView::updateSheets);
@@ -212,12 +215,19 @@ QWidget *ContentView::buildBanner()
     bannerLabel_->setWordWrap(true);
     bannerCancel_ = new QPushButton(tr("Cancel"));
     bannerCancel_->setFlat(true);
+    bannerCancel_->setAccessibleName(bannerCancel_->text());
     connect(bannerCancel_, &QPushButton::clicked, this, [this] { model_->setPendingSignatureImage({}); });
+    bannerEditAnyway_ = new QPushButton(tr("Edit Anyway"));
+    bannerEditAnyway_->setFlat(true);
+    bannerEditAnyway_->setAccessibleName(bannerEditAnyway_->text());
+    bannerEditAnyway_->setToolTip(tr("Turn on the editing tools for this document"));
+    connect(bannerEditAnyway_, &QPushButton::clicked, this, [this] { model_->setChangesRestricted(false); });
     auto *row = new QHBoxLayout(banner);
     row->setContentsMargins(8, 8, 8, 8);
     row->addWidget(bannerIcon_);
     row->addWidget(bannerLabel_, 1);
     row->addWidget(bannerCancel_);
+    row->addWidget(bannerEditAnyway_);
     return banner;
 }
 
@@ -241,23 +251,37 @@ QString ContentView::bannerText() const
     return banner_->isHidden() ? QString() : bannerLabel_->text();
 }
 
+// One banner at a time: what the current tool needs to say comes before
+// what is true of the document.
 void ContentView::updateBanner()
 {
+    const bool document = model_->pdfDocument() != nullptr;
+    QString icon, text;
+    bool cancel = false, editAnyway = false;
     if (!model_->pendingSignatureImage().isNull()) {
-        bannerIcon_->setPixmap(Icons::get("document-sign").pixmap(16, 16));
-        bannerLabel_->setText(tr("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel."));
-        bannerCancel_->show();
-        banner_->show();
+        icon = "document-sign";
+        text = tr("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel.");
+        cancel = true;
     } else if (toolSettings_->currentTool() == AnnotationTool::editText) {
-        bannerIcon_->setPixmap(Icons::get("edit-rename").pixmap(16, 16));
-        bannerLabel_->setText(tr("Click text to edit it in place, or empty space to add text. Editing covers the original — "
-                                 "it isn't erased from the file."));
-        bannerCancel_->hide();
-        banner_->show();
-    } else {
-        bannerLabel_->clear();
-        banner_->hide();
+        icon = "edit-rename";
+        text = tr("Click text to edit it in place, or empty space to add text. Editing covers the original — "
+                  "it isn't erased from the file.");
+    } else if (document && model_->changesRestricted()) {
+        icon = "document-encrypted";
+        text = tr("The author of this document restricted changes.");
+        editAnyway = true;
+    } else if (document && model_->keepsSignatures()) {
+        icon = "document-sign";
+        text = tr("This document is signed. Changes you save are added after the signatures, which stay valid.");
     }
+    bannerLabel_->setText(text);
+    banner_->setAccessibleName(text.isEmpty() ? QString() : tr("Notice"));
+    banner_->setAccessibleDescription(text);
+    banner_->setVisible(!text.isEmpty());
+    if (!text.isEmpty())
+        bannerIcon_->setPixmap(Icons::get(icon).pixmap(16, 16));
+    bannerCancel_->setVisible(cancel);
+    bannerEditAnyway_->setVisible(editAnyway);
     placeBanner();
 }
 

@@ -76,6 +76,7 @@ public:
     bool showsEmptyState() const;
     QString bannerText() const;
     QPushButton *bannerCancelButton() const { return bannerCancel_; }
+    QPushButton *bannerEditAnywayButton() const { return bannerEditAnyway_; }
     QMessageBox *errorAlert() const { return alert_; }
     PasswordSheet *passwordSheet() const { return passwordSheet_; }
     // The page and signature dialogs on show, or none.
@@ -128,6 +129,7 @@ private:
     QLabel *bannerIcon_ = nullptr;
     QLabel *bannerLabel_ = nullptr;
     QPushButton *bannerCancel_ = nullptr;
+    QPushButton *bannerEditAnyway_ = nullptr;
     QAction *tbOpen_ = nullptr;
     QAction *tbSave_ = nullptr;
     QAction *tbUndo_ = nullptr;

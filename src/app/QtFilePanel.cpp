@@ -80,3 +80,19 @@ FilePanel::SaveAnswer QtFilePanel::askToSaveChanges(const QString &documentName)
         return SaveAnswer::Cancel;
     }
 }
+
+bool QtFilePanel::confirmChangingSignedPages()
+{
+    QMessageBox box(QMessageBox::Warning, QObject::tr("Change Pages"),
+                    QObject::tr("Changing the pages of this signed document invalidates its signatures."), QMessageBox::Cancel,
+                    owner());
+    box.setInformativeText(QObject::tr("Changes to pages can't be added after the signatures. Once you go ahead, saving "
+                                       "writes the document anew and its signatures no longer match it."));
+    QPushButton *change = box.addButton(QObject::tr("Change Pages"), QMessageBox::DestructiveRole);
+    change->setAccessibleName(change->text());
+    box.button(QMessageBox::Cancel)->setAccessibleName(QObject::tr("Cancel"));
+    box.setDefaultButton(QMessageBox::Cancel);
+    box.setWindowModality(Qt::WindowModal);
+    box.exec();
+    return box.clickedButton() == change;
+}

@@ -1,5 +1,5 @@
 // The file choosers of the desktop (Qt's file dialogs) and the question
-// about unsaved changes, window-modal over the window they belong to.
+// about unsaved changes and signed pages, window-modal over the window they belong to.
 #pragma once
 
 #include "FilePanel.h"
@@ -16,6 +16,7 @@ public:
     QString chooseFileToSave(const QString &proposedName) override;
     QString chooseFolder() override;
     SaveAnswer askToSaveChanges(const QString &documentName) override;
+    bool confirmChangingSignedPages() override;
 
     static QString saveChangesQuestion(const QString &documentName);
 

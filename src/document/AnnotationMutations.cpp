@@ -1,6 +1,7 @@
 // The document model's operations that change annotations and pages.
 #include "AnnotationFactory.h"
 #include "DocumentModel.h"
+#include "FilePanel.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
@@ -53,7 +54,7 @@ DocumentModel::placementActions(const std::shared_ptr<PdfAnnotation> &annotation
 void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                                   bool recordUndo)
 {
-    if (!annotation || !page)
+    if (!annotation || !page || changesRestricted_)
         return;
     page->addAnnotation(annotation);
     if (recordUndo) {
@@ -66,7 +67,7 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
 void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     auto page = annotation ? annotation->page() : nullptr;
-    if (!page)
+    if (!page || changesRestricted_)
         return;
     page->removeAnnotation(annotation);
     deselectIfSelected(annotation);
@@ -88,7 +89,7 @@ void DocumentModel::recordBoundsChange(const std::shared_ptr<PdfAnnotation> &ann
 void DocumentModel::setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds,
                                         const QRectF &oldBounds)
 {
-    if (!annotation)
+    if (!annotation || changesRestricted_)
         return;
     annotation->setBounds(newBounds);
     recordBoundsChange(annotation, newBounds, oldBounds);
@@ -97,7 +98,7 @@ void DocumentModel::setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &an
 void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                                          const QRectF &newBounds, const QRectF &oldBounds)
 {
-    if (!annotation)
+    if (!annotation || changesRestricted_)
         return;
     // An annotation that left its page meanwhile (its placement was undone) stays off it.
     if (!annotation->page() || (page && annotation->page() != page))
@@ -109,7 +110,7 @@ void DocumentModel::commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &a
 void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText,
                                           const QString &oldText, std::optional<std::pair<QRectF, QRectF>> bounds)
 {
-    if (!annotation)
+    if (!annotation || changesRestricted_)
         return;
     const std::optional<QRectF> newBounds = bounds ? std::optional(bounds->first) : std::nullopt;
     const std::optional<QRectF> oldBounds = bounds ? std::optional(bounds->second) : std::nullopt;
@@ -131,7 +132,7 @@ void DocumentModel::setAnnotationContents(const std::shared_ptr<PdfAnnotation> &
 
 void DocumentModel::applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection)
 {
-    if (selection.string().isEmpty())
+    if (selection.string().isEmpty() || changesRestricted_)
         return;
     QPointer<DocumentModel> model(this);
     AnnotationFactory::applyMarkup(
@@ -147,7 +148,7 @@ void DocumentModel::rotateCurrentPage(int degrees)
     if (!pdfDocument_ || pdfDocument_->pageCount() == 0)
         return;
     auto page = pdfDocument_->page(currentPageIndex_);
-    if (!page)
+    if (!page || !mayChangePages())
         return;
     const int before = page->rotation();
     const int after = (((before + degrees) % 360) + 360) % 360;
@@ -156,9 +157,21 @@ void DocumentModel::rotateCurrentPage(int degrees)
     changed();
 }
 
+bool DocumentModel::mayChangePages()
+{
+    if (changesRestricted_)
+        return false;
+    if (!keepsSignatures_)
+        return true;
+    if (!filePanel_ || !filePanel_->confirmChangingSignedPages())
+        return false;
+    setKeepsSignatures(false);
+    return true;
+}
+
 void DocumentModel::changePages(const std::function<void()> &operation)
 {
-    if (!pdfDocument_ || !operation)
+    if (!pdfDocument_ || !operation || !mayChangePages())
         return;
     const auto document = pdfDocument_;
     const auto before = document->pages();

@@ -66,6 +66,18 @@ QString DocumentModel::saveAsFailedMessage()
     return tr("Couldn't save the PDF there. Pick a different folder and try again.");
 }
 
+QString DocumentModel::notPermittedMessage(const QString &fileName)
+{
+    return tr("You don't have permission to change ") + fileName +
+           tr(". Nothing was changed. Use File > Save As to put a copy somewhere else.");
+}
+
+QString DocumentModel::fileReplacedMessage(const QString &fileName)
+{
+    return tr("The file ") + fileName +
+           tr(" was replaced or moved since it was opened, so it was left as it is. Use File > Save As to keep your changes.");
+}
+
 // Setters: every write is announced.
 void DocumentModel::setPdfDocument(std::shared_ptr<PdfDocument> document)
 {
@@ -151,6 +163,18 @@ void DocumentModel::setLockedURL(const QString &path)
     emit lockedURLChanged();
 }
 
+void DocumentModel::setChangesRestricted(bool restricted)
+{
+    changesRestricted_ = restricted;
+    emit changesRestrictedChanged();
+}
+
+void DocumentModel::setKeepsSignatures(bool keeps)
+{
+    keepsSignatures_ = keeps;
+    emit keepsSignaturesChanged();
+}
+
 QString DocumentModel::displayName() const
 {
     return fileURL_.isEmpty() ? tr("Untitled") : QFileInfo(fileURL_).fileName();
@@ -184,6 +208,8 @@ void DocumentModel::finishOpen(std::shared_ptr<PdfDocument> document, const QStr
 // The common start of every document shown: its state begins afresh.
 void DocumentModel::show(std::shared_ptr<PdfDocument> document, const QString &path, bool dirty)
 {
+    setChangesRestricted(document && !document->allowsChanges());
+    setKeepsSignatures(document && document->isSigned() && document->canAppendChanges());
     setPdfDocument(std::move(document));
     watchPageList();
     setFileURL(path);
@@ -266,12 +292,30 @@ void DocumentModel::setDocument(std::shared_ptr<PdfDocument> document, const QSt
     show(std::move(document), path, path.isEmpty());
 }
 
+QString DocumentModel::writeFailedMessage(const QString &path, bool saveAs) const
+{
+    const QString name = QFileInfo(path).fileName();
+    switch (pdfDocument_->lastWriteFailure()) {
+    case PdfDocument::WriteFailure::None:
+        return {};
+    case PdfDocument::WriteFailure::NotPermitted:
+        return notPermittedMessage(name);
+    case PdfDocument::WriteFailure::Replaced:
+        return fileReplacedMessage(name);
+    case PdfDocument::WriteFailure::Failed:
+        break;
+    }
+    return saveAs ? saveAsFailedMessage() : saveFailedMessage(name);
+}
+
 bool DocumentModel::save()
 {
     if (!pdfDocument_ || fileURL_.isEmpty())
         return false;
-    if (!pdfDocument_->write(fileURL_)) {
-        setErrorMessage(saveFailedMessage(QFileInfo(fileURL_).fileName()));
+    PdfWriteOptions options;
+    options.keepSignatures = keepsSignatures_;
+    if (!pdfDocument_->write(fileURL_, options)) {
+        setErrorMessage(writeFailedMessage(fileURL_, false));
         return false;
     }
     history_.markSaved();
@@ -297,8 +341,10 @@ bool DocumentModel::promptSaveAs()
     const QString chosen = filePanel_->chooseFileToSave(proposed);
     if (chosen.isEmpty())
         return false;
-    if (!pdfDocument_->write(chosen)) {
-        setErrorMessage(saveAsFailedMessage());
+    PdfWriteOptions options;
+    options.keepSignatures = keepsSignatures_;
+    if (!pdfDocument_->write(chosen, options)) {
+        setErrorMessage(writeFailedMessage(chosen, true));
         return false;
     }
     setFileURL(chosen);

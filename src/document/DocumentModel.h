@@ -74,6 +74,15 @@ public:
     void setLockedDocument(std::shared_ptr<PdfDocument> document);
     QString lockedURL() const { return lockedURL_; }
     void setLockedURL(const QString &path);
+    // True while the document's author restricts changing it and the user
+    // has not chosen to edit it anyway: every change is refused then.
+    bool changesRestricted() const { return changesRestricted_; }
+    void setChangesRestricted(bool restricted);
+    // True while the document is signed and saves append the changes after
+    // the signatures, so they stay valid. Page work gives that up (the user
+    // is asked first); saves then write the document anew.
+    bool keepsSignatures() const { return keepsSignatures_; }
+    void setKeepsSignatures(bool keeps);
 
     // The file name of fileURL, or "Untitled".
     QString displayName() const;
@@ -130,6 +139,8 @@ public:
     static QString wrongPasswordMessage();
     static QString saveFailedMessage(const QString &fileName);
     static QString saveAsFailedMessage();
+    static QString notPermittedMessage(const QString &fileName);
+    static QString fileReplacedMessage(const QString &fileName);
 
 signals:
     void pdfDocumentChanged();
@@ -146,6 +157,8 @@ signals:
     void errorMessageChanged();
     void lockedDocumentChanged();
     void lockedURLChanged();
+    void changesRestrictedChanged();
+    void keepsSignaturesChanged();
 
 private:
     void finishOpen(std::shared_ptr<PdfDocument> document, const QString &path);
@@ -160,6 +173,11 @@ private:
     void changed(bool recorded = true);
     void updateDirty();
     void watchPageList();
+    // The message for a write of `path` that failed; empty when it did not.
+    QString writeFailedMessage(const QString &path, bool saveAs) const;
+    // Whether page work may go ahead: not while changes are restricted, and
+    // in a signed document only once the user agreed to give up the signatures.
+    bool mayChangePages();
 
     std::shared_ptr<PdfDocument> pdfDocument_;
     QString fileURL_;
@@ -175,6 +193,8 @@ private:
     QString errorMessage_;
     std::shared_ptr<PdfDocument> lockedDocument_;
     QString lockedURL_;
+    bool changesRestricted_ = false;
+    bool keepsSignatures_ = false;
 
     QMetaObject::Connection pageListObserver_;
     // A change was made that the history does not hold (or the document was

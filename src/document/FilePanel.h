@@ -1,6 +1,7 @@
-// The file choosers the system shows, and the question about unsaved
-// changes, behind one small interface so that tests can script the user's
-// answers instead of showing real dialogs.
+// The file choosers the system shows, and the questions about unsaved
+// changes and about changing a signed document's pages, behind one small
+// interface so that tests can script the user's answers instead of showing
+// real dialogs.
 #pragma once
 
 #include <QString>
@@ -21,4 +22,7 @@ public:
     // Whether to save the unsaved changes of the document named `documentName`
     // before they would be lost.
     virtual SaveAnswer askToSaveChanges(const QString &documentName) = 0;
+    // Whether to change the pages of a signed document, which invalidates
+    // its signatures; false when the user cancels.
+    virtual bool confirmChangingSignedPages() = 0;
 };

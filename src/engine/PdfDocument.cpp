@@ -46,6 +46,7 @@ std::shared_ptr<PdfDocument> PdfDocument::open(const QString &path)
     std::shared_ptr<PdfDocument> document(new PdfDocument);
     document->core_ = std::make_shared<DocCore>(doc);
     document->core_->path = path;
+    document->fileOpened();
     document->locked_ = needsPassword != 0;
     if (!document->locked_ && !document->loadPageList())
         return nullptr;

@@ -17,6 +17,10 @@ struct PdfWriteOptions {
     // otherwise an encrypted document stays encrypted as it was.
     QString userPassword;
     QString ownerPassword;
+    // A signed document is written as its original bytes with the changes
+    // appended, so every signature still covers the bytes it signed; when
+    // false it is written anew (and its signatures no longer match it).
+    bool keepSignatures = true;
 };
 
 class PdfDocument;
@@ -60,7 +64,8 @@ public:
     // Where changes to the document's pages are announced.
     PdfChangeChannel *changes() const;
 
-    // The file the document was read from (empty for a new document).
+    // The file the document was read from, or last written to as a whole
+    // (empty for a new document).
     QString path() const;
 
     bool isEncrypted() const;
@@ -106,12 +111,31 @@ public:
     // says, for each, whether it was written.
     static std::vector<bool> writeAll(const std::vector<std::pair<std::shared_ptr<PdfDocument>, QString>> &files,
                                       const std::function<void(qint64 done)> &step = {});
+    // A write over the document's own file is refused when another file
+    // stands at its path now (it was replaced, or a link put in its place),
+    // and any write over a file the user may not change is refused. The old
+    // file keeps its owner, group, permissions and hard links. After a write
+    // the document's file is the one written.
+    enum class WriteFailure { None, Failed, NotPermitted, Replaced };
+    WriteFailure lastWriteFailure() const;
+
+    // Whether a signature field of the document holds a signature.
+    bool isSigned() const;
+    // Whether changes can be written after the bytes the document was read
+    // from (not for a new document, nor one whose file had to be repaired).
+    bool canAppendChanges() const;
+    // False when the document's author restricted changing it or adding
+    // annotations (and it was not opened with the owner password).
+    bool allowsChanges() const;
 
 private:
     friend class PdfCopyBatch;
     friend class PdfPage;
     PdfDocument() = default;
     bool loadPageList();
+    // Remembers which file the document was opened from and clears what
+    // killed saves of it left behind.
+    void fileOpened();
     int indexOf(const PdfPage *page) const;
     // Makes the file's bytes and hands them to `sink`; false when either fails.
     bool serialize(const PdfWriteOptions &options, const std::function<bool(const char *, qint64)> &sink);

@@ -33,14 +33,16 @@ PagesMenu::PagesMenu(DocumentModel *model, Bindings bindings, QWidget *parent) :
 
     connect(model_, &DocumentModel::pdfDocumentChanged, this, &PagesMenu::updateEnabling);
     connect(model_, &DocumentModel::selectedPageIndicesChanged, this, &PagesMenu::updateEnabling);
+    connect(model_, &DocumentModel::changesRestrictedChanged, this, &PagesMenu::updateEnabling);
     updateEnabling();
 }
 
 void PagesMenu::updateEnabling()
 {
     const bool open = model_->pdfDocument() != nullptr;
-    for (QAction *action : {split_, insert_, rotateLeft_, rotateRight_, delete_})
-        action->setEnabled(open);
+    split_->setEnabled(open);
+    for (QAction *action : {insert_, rotateLeft_, rotateRight_, delete_})
+        action->setEnabled(open && !model_->changesRestricted());
     extract_->setEnabled(!model_->selectedPageIndices().isEmpty());
 }
 

@@ -105,6 +105,7 @@ AnnotationToolbarItems::AnnotationToolbarItems(DocumentModel *documentModel, Too
     connect(toolSettings_, &ToolSettings::currentToolChanged, this, &AnnotationToolbarItems::showCurrentTool);
     connect(documentModel_, &DocumentModel::pdfDocumentChanged, this, &AnnotationToolbarItems::updateEnabling);
     connect(documentModel_, &DocumentModel::hasTextSelectionChanged, this, &AnnotationToolbarItems::updateEnabling);
+    connect(documentModel_, &DocumentModel::changesRestrictedChanged, this, &AnnotationToolbarItems::updateEnabling);
     showCurrentTool();
     updateEnabling();
 }
@@ -155,10 +156,16 @@ void AnnotationToolbarItems::showCurrentTool()
 void AnnotationToolbarItems::updateEnabling()
 {
     const bool open = documentModel_->pdfDocument() != nullptr;
+    // A document whose author restricted changes is only looked at until the user chooses to edit it anyway.
+    const bool editable = open && !documentModel_->changesRestricted();
     toolSelector_->setEnabled(open);
-    styleButton_->setEnabled(open);
-    signButton_->setEnabled(open);
-    markupButton_->setEnabled(documentModel_->hasTextSelection());
+    for (AnnotationTool tool : annotationTool::allCases)
+        toolButton(tool)->setEnabled(tool == AnnotationTool::none || editable);
+    if (!editable && toolSettings_->currentTool() != AnnotationTool::none)
+        toolSettings_->setCurrentTool(AnnotationTool::none);
+    styleButton_->setEnabled(editable);
+    signButton_->setEnabled(editable);
+    markupButton_->setEnabled(editable && documentModel_->hasTextSelection());
 }
 
 void AnnotationToolbarItems::setShowStylePopover(bool show)

@@ -8,9 +8,11 @@
 #include "DrawingOverlayView.h"
 #include "FixtureBuilder.h"
 #include "Icons.h"
+#include "PagesMenu.h"
 #include "PasswordSheet.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
+#include "PdfInspect.h"
 #include "PdfPage.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
@@ -108,6 +110,7 @@ private slots:
     void everyWindowFollowsAnnotationChanges();
     void fileChoosersStartInAFolderThatExists();
     void closingAsksAboutUnsavedChanges();
+    void signedAndRestrictedDocuments();
 
 private:
     QString fixture(const QString &name, int pages = 3);
@@ -831,6 +834,77 @@ void TestApp::closingAsksAboutUnsavedChanges()
     panel->saveChangesAnswers = {FilePanel::SaveAnswer::DontSave};
     QVERIFY(window_->close());
     QCOMPARE(PdfDocument::open(path)->page(1)->annotations().size(), size_t(0));
+}
+
+// A signed document stays signed through saves that add notes, and page work
+// that would invalidate the signatures asks first. A document whose author
+// restricted changes opens with its editing tools off until the user chooses
+// to edit it anyway, and keeps its restrictions when saved.
+void TestApp::signedAndRestrictedDocuments()
+{
+    auto panel = std::make_shared<ScriptedFilePanel>();
+    model_->setFilePanel(panel);
+    auto tool = [](const QString &program, const QStringList &arguments) {
+        QProcess process;
+        process.start(program, arguments);
+        process.waitForFinished(60000);
+        return QString::fromUtf8(process.readAllStandardOutput());
+    };
+    auto valid = [&](const QString &file) {
+        return tool("pdfsig", {file}).contains("Signature Validation: Signature is Valid.");
+    };
+    auto note = [&](int page) {
+        auto square = PdfAnnotation::create({100, 100, 50, 50}, PdfAnnotation::Square);
+        square->setColor(Qt::red);
+        model_->addAnnotation(square, model_->pdfDocument()->page(page), true);
+    };
+    const QString signedFile = dir_.filePath("signed.pdf");
+    QVERIFY(fixtures::writeSigned(signedFile));
+    QVERIFY(valid(signedFile));
+    model_->open(signedFile);
+    QVERIFY(window_->bannerText().startsWith("This document is signed."));
+    const size_t widgets = model_->pdfDocument()->page(0)->annotations().size();
+    model_->deletePages({1}); // the question is cancelled
+    QCOMPARE(model_->pdfDocument()->pageCount(), 2);
+    QCOMPARE(panel->requests.back().kind, ScriptedFilePanel::Request::Kind::SignedPages);
+    for (int page : {0, 1}) {
+        note(page);
+        QVERIFY(model_->save());
+        QVERIFY2(valid(signedFile), qPrintable(tool("pdfsig", {signedFile})));
+        QCOMPARE(inspect::qpdfProblems(signedFile), QString());
+    }
+    auto reopened = PdfDocument::open(signedFile);
+    QCOMPARE(reopened->page(0)->annotations().size(), widgets + 1);
+    QCOMPARE(reopened->page(1)->annotations().size(), size_t(1));
+    panel->signedPagesAnswers = {true};
+    model_->deletePages({1});
+    QCOMPARE(model_->pdfDocument()->pageCount(), 1);
+    QVERIFY(window_->bannerText().isEmpty());
+
+    const QString restricted = dir_.filePath("restricted.pdf");
+    QVERIFY(fixtures::writeRestricted(fixture("to-restrict.pdf", 2), restricted));
+    const QString encryption = tool("qpdf", {"--show-encryption", restricted});
+    QVERIFY(encryption.contains("modify annotations: not allowed"));
+    model_->open(restricted);
+    AnnotationToolbarItems *items = window_->annotationToolbarItems();
+    const QList<QAction *> pageCommands = window_->pagesMenu()->menu()->actions();
+    auto deletePage = std::find_if(pageCommands.begin(), pageCommands.end(),
+                                   [](QAction *action) { return action->text() == "Delete Current Page"; });
+    auto editable = [&] {
+        return items->signButton()->isEnabled() && items->toolButton(AnnotationTool::ink)->isEnabled() &&
+               items->toolButton(AnnotationTool::editText)->isEnabled() && (*deletePage)->isEnabled();
+    };
+    QCOMPARE(window_->bannerText(), QString("The author of this document restricted changes."));
+    QVERIFY(!editable() && items->toolButton(AnnotationTool::none)->isEnabled());
+    note(0);
+    QVERIFY(!model_->isDirty());
+    QTest::mouseClick(window_->bannerEditAnywayButton(), Qt::LeftButton);
+    QVERIFY(editable());
+    QVERIFY(window_->bannerText().isEmpty());
+    note(0);
+    QVERIFY(model_->save());
+    QCOMPARE(tool("qpdf", {"--show-encryption", restricted}), encryption);
+    QCOMPARE(PdfDocument::open(restricted)->page(0)->annotations().size(), size_t(1));
 }
 
 #include "tst_app.moc"

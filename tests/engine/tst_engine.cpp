@@ -29,6 +29,9 @@
 
 #include <thread>
 
+#include <sys/file.h>
+#include <sys/stat.h>
+
 using fixtures::PageSpec;
 
 namespace {
@@ -228,6 +231,7 @@ private slots:
     void links();
     void displayListsRenderOnWorkerThreads();
     void writingIsAtomic();
+    void savesRespectTheFileSystem();
 
 private:
     QTemporaryDir dir_;
@@ -1186,6 +1190,120 @@ void TestEngine::writingIsAtomic()
         QCOMPARE(refused, (std::vector<bool>{false, false}));
     }
     QCOMPARE(QDir(locked.path()).entryList(QDir::Files | QDir::Hidden), (QStringList{"old.pdf", "refused.pdf"}));
+}
+
+// A save changes only a file the user may write, only the file that was
+// opened, and leaves its owner, group, permissions and hard links as they were.
+void TestEngine::savesRespectTheFileSystem()
+{
+    const bool root = geteuid() == 0;
+    const uid_t nobodyId = 65534;
+    QTemporaryDir shared; // a folder everyone may change
+    QVERIFY(QFile::setPermissions(shared.path(), QFileDevice::Permissions(0x7777)));
+    auto in = [&](const QString &name) { return shared.filePath(name); };
+    auto annotated = [](const QString &file) {
+        auto doc = PdfDocument::open(file);
+        doc->page(0)->addAnnotation(square({100, 100, 50, 50}, Qt::red));
+        return doc;
+    };
+    auto notes = [](const QString &file, int page = 0) { return int(PdfDocument::open(file)->page(page)->annotations().size()); };
+    auto status = [](const QString &file) {
+        struct stat st {};
+        ::lstat(QFile::encodeName(file).constData(), &st);
+        return st;
+    };
+
+    // A read-only file (another user's, for root) is refused and left as it was.
+    const QString readOnly = in("read-only.pdf");
+    QVERIFY(fixtures::writePdf(readOnly, fixtures::numberedPages(2)));
+    QCOMPARE(::chmod(QFile::encodeName(readOnly).constData(), 0444), 0);
+    QVERIFY(!root || ::chown(QFile::encodeName(readOnly).constData(), nobodyId, nobodyId) == 0);
+    const QByteArray before = readAll(readOnly);
+    auto doc = annotated(readOnly);
+    {
+        ActAsNobody nobody;
+        QVERIFY(nobody.ok());
+        QVERIFY(!doc->write(readOnly));
+    }
+    QCOMPARE(doc->lastWriteFailure(), PdfDocument::WriteFailure::NotPermitted);
+    QCOMPARE(readAll(readOnly), before);
+
+    // Another user's file keeps its owner, group and mode: given to the new
+    // file by root, or kept by writing the file itself for a user who may
+    // write it but not give it away.
+    if (root) {
+        const QString theirs = in("theirs.pdf"), rootsFile = in("roots.pdf");
+        QVERIFY(fixtures::writePdf(theirs, fixtures::numberedPages(2)));
+        QVERIFY(fixtures::writePdf(rootsFile, fixtures::numberedPages(2)));
+        QCOMPARE(::chown(QFile::encodeName(theirs).constData(), nobodyId, nobodyId), 0);
+        QCOMPARE(::chmod(QFile::encodeName(theirs).constData(), 0640), 0);
+        QCOMPARE(::chmod(QFile::encodeName(rootsFile).constData(), 0666), 0);
+        QVERIFY(annotated(theirs)->write(theirs));
+        doc = annotated(rootsFile);
+        {
+            ActAsNobody nobody;
+            QVERIFY(doc->write(rootsFile));
+        }
+        QCOMPARE(status(theirs).st_uid, nobodyId);
+        QCOMPARE(status(theirs).st_gid, gid_t(nobodyId));
+        QCOMPARE(status(theirs).st_mode & 07777, mode_t(0640));
+        QCOMPARE(status(rootsFile).st_uid, uid_t(0));
+        QCOMPARE(status(rootsFile).st_mode & 07777, mode_t(0666));
+        QCOMPARE(notes(theirs) + notes(rootsFile), 2);
+    }
+
+    // A hard-linked file stays one file under both names, and the document
+    // that read its bytes from it still writes whole files after it was
+    // rewritten under it.
+    const QString linked = in("linked.pdf"), otherName = in("other-name.pdf");
+    QVERIFY(fixtures::writePdf(linked, fixtures::numberedPages(2)));
+    QCOMPARE(::link(QFile::encodeName(linked).constData(), QFile::encodeName(otherName).constData()), 0);
+    doc = annotated(linked);
+    QVERIFY(doc->write(linked));
+    doc->page(1)->addAnnotation(square({200, 200, 50, 50}, Qt::blue));
+    QVERIFY(doc->write(linked));
+    QCOMPARE(status(linked).st_nlink, nlink_t(2));
+    QCOMPARE(status(linked).st_ino, status(otherName).st_ino);
+    QCOMPARE(notes(otherName, 0) + notes(otherName, 1), 2);
+    QCOMPARE(firstLine(PdfDocument::open(otherName)->page(1)), QString("Page 2"));
+
+    // A symbolic link put in place of the file after it was opened is not followed.
+    const QString swapped = in("swapped.pdf"), victim = in("victim.pdf");
+    QVERIFY(fixtures::writePdf(swapped, fixtures::numberedPages(1)));
+    QVERIFY(fixtures::writePdf(victim, fixtures::numberedPages(1)));
+    doc = annotated(swapped);
+    QVERIFY(QFile::remove(swapped) && QFile::link(victim, swapped));
+    const QByteArray victimBefore = readAll(victim);
+    QVERIFY(!doc->write(swapped));
+    QCOMPARE(doc->lastWriteFailure(), PdfDocument::WriteFailure::Replaced);
+    QCOMPARE(readAll(victim), victimBefore);
+    QVERIFY(QFileInfo(swapped).isSymLink());
+
+    // What a save killed before its rename left is cleared when the file is
+    // opened again; a save still writing holds its file locked.
+    const QString stale = in(".linked.pdf.vellora-save-Ab3dE9"), busy = in(".linked.pdf.vellora-save-Zz9yX8");
+    QVERIFY(fixtures::writeFile(stale, "%PDF-1.7 a complete copy") && fixtures::writeFile(busy, "%PDF-1.7 being written"));
+    QFile writing(busy);
+    QVERIFY(writing.open(QIODevice::ReadOnly) && ::flock(writing.handle(), LOCK_EX) == 0);
+    QVERIFY(PdfDocument::open(linked));
+    QVERIFY(!QFile::exists(stale));
+    QVERIFY(QFile::exists(busy));
+
+    // A writable file in a folder the user may not change is saved in place.
+    QTemporaryDir fixed;
+    const QString kept = fixed.filePath("kept.pdf");
+    QVERIFY(fixtures::writePdf(kept, fixtures::numberedPages(1)));
+    QVERIFY(!root || ::chown(QFile::encodeName(kept).constData(), nobodyId, nobodyId) == 0);
+    QCOMPARE(::chmod(QFile::encodeName(fixed.path()).constData(), 0555), 0);
+    doc = annotated(kept);
+    bool written = false;
+    {
+        ActAsNobody nobody;
+        written = doc->write(kept);
+    }
+    QCOMPARE(::chmod(QFile::encodeName(fixed.path()).constData(), 0755), 0);
+    QVERIFY(written);
+    QCOMPARE(notes(kept), 1);
 }
 
 int runEngineTests(int argc, char **argv)

@@ -490,6 +490,62 @@ QByteArray buildDamagedTree(TreeDamage damage)
         objects.set(nodes[i], node + " >>");
     }
     return objects.file();
+
+bool writeSigned(const QString &path)
+{
+    QTemporaryDir dir;
+    auto in = [&](const char *name) { return dir.filePath(QLatin1String(name)); };
+    auto openssl = [](const QStringList &arguments) { return QProcess::execute(QStringLiteral("openssl"), arguments) == 0; };
+    if (!openssl({"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", in("key.pem"), "-out", in("cert.pem"), "-days",
+                  "30", "-subj", "/CN=Vellora Test Signer"}))
+        return false;
+    // Two pages, the first with a signature field whose value leaves room for the signature.
+    const QByteArray page = "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Resources << /Font << /F1 7 0 R >> >> ";
+    const QByteArray unfilled = "[0 0000000000 0000000000 0000000000]";
+    const std::vector<QByteArray> objects = {
+        "<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R] /SigFlags 3 >> >>",
+        "<< /Type /Pages /Kids [3 0 R 8 0 R] /Count 2 >>",
+        page + "/Contents 6 0 R /Annots [4 0 R] >>",
+        "<< /FT /Sig /T (Signature1) /V 5 0 R /Type /Annot /Subtype /Widget /Rect [0 0 0 0] /F 132 /P 3 0 R >>",
+        "<< /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached /M (D:20260101000000Z) /ByteRange " + unfilled +
+            " /Contents <" + QByteArray(8192, '0') + "> >>",
+        stream({}, "BT /F1 24 Tf 72 720 Td (Page 1) Tj ET"),
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+        page + "/Contents 9 0 R >>",
+        stream({}, "BT /F1 24 Tf 72 720 Td (Page 2) Tj ET"),
+    };
+    QByteArray pdf = "%PDF-1.7\n";
+    QByteArray xref = "xref\n0 " + QByteArray::number(objects.size() + 1) + "\n0000000000 65535 f \n";
+    for (size_t i = 0; i < objects.size(); ++i) {
+        xref += QByteArray::number(pdf.size()).rightJustified(10, '0') + " 00000 n \n";
+        pdf += QByteArray::number(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const qsizetype startxref = pdf.size();
+    pdf += xref + "trailer\n<< /Size " + QByteArray::number(objects.size() + 1) + " /Root 1 0 R >>\nstartxref\n" +
+           QByteArray::number(startxref) + "\n%%EOF\n";
+    // The signature covers everything but its own hex string.
+    const qsizetype from = pdf.indexOf("/Contents <") + 10, to = pdf.indexOf('>', from) + 1;
+    const QByteArray range = '[' + QByteArray::number(0) + ' ' + QByteArray::number(from) + ' ' + QByteArray::number(to) + ' ' +
+                             QByteArray::number(pdf.size() - to) + ']';
+    pdf.replace(pdf.indexOf(unfilled), unfilled.size(), range.leftJustified(unfilled.size(), ' '));
+    if (!writeFile(in("signed-bytes"), pdf.left(from) + pdf.mid(to)) ||
+        !openssl({"cms", "-sign", "-binary", "-md", "sha256", "-outform", "DER", "-in", in("signed-bytes"), "-signer",
+                  in("cert.pem"), "-inkey", in("key.pem"), "-out", in("signature.der")}))
+        return false;
+    QFile der(in("signature.der"));
+    if (!der.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray hex = der.readAll().toHex().toUpper();
+    if (hex.size() > to - from - 2)
+        return false;
+    pdf.replace(from + 1, hex.size(), hex);
+    return writeFile(path, pdf);
+}
+
+bool writeRestricted(const QString &source, const QString &path)
+{
+    return QProcess::execute(QStringLiteral("qpdf"),
+                             {"--encrypt", "", "owner-secret", "256", "--modify=none", "--annotate=n", "--", source, path}) == 0;
 }
 
 bool writeDamaged(const QString &path)

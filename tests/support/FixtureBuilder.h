@@ -123,6 +123,15 @@ enum class TreeDamage { SelfParent, RootAmongKids, Loop, HugeCount, Deep };
 // the pages inherit their resources and size from the tree's root.
 QByteArray buildDamagedTree(TreeDamage damage);
 
+// Three numbered pages signed with a throw-away certificate (made with the
+// openssl tool), the signature covering the whole file as written; false
+// when openssl fails.
+bool writeSigned(const QString &path);
+
+// `source` encrypted (AES-256, no user password) by its author so that it
+// may be read but not changed or annotated (qpdf does it).
+bool writeRestricted(const QString &source, const QString &path);
+
 // A file that starts like a PDF and continues with garbage.
 bool writeDamaged(const QString &path);
 // The first `fraction` of a valid file.

@@ -10,7 +10,7 @@
 class ScriptedFilePanel : public FilePanel {
 public:
     struct Request {
-        enum class Kind { Open, Save, Folder, SaveChanges } kind;
+        enum class Kind { Open, Save, Folder, SaveChanges, SignedPages } kind;
         Content content = Content::Pdf;
         bool multiple = false;
         QString proposedName;
@@ -22,6 +22,8 @@ public:
     std::deque<QString> folderAnswers;
     // Answers to the unsaved-changes question; with none left the user does not save.
     std::deque<SaveAnswer> saveChangesAnswers;
+    // Answers to the question about changing a signed document's pages; with none left the user cancels.
+    std::deque<bool> signedPagesAnswers;
     std::vector<Request> requests;
 
     QStringList chooseFilesToOpen(Content content, bool multiple) override
@@ -47,6 +49,12 @@ public:
         const SaveAnswer answer = saveChangesAnswers.front();
         saveChangesAnswers.pop_front();
         return answer;
+    }
+
+    bool confirmChangingSignedPages() override
+    {
+        requests.push_back({Request::Kind::SignedPages, Content::Pdf, false, {}});
+        return next(signedPagesAnswers);
     }
 
 private:

@@ -6,6 +6,7 @@
 #include "Graft.h"
 #include "MuContext.h"
 #include "PdfChangeChannel.h"
+#include "SafeSave.h"
 
 #include <QString>
 
@@ -64,6 +65,14 @@ struct DocCore {
 
     pdf_document *doc;
     QString path;
+    // The file the document is saved to, as it was when opened or last
+    // written: a save over it is refused when another file stands there.
+    safesave::FileIdentity file;
+    // The file MuPDF reads the document's bytes from; unknown once they are
+    // read from memory (after that file was rewritten in place).
+    safesave::FileIdentity source;
+    // Why the last write failed.
+    int writeFailure = 0;
     // Where the document's page changes are announced.
     PdfChangeChannel changes;
     // Pages holding a loaded page or a text layout, least recently used first.

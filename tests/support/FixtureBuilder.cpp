@@ -490,6 +490,7 @@ QByteArray buildDamagedTree(TreeDamage damage)
         objects.set(nodes[i], node + " >>");
     }
     return objects.file();
+}
 
 bool writeSigned(const QString &path)
 {

@@ -141,13 +141,6 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
             endCopyBatch();
         return false;
     }
-    native->obj = ref;
-    if (placed == page)
-        page->place(core_, std::move(native));
-    else
-        std::swap(placed->native_, native);
-    placed->document_ = weak_from_this();
-    pages_.insert(pages_.begin() + index, placed);
     if (graft) {
         try {
             graft->notePlaced(sourceNum, mu::call([&](fz_context *c) { return pdf_to_num(c, ref); }));
@@ -156,6 +149,13 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
             // The page is in; what its annotations point at is as far as it got.
         }
     }
+    native->obj = ref;
+    if (placed == page)
+        page->place(core_, std::move(native));
+    else
+        std::swap(placed->native_, native);
+    placed->document_ = weak_from_this();
+    pages_.insert(pages_.begin() + index, placed);
     core_->announcePageList();
     if (ownBatch)
         endCopyBatch();

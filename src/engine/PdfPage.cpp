@@ -319,9 +319,14 @@ std::shared_ptr<PdfAnnotation> PdfPage::annotation(QPointF point)
 
 std::shared_ptr<PdfPage> PdfPage::copy()
 {
-    std::shared_ptr<PdfPage> copy(new PdfPage(core_, std::make_unique<Native>(pdf_keep_obj(mu::ctx(), native_->obj))));
-    copy->isUnplacedCopy_ = true;
-    return copy;
+    try {
+        std::shared_ptr<PdfPage> copy(new PdfPage(core_, std::make_unique<Native>()));
+        copy->native_->obj = pdf_keep_obj(mu::ctx(), native_->obj);
+        copy->isUnplacedCopy_ = true;
+        return copy;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
 }
 
 std::vector<PdfLink> PdfPage::links()

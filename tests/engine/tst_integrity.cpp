@@ -18,11 +18,47 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <cstdlib>
 #include <functional>
+#include <new>
 
 #include <csignal>
 #include <sys/resource.h>
 
+namespace {
+
+// C++ allocations on the test's thread fail from the k-th on while this is
+// not negative, the way MuPDF's do with mu::testing::failAllocationAfter.
+thread_local long long newsUntilFailure = -1;
+
+void *allocate(std::size_t size)
+{
+    if (newsUntilFailure == 0)
+        throw std::bad_alloc();
+    if (newsUntilFailure > 0)
+        --newsUntilFailure;
+    if (void *p = std::malloc(size ? size : 1))
+        return p;
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+// clang-format off
+// Every form of the global operator new and delete, so that all of them
+// pair up with the same allocator (a sanitizer checks that they do).
+void *operator new(std::size_t size) { return allocate(size); }
+void *operator new[](std::size_t size) { return allocate(size); }
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept { return std::malloc(size ? size : 1); }
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept { return std::malloc(size ? size : 1); }
+void operator delete(void *p) noexcept { std::free(p); }
+void operator delete[](void *p) noexcept { std::free(p); }
+void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
+void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
+
+// clang-format on
 namespace {
 
 // The number of annotations whose popup is listed on the same page and names
@@ -315,23 +351,32 @@ void TestEngineIntegrity::mupdfErrorsStayContained()
     spec.outline = {{"One", 0}, {"Rest", 1, {}, {{"Three", -1, "last"}}}};
     spec.fields = {{0, "name", "Ada"}, {1, "city", {}, {72, 400, 200, 24}, true}};
     QVERIFY(fixtures::writeStructuredPdf(path("structured.pdf"), spec));
-    auto copyStructured = [&](long long failAfter) {
+    // The same with C++ allocations failing instead (the copy keeps lists
+    // and names of its own): a failure, never an abort, and no MuPDF block left.
+    auto copyStructured = [&](bool failNew, long long failAfter) {
         auto source = PdfDocument::open(path("structured.pdf"));
         auto target = PdfDocument::create();
         if (!source || !target)
             return false;
+        const QString group = QStringLiteral("structured");
         bool ok = true;
-        mu::testing::failAllocationAfter(failAfter);
+        if (failNew)
+            newsUntilFailure = failAfter;
+        else
+            mu::testing::failAllocationAfter(failAfter);
         {
             PdfCopyBatch batch(target);
-            batch.groupOutline(source, QStringLiteral("structured"));
+            batch.groupOutline(source, group);
             ok = target->insert(source->page(1)->copy(), 0) && target->insert(source->page(0)->copy(), 0);
         }
+        newsUntilFailure = -1;
         mu::testing::failAllocationAfter(-1);
         return ok && target->write(path("structured-copy.pdf"));
     };
-    QVERIFY(failuresWithoutLeaks(copyStructured) > 0);
-    QVERIFY(inspect::qpdfProblems(path("structured-copy.pdf")).isEmpty());
+    for (bool failNew : {false, true}) {
+        QVERIFY(failuresWithoutLeaks([&](long long k) { return copyStructured(failNew, k); }) > 0);
+        QVERIFY(inspect::qpdfProblems(path("structured-copy.pdf")).isEmpty());
+    }
 
     // The same while annotations of every kind get their looks written.
     QVERIFY(fixtures::writePdf(path("plain.pdf"), fixtures::numberedPages(1)));

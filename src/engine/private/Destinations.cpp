@@ -57,7 +57,10 @@ void renameDestination(Graft &graft, pdf_obj *dict, pdf_obj *key)
     if (name.empty())
         return;
     mu::call([&](fz_context *c) { pdf_dict_put_drop(c, dict, key, pdf_new_string(c, name.data(), name.size())); });
-    graft.names[name].uses.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, dict); }), key);
+    // The slot is made first: a reference is never taken before there is room to keep it.
+    auto &uses = graft.names[name].uses;
+    uses.emplace_back(Obj(), key);
+    uses.back().first = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, dict); }));
 }
 
 void carryInAction(Graft &graft, pdf_obj *action, int depth)

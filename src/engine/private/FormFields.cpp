@@ -100,7 +100,8 @@ void addTopField(CopyState &state, Graft &graft, pdf_obj *field)
             pdf_dict_put_drop(c, field, PDF_NAME(DA), graft.bring(c, da));
         pdf_array_push(c, pdf_dict_get(c, form, PDF_NAME(Fields)), field);
     });
-    graft.topFields.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, field); }));
+    graft.topFields.emplace_back();
+    graft.topFields.back() = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, field); }));
 }
 
 // The result's copy of the source field `field` (a new reference), made on

@@ -57,7 +57,8 @@ std::vector<Obj> chainOf(pdf_obj *first, std::unordered_set<int> &seen)
         const int num = mu::call([&](fz_context *c) { return pdf_is_dict(c, item) ? pdf_to_num(c, item) : -1; });
         if (num < 0 || (num > 0 && !seen.insert(num).second))
             break;
-        items.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, item); }));
+        items.emplace_back();
+        items.back() = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, item); }));
         item = mu::call([&](fz_context *c) { return pdf_dict_get(c, item, PDF_NAME(Next)); });
     }
     return items;

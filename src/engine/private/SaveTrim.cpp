@@ -17,8 +17,10 @@ public:
     Trimmer(SaveTrim &trim, pdf_document *doc, const std::vector<int> &pages) : trim_(trim), doc_(doc)
     {
         pageSet_.insert(pages.begin(), pages.end());
-        for (int num : pages)
-            pageRefs_.emplace_back(mu::call([&](fz_context *c) { return pdf_new_indirect(c, doc, num, 0); }));
+        for (int num : pages) {
+            pageRefs_.emplace_back();
+            pageRefs_.back() = Obj(mu::call([&](fz_context *c) { return pdf_new_indirect(c, doc, num, 0); }));
+        }
     }
 
     void run()

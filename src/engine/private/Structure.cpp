@@ -173,8 +173,9 @@ void settleNames(CopyState &state, pdf_document *dst, const std::unordered_map<i
             loadDestinationNames(state, dst);
             const std::string final = freeName(state.destinationNames, name);
             state.destinationNames.insert(final);
-            state.carriedDestinations.emplace(
-                final, mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.destination.get()); }));
+            pdf_obj *&slot = state.carriedDestinations[final]; // room first, then the reference
+            if (!slot)
+                slot = mu::call([&](fz_context *c) { return pdf_keep_obj(c, carried.destination.get()); });
             if (final != name)
                 for (const auto &use : carried.uses)
                     mu::call([&](fz_context *c) {

@@ -19,8 +19,10 @@ namespace {
 
 // Display lists kept for pages near the view, so a zoom needs no new recording.
 constexpr size_t maxLists = 32;
-// Time the user-interface thread may spend recording display lists per turn.
-constexpr qint64 recordBudgetNs = 4'000'000;
+// Recordings under way or queued at once; the most urgent pages go first.
+constexpr int maxRecordings = 2;
+// A recording interrupted because the document was needed is tried again after this.
+constexpr int retryMs = 10;
 // Spare image buffers kept for reuse (a fresh buffer costs page faults).
 constexpr size_t maxBuffers = 6;
 
@@ -48,18 +50,23 @@ qint64 bytesOf(QSize size)
 
 PageRenderCache::PageRenderCache(QObject *parent) : QObject(parent)
 {
-    // The user-interface thread records display lists and paints: leave it a core.
+    // The user-interface thread paints and the recorder records: leave them a core.
     pool_.setMaxThreadCount(std::max(1, QThread::idealThreadCount() - 1));
+    recorder_.setMaxThreadCount(1);
     scheduleTimer_.setSingleShot(true);
     scheduleTimer_.setInterval(0);
     connect(&scheduleTimer_, &QTimer::timeout, this, &PageRenderCache::schedule);
+    retryTimer_.setSingleShot(true);
+    retryTimer_.setInterval(retryMs);
+    connect(&retryTimer_, &QTimer::timeout, this, &PageRenderCache::schedule);
 }
 
 PageRenderCache::~PageRenderCache()
 {
     // Workers post their results to this object: let them finish first.
-    cancelJobs(true);
+    clear();
     pool_.waitForDone();
+    recorder_.waitForDone();
 }
 
 void PageRenderCache::setLimit(qint64 bytes)
@@ -162,7 +169,7 @@ void PageRenderCache::invalidate(const PdfPage *page, const QRectF &displayArea)
             entries_.insert(std::move(node));
         }
     }
-    lists_.erase(page);
+    dropList(page);
     wantedKeys_.clear();
     for (const Tile &tile : wanted_)
         wantedKeys_.insert(keyOf(tile));
@@ -176,7 +183,7 @@ void PageRenderCache::forget(const PdfPage *page)
         bytes_ -= bytesOf(it->second.image.size());
         it = entries_.erase(it);
     }
-    lists_.erase(page);
+    dropList(page);
     const auto onPage = [page](const Tile &tile) { return tile.page.get() == page; };
     urgent_ -= int(std::count_if(wanted_.begin(), wanted_.begin() + urgent_, onPage));
     std::erase_if(wanted_, onPage);
@@ -191,8 +198,19 @@ void PageRenderCache::clear()
     wantedKeys_.clear();
     cancelJobs(true);
     entries_.clear();
-    lists_.clear();
+    while (!lists_.empty())
+        dropList(lists_.begin()->first);
     bytes_ = 0;
+}
+
+void PageRenderCache::dropList(const PdfPage *page)
+{
+    auto it = lists_.find(page);
+    if (it == lists_.end())
+        return;
+    if (it->second.recording)
+        it->second.recording->abort();
+    lists_.erase(it);
 }
 
 void PageRenderCache::cancelJobs(bool all)
@@ -209,8 +227,6 @@ void PageRenderCache::cancelJobs(bool all)
 
 void PageRenderCache::schedule()
 {
-    QElapsedTimer clock;
-    clock.start();
     const size_t maxJobs = size_t(pool_.maxThreadCount()) + 1;
     for (size_t i = 0; i < wanted_.size(); ++i) {
         if (jobs_.size() >= maxJobs)
@@ -219,19 +235,12 @@ void PageRenderCache::schedule()
         const Key key = keyOf(tile);
         if (entries_.contains(key) || jobs_.contains(key))
             continue;
-        bool recorded = false;
-        auto list = displayList(tile.page, recorded);
-        if (list)
+        if (auto list = displayList(tile.page))
             start(tile, key, std::move(list), int(i) < urgent_);
-        if (recorded && clock.nsecsElapsed() > recordBudgetNs) {
-            // Leave the rest for the next turn so that painting and input go first.
-            scheduleTimer_.start();
-            return;
-        }
     }
 }
 
-std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_ptr<PdfPage> &page, bool &recorded)
+std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_ptr<PdfPage> &page)
 {
     const quint64 generation = generationOf(page.get());
     auto it = lists_.find(page.get());
@@ -239,19 +248,53 @@ std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_p
         it->second.used = ++clock_;
         return it->second.list;
     }
-    recorded = true;
+    const auto recording = [](const auto &entry) { return entry.second.recording != nullptr; };
+    if (std::count_if(lists_.begin(), lists_.end(), recording) >= maxRecordings)
+        return nullptr; // the next one starts when one of these ends
+    dropList(page.get());
     PdfRenderOptions options;
     options.skip = hidden_;
-    auto list = page->displayList(options);
-    lists_[page.get()] = List{page, list, generation, ++clock_, !list};
+    auto made = page->recording(options);
+    lists_[page.get()] = List{page, nullptr, made, generation, ++clock_, !made};
     if (lists_.size() > maxLists) {
         auto oldest = std::min_element(lists_.begin(), lists_.end(),
                                        [](const auto &a, const auto &b) { return a.second.used < b.second.used; });
-        lists_.erase(oldest);
+        dropList(oldest->first);
     }
-    if (!list)
+    if (!made) {
         emit pictureReady(page.get()); // it no longer holds up completeness
-    return list;
+        return nullptr;
+    }
+    recorder_.start([this, key = page.get(), made] {
+        yieldToInterface();
+        const int result = int(made->record());
+        QMetaObject::invokeMethod(
+            this, [this, key, made, result] { recorded(key, made, result); }, Qt::QueuedConnection);
+    });
+    return nullptr;
+}
+
+void PageRenderCache::recorded(const PdfPage *page, const std::shared_ptr<PdfPageRecording> &recording, int result)
+{
+    auto it = lists_.find(page);
+    if (it == lists_.end() || it->second.recording != recording)
+        return; // the page changed or left meanwhile
+    List &entry = it->second;
+    entry.recording.reset();
+    switch (PdfPageRecording::Result(result)) {
+    case PdfPageRecording::Result::Recorded:
+        entry.list = recording->list();
+        break;
+    case PdfPageRecording::Result::Failed:
+        entry.failed = true;
+        emit pictureReady(page);
+        break;
+    case PdfPageRecording::Result::Interrupted:
+        lists_.erase(it);
+        retryTimer_.start();
+        return;
+    }
+    schedule();
 }
 
 namespace {

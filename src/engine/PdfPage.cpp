@@ -533,7 +533,7 @@ PdfPageRecording::Result PdfPageRecording::record()
     if (mu::aborted(&n.cookie))
         return Result::Interrupted;
     mu::RecordingHold hold(&n.cookie);
-    if (!hold.held())
+    if (!hold.held() || mu::aborted(&n.cookie))
         return Result::Interrupted;
     fz_display_list *list = nullptr;
     fz_rect bounds{};

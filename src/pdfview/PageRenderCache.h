@@ -13,8 +13,10 @@
 #include <QTimer>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -75,6 +77,11 @@ signals:
     void pictureReady(const PdfPage *page);
 
 private:
+    // Results of workers come back through an inbox of the cache's own:
+    // `post` (any thread) queues one and has `deliver` (this thread) run them.
+    void post(std::function<void()> result);
+    Q_INVOKABLE void deliver();
+
     struct Key {
         const PdfPage *page;
         quint64 generation;
@@ -136,5 +143,7 @@ private:
     std::unordered_map<const PdfPage *, quint64> generations_;
     std::unordered_map<const PdfPage *, List> lists_;
     std::vector<QImage> buffers_;
+    std::mutex inboxLock_;
+    std::vector<std::function<void()>> inbox_;
     std::shared_ptr<PdfAnnotation> hidden_;
 };

@@ -4,6 +4,7 @@
 // alive, and MuPDF's errors stay inside the engine without leaking memory.
 #include "FixtureBuilder.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfInspect.h"
 #include "PdfPage.h"

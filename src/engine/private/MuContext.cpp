@@ -220,6 +220,16 @@ bool aborted(const fz_cookie *cookie)
     return std::atomic_ref(const_cast<fz_cookie *>(cookie)->abort).load(std::memory_order_relaxed) != 0;
 }
 
+DocumentsHold::DocumentsHold()
+{
+    lockDocuments();
+}
+
+DocumentsHold::~DocumentsHold()
+{
+    unlockDocuments();
+}
+
 RecordingHold::RecordingHold(fz_cookie *cookie)
 {
     if (heldDepth > 0)

@@ -59,6 +59,16 @@ template <class F> bool tryGuard(F &&f, Lock lock = Lock::Documents) noexcept
     }
 }
 
+// Holds the document lock across several guarded calls that other threads
+// must see whole or not at all: a page list rewritten, a document written.
+class DocumentsHold {
+public:
+    DocumentsHold();
+    ~DocumentsHold();
+    DocumentsHold(const DocumentsHold &) = delete;
+    DocumentsHold &operator=(const DocumentsHold &) = delete;
+};
+
 // Holds the document lock for a recording on a worker thread. It is not
 // taken (held() is false) while another thread waits for it; once held,
 // a thread that asks for it sets `cookie->abort`, and the recording must

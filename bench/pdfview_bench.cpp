@@ -4,11 +4,15 @@
 // after a zoom change and peak memory; the same pages are rendered by
 // `mutool draw` as the reference. Peak memory is measured again on a
 // 10,000-page file, in a process of its own. The test files are written by
-// child processes so that their making does not count. The last line is a
-// one-line summary.
+// child processes so that their making does not count. Last, hostile files
+// are opened and scrolled through (10 MB of free text without an appearance,
+// an image that claims 50000 x 50000 pixels, 50,000 drawing operators on a
+// page): the longest user-interface stall among them is hostile_stall_ms.
+// The last line is a one-line summary.
 //
 //   pdfview_bench                 the whole run
 //   pdfview_bench --scroll FILE   scrolls through FILE and prints peak_rss_mb=N
+//   pdfview_bench --hostile       the hostile files only
 #include "FixtureBuilder.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
@@ -204,6 +208,84 @@ qint64 peakInChild(const QString &path)
     return last.startsWith("peak_rss_mb=") ? last.mid(12).toLongLong() : -1;
 }
 
+// A PDF file of pages with the given content streams (each page may draw the
+// image /Im0 and the font /F1) and an image that claims `imageSide` pixels a
+// side but holds a few bytes.
+QByteArray hostilePdf(const std::vector<QByteArray> &contents, const QByteArray &annotation, int imageSide)
+{
+    std::vector<QByteArray> objects{"<< /Type /Catalog /Pages 2 0 R >>", {}};
+    const QByteArray pixels = qCompress(QByteArray(64, '\x80')).mid(4); // a zlib stream
+    objects.push_back("<< /Type /XObject /Subtype /Image /Width " + QByteArray::number(imageSide) + " /Height " +
+                      QByteArray::number(imageSide) +
+                      " /ColorSpace /DeviceRGB /BitsPerComponent 8 /Filter /FlateDecode /Length " +
+                      QByteArray::number(pixels.size()) + " >>\nstream\n" + pixels + "\nendstream");
+    objects.push_back("<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>");
+    QByteArray kids;
+    for (size_t i = 0; i < contents.size(); ++i) {
+        const int page = int(objects.size()) + 1;
+        kids += QByteArray::number(page) + " 0 R ";
+        const QByteArray annots = i == 0 && !annotation.isEmpty() ? " /Annots [" + QByteArray::number(page + 2) + " 0 R]" : "";
+        objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Resources << /XObject << /Im0 3 0 R >> "
+                          "/Font << /F1 4 0 R >> >> /Contents " +
+                          QByteArray::number(page + 1) + " 0 R" + annots + " >>");
+        objects.push_back("<< /Length " + QByteArray::number(contents[i].size()) + " >>\nstream\n" + contents[i] + "\nendstream");
+        if (!annots.isEmpty())
+            objects.push_back(annotation);
+    }
+    objects[1] = "<< /Type /Pages /Kids [" + kids + "] /Count " + QByteArray::number(qsizetype(contents.size())) + " >>";
+    QByteArray out = "%PDF-1.7\n";
+    QByteArray xref = "xref\n0 " + QByteArray::number(qsizetype(objects.size() + 1)) + "\n0000000000 65535 f \n";
+    for (size_t i = 0; i < objects.size(); ++i) {
+        xref += QByteArray::number(out.size()).rightJustified(10, '0') + " 00000 n \n";
+        out += QByteArray::number(qsizetype(i + 1)) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const qsizetype start = out.size();
+    return out + xref + "trailer\n<< /Size " + QByteArray::number(qsizetype(objects.size() + 1)) +
+           " /Root 1 0 R >>\nstartxref\n" + QByteArray::number(start) + "\n%%EOF\n";
+}
+
+// The longest stall of the event loop while each hostile file is opened in the
+// view and scrolled through page by page, or -1 when one does not open.
+qint64 hostileStallMs(const QString &folder)
+{
+    const QByteArray text = "BT /F1 24 Tf 72 720 Td (Page) Tj ET";
+    const QByteArray freeText = "<< /Type /Annot /Subtype /FreeText /Rect [72 300 372 500] /DA (/Helv 12 Tf 0 g) /Contents (" +
+                                QByteArray("lorem ipsum dolor sit amet ").repeated(400000).left(10 << 20) + ") >>";
+    QByteArray operators;
+    for (int i = 0; i < 10000; ++i) // five operators each
+        operators += "q " + QByteArray::number(i % 600) + " " + QByteArray::number(i % 780) + " 2 2 re f Q\n";
+    const std::vector<std::pair<QString, QByteArray>> files{
+        {QStringLiteral("freetext.pdf"), hostilePdf({text, text, text}, freeText, 1)},
+        {QStringLiteral("imagebomb.pdf"), hostilePdf({"q 540 0 0 720 36 36 cm /Im0 Do Q", text, text}, {}, 50000)},
+        {QStringLiteral("operators.pdf"), hostilePdf({operators, text, operators}, {}, 1)},
+    };
+    qint64 worst = 0;
+    for (const auto &[name, data] : files) {
+        const QString path = folder + QLatin1Char('/') + name;
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size())
+            return -1;
+        file.close();
+        MeasuredView view;
+        view.resize(windowSize);
+        view.show();
+        QApplication::processEvents();
+        StallMeter stalls;
+        stalls.start();
+        auto doc = PdfDocument::open(path);
+        if (!doc)
+            return -1;
+        view.setDocument(doc);
+        const qint64 firstPaintMs = waitForCompletePaint(view);
+        const Scroll scroll = scrollThrough(view);
+        const qint64 stall = std::max(stalls.stop(), scroll.worstStallMs);
+        std::printf("hostile %s: first page drawn in %lld ms, scrolled through in %lld ms, worst stall %lld ms\n",
+                    qPrintable(name), firstPaintMs, scroll.ms, stall);
+        worst = std::max(worst, stall);
+    }
+    return worst;
+}
+
 int scrollOnly(const QString &path)
 {
     MeasuredView view;
@@ -234,6 +316,11 @@ int main(int argc, char **argv)
         return fixtures::writePdf(args[2], fixtures::numberedPages(args[3].toInt(), linesPerPage)) ? 0 : 1;
     if (args.size() == 3 && args[1] == QLatin1String("--scroll"))
         return scrollOnly(args[2]);
+    if (args.size() == 2 && args[1] == QLatin1String("--hostile")) {
+        QTemporaryDir hostile;
+        std::printf("hostile_stall_ms=%lld\n", hostileStallMs(hostile.path()));
+        return 0;
+    }
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("bench.pdf"));
     if (!writeInChild(path, pageCount)) {
@@ -313,8 +400,9 @@ int main(int argc, char **argv)
     } else {
         std::printf("mutool draw: not available\n");
     }
+    const qint64 hostileMs = hostileStallMs(dir.path());
     std::printf("open_ms=%.1f first_paint_ms=%lld max_stall_ms=%lld pages_per_s=%.0f vs_mutool=%.2f peak_rss_mb=%lld "
-                "peak_rss_10k_mb=%lld\n",
-                openUs / 1000.0, firstPaintMs, maxStallMs, pagesPerSecond, ratio, peakMb, longPeakMb);
+                "peak_rss_10k_mb=%lld hostile_stall_ms=%lld\n",
+                openUs / 1000.0, firstPaintMs, maxStallMs, pagesPerSecond, ratio, peakMb, longPeakMb, hostileMs);
     return 0;
 }

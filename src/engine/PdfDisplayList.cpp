@@ -11,7 +11,7 @@ PdfDisplayList::PdfDisplayList(std::unique_ptr<Native> native, QSizeF size, bool
 
 PdfDisplayList::~PdfDisplayList()
 {
-    fz_drop_display_list(mu::ctx(), native_->list);
+    mu::release([this](fz_context *c) { fz_drop_display_list(c, native_->list); });
 }
 
 QImage PdfDisplayList::render(qreal scale, QRectF region) const
@@ -41,23 +41,25 @@ bool PdfDisplayList::renderInto(QImage &target, qreal scale, QPointF origin) con
     unsigned char *bits = target.bits();
     const int w = target.width(), h = target.height(), stride = int(target.bytesPerLine());
     const fz_matrix ctm = fz_concat(fz_translate(float(-origin.x()), float(-origin.y())), fz_scale(float(scale), float(scale)));
-    return mu::tryGuard([&](fz_context *c) {
-        fz_pixmap *pixmap = nullptr;
-        fz_device *dev = nullptr;
-        fz_var(pixmap);
-        fz_var(dev);
-        fz_try(c)
-        {
-            pixmap = fz_new_pixmap_with_data(c, fz_device_bgr(c), w, h, nullptr, 1, stride, bits);
-            dev = fz_new_draw_device(c, fz_identity, pixmap);
-            fz_run_display_list(c, native_->list, dev, ctm, fz_infinite_rect, nullptr);
-            fz_close_device(c, dev);
-        }
-        fz_always(c)
-        {
-            fz_drop_device(c, dev);
-            fz_drop_pixmap(c, pixmap);
-        }
-        fz_catch(c) fz_rethrow(c);
-    });
+    return mu::tryGuard(
+        [&](fz_context *c) {
+            fz_pixmap *pixmap = nullptr;
+            fz_device *dev = nullptr;
+            fz_var(pixmap);
+            fz_var(dev);
+            fz_try(c)
+            {
+                pixmap = fz_new_pixmap_with_data(c, fz_device_bgr(c), w, h, nullptr, 1, stride, bits);
+                dev = fz_new_draw_device(c, fz_identity, pixmap);
+                fz_run_display_list(c, native_->list, dev, ctm, fz_infinite_rect, nullptr);
+                fz_close_device(c, dev);
+            }
+            fz_always(c)
+            {
+                fz_drop_device(c, dev);
+                fz_drop_pixmap(c, pixmap);
+            }
+            fz_catch(c) fz_rethrow(c);
+        },
+        mu::Lock::None);
 }

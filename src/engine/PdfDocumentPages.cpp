@@ -92,6 +92,7 @@ pdf_obj *importPage(fz_context *c, pdf_document *dst, Graft *graft, pdf_obj *src
 // document: once the page is in, nothing may fail.
 bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
 {
+    const mu::DocumentsHold hold; // recordings on workers see the page list whole
     if (!page || locked_ || index < 0 || index > int(pages_.size()))
         return false;
     const bool returning = page->core_ == core_ && !page->isUnplacedCopy_ && indexOf(page.get()) < 0;
@@ -220,6 +221,7 @@ void PdfCopyBatch::groupOutline(const std::shared_ptr<PdfDocument> &source, cons
 
 bool PdfDocument::removePage(int index)
 {
+    const mu::DocumentsHold hold; // recordings on workers see the page list whole
     if (locked_ || index < 0 || index >= int(pages_.size()))
         return false;
     core_->unloadPages();
@@ -233,6 +235,7 @@ bool PdfDocument::removePage(int index)
 
 bool PdfDocument::setPages(const std::vector<std::shared_ptr<PdfPage>> &pages)
 {
+    const mu::DocumentsHold hold; // recordings on workers see the page list whole
     if (locked_)
         return false;
     std::unordered_set<const PdfPage *> kept;

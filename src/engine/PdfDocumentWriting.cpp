@@ -331,6 +331,7 @@ std::vector<bool> PdfDocument::writeAll(const std::vector<std::pair<std::shared_
 
 bool PdfDocument::serialize(const PdfWriteOptions &options, const std::function<bool(const char *, qint64)> &sink)
 {
+    const mu::DocumentsHold hold; // recordings on workers never see the trimmed document
     if (locked_)
         return false;
     // Damaged page contents are written as far as they can be read; a content

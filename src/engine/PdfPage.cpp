@@ -70,7 +70,7 @@ PdfPage::~PdfPage()
 {
     unload();
     dropText();
-    pdf_drop_obj(mu::ctx(), native_->obj);
+    mu::release([this](fz_context *c) { pdf_drop_obj(c, native_->obj); });
 }
 
 std::shared_ptr<PdfDocument> PdfPage::document() const
@@ -98,6 +98,114 @@ bool touch(std::vector<PdfPage *> &list, PdfPage *page)
     return false;
 }
 
+// MuPDF makes an appearance for a free-text annotation that has none when it
+// loads or draws the page, laying out the whole text in time that grows with
+// the square of its length (10 MB of text take a minute), and keeps it only
+// while the page is loaded. While the page loads, such a text is cut to what
+// its box could show at the least size text is read at, the appearance of
+// that is written into the document for good (so it is not made again), and
+// the whole text is put back.
+int shownLength(fz_context *c, pdf_obj *annot)
+{
+    const fz_rect r = pdf_to_rect(c, pdf_dict_get(c, annot, PDF_NAME(Rect)));
+    const double size = 4, columns = (r.x1 - r.x0) / (size / 2) + 1, rows = (r.y1 - r.y0) / size + 1;
+    constexpr double least = 256, most = 16384;
+    return int(std::clamp(columns * rows, least, most));
+}
+
+pdf_page *loadBounded(fz_context *c, pdf_document *doc, int number)
+{
+    pdf_obj *annots = pdf_dict_get(c, pdf_lookup_page_obj(c, doc, number), PDF_NAME(Annots));
+    const int count = pdf_array_len(c, annots);
+    // Pairs of an annotation and its own text, while a shorter one stands in.
+    pdf_obj **saved = static_cast<pdf_obj **>(fz_calloc(c, size_t(2 * count + 2), sizeof(pdf_obj *)));
+    int cut = 0;
+    pdf_page *page = nullptr;
+    fz_var(cut);
+    fz_var(page);
+    fz_try(c)
+    {
+        for (int i = 0; i < count; ++i) {
+            pdf_obj *annot = pdf_array_get(c, annots, i);
+            pdf_obj *text = pdf_dict_get(c, annot, PDF_NAME(Contents));
+            if (!pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(FreeText)) ||
+                pdf_dict_get(c, annot, PDF_NAME(AP)) || !pdf_is_string(c, text))
+                continue;
+            const char *bytes = pdf_to_str_buf(c, text);
+            const size_t length = pdf_to_str_len(c, text);
+            const bool utf16 = length >= 2 && (uint8_t(bytes[0]) == 0xfe || uint8_t(bytes[0]) == 0xff);
+            const size_t shown = size_t(shownLength(c, annot)) * (utf16 ? 2 : 1);
+            if (length <= shown)
+                continue;
+            saved[2 * cut] = pdf_keep_obj(c, annot);
+            saved[2 * cut + 1] = pdf_keep_obj(c, text);
+            ++cut;
+            pdf_dict_put_drop(c, annot, PDF_NAME(Contents), pdf_new_string(c, bytes, shown));
+        }
+        page = pdf_load_page(c, doc, number);
+        for (int i = 0; i < cut; ++i)
+            for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
+                if (!pdf_objcmp(c, pdf_annot_obj(c, a), saved[2 * i])) {
+                    pdf_annot_request_resynthesis(c, a);
+                    pdf_update_annot(c, a);
+                }
+    }
+    fz_always(c)
+    {
+        // The entry is there already: putting it back allocates nothing.
+        for (int i = 0; i < cut; ++i) {
+            pdf_dict_put(c, saved[2 * i], PDF_NAME(Contents), saved[2 * i + 1]);
+            pdf_drop_obj(c, saved[2 * i]);
+            pdf_drop_obj(c, saved[2 * i + 1]);
+        }
+        fz_free(c, saved);
+    }
+    fz_catch(c)
+    {
+        if (page)
+            fz_drop_page(c, &page->super);
+        fz_rethrow(c);
+    }
+    return page;
+}
+
+// Records the page into a new list: its contents, then its annotations but
+// `skip` (or `only` alone, without the contents). Runs inside a guard.
+fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, pdf_obj *only, fz_cookie *cookie,
+                            fz_rect &bounds)
+{
+    auto drawn = [skip, only](fz_context *cc, pdf_annot *a) {
+        pdf_obj *obj = pdf_annot_obj(cc, a);
+        return only ? !pdf_objcmp(cc, obj, only) : !skip || pdf_objcmp(cc, obj, skip);
+    };
+    bounds = fz_bound_page(c, &page->super);
+    fz_display_list *list = fz_new_display_list(c, bounds);
+    fz_device *dev = nullptr;
+    fz_var(dev);
+    fz_try(c)
+    {
+        dev = fz_new_list_device(c, list);
+        if (!only)
+            pdf_run_page_contents(c, page, dev, fz_identity, cookie);
+        if (annotations || only) {
+            for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
+                if (drawn(c, a))
+                    pdf_run_annot(c, a, dev, fz_identity, cookie);
+            for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
+                if (drawn(c, w))
+                    pdf_run_annot(c, w, dev, fz_identity, cookie);
+        }
+        fz_close_device(c, dev);
+    }
+    fz_always(c) fz_drop_device(c, dev);
+    fz_catch(c)
+    {
+        fz_drop_display_list(c, list);
+        fz_rethrow(c);
+    }
+    return list;
+}
+
 } // namespace
 
 bool PdfPage::load()
@@ -109,7 +217,7 @@ bool PdfPage::load()
     const int at = index();
     if (at < 0 || isUnplacedCopy_)
         return false;
-    if (!mu::tryGuard([&](fz_context *c) { native_->loaded = pdf_load_page(c, core_->doc, at); }))
+    if (!mu::tryGuard([&](fz_context *c) { native_->loaded = loadBounded(c, core_->doc, at); }))
         return false;
     touch(core_->loadedPages, this);
     while (int(core_->loadedPages.size()) > PdfDocument::loadedPageBudget)
@@ -121,7 +229,7 @@ void PdfPage::unload()
 {
     if (!native_->loaded)
         return;
-    fz_drop_page(mu::ctx(), &native_->loaded->super);
+    mu::release([this](fz_context *c) { fz_drop_page(c, &native_->loaded->super); });
     native_->loaded = nullptr;
     auto &list = core_->loadedPages;
     list.erase(std::remove(list.begin(), list.end(), this), list.end());
@@ -381,45 +489,85 @@ std::shared_ptr<PdfDisplayList> PdfPage::displayList(const PdfRenderOptions &opt
     pdf_obj *only = options.only && options.only->page().get() == this ? options.only->native_->obj : nullptr;
     if (options.only && !only)
         return nullptr;
-    // Annotations drawn: all but the skipped one, or the one asked for alone.
-    auto drawn = [skip, only](fz_context *c, pdf_annot *a) {
-        pdf_obj *obj = pdf_annot_obj(c, a);
-        return only ? !pdf_objcmp(c, obj, only) : !skip || pdf_objcmp(c, obj, skip);
-    };
     fz_display_list *list = nullptr;
     fz_rect bounds{};
-    const bool ok = mu::tryGuard([&](fz_context *c) {
-        bounds = fz_bound_page(c, &page->super);
-        list = fz_new_display_list(c, bounds);
-        fz_device *dev = nullptr;
-        fz_var(dev);
-        fz_try(c)
-        {
-            dev = fz_new_list_device(c, list);
-            if (!only)
-                pdf_run_page_contents(c, page, dev, fz_identity, nullptr);
-            if (options.annotations || only) {
-                for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
-                    if (drawn(c, a))
-                        pdf_run_annot(c, a, dev, fz_identity, nullptr);
-                for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
-                    if (drawn(c, w))
-                        pdf_run_annot(c, w, dev, fz_identity, nullptr);
-            }
-            fz_close_device(c, dev);
-        }
-        fz_always(c) fz_drop_device(c, dev);
-        fz_catch(c)
-        {
-            fz_drop_display_list(c, list);
-            list = nullptr;
-            fz_rethrow(c);
-        }
-    });
+    const bool ok =
+        mu::tryGuard([&](fz_context *c) { list = recordList(c, page, options.annotations, skip, only, nullptr, bounds); });
     if (!ok)
         return nullptr;
     return std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
                                             QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0), only != nullptr);
+}
+
+std::shared_ptr<PdfPageRecording> PdfPage::recording(const PdfRenderOptions &options)
+{
+    const int at = index();
+    if (at < 0 || isUnplacedCopy_)
+        return nullptr;
+    auto native = std::make_unique<PdfPageRecording::Native>();
+    fz_context *c = mu::ctx();
+    native->doc = pdf_keep_document(c, core_->doc);
+    native->page = pdf_keep_obj(c, native_->obj);
+    if (options.skip && options.skip->page().get() == this)
+        native->skip = pdf_keep_obj(c, options.skip->native_->obj);
+    native->number = at;
+    native->annotations = options.annotations;
+    return std::shared_ptr<PdfPageRecording>(new PdfPageRecording(std::move(native)));
+}
+
+PdfPageRecording::PdfPageRecording(std::unique_ptr<Native> native) : native_(std::move(native)) {}
+
+PdfPageRecording::~PdfPageRecording()
+{
+    // The last reference to a document closed meanwhile frees it: under the lock.
+    mu::tryGuard([this](fz_context *c) {
+        pdf_drop_obj(c, native_->skip);
+        pdf_drop_obj(c, native_->page);
+        pdf_drop_document(c, native_->doc);
+    });
+}
+
+void PdfPageRecording::abort()
+{
+    mu::abort(&native_->cookie);
+}
+
+PdfPageRecording::Result PdfPageRecording::record()
+{
+    Native &n = *native_;
+    if (mu::aborted(&n.cookie))
+        return Result::Interrupted;
+    mu::RecordingHold hold(&n.cookie);
+    if (!hold.held() || mu::aborted(&n.cookie))
+        return Result::Interrupted;
+    fz_display_list *list = nullptr;
+    fz_rect bounds{};
+    bool moved = false;
+    const bool ok = mu::tryGuard([&](fz_context *c) {
+        // Pages moved since it was set up: another page has this number now, or none.
+        moved = n.number >= pdf_count_pages(c, n.doc) ||
+                pdf_resolve_indirect(c, pdf_lookup_page_obj(c, n.doc, n.number)) != pdf_resolve_indirect(c, n.page);
+        if (moved)
+            return;
+        pdf_page *page = loadBounded(c, n.doc, n.number);
+        fz_try(c)
+        {
+            // MuPDF may still hold the page that had this number before.
+            moved = pdf_resolve_indirect(c, page->obj) != pdf_resolve_indirect(c, n.page);
+            if (!moved)
+                list = recordList(c, page, n.annotations, n.skip, nullptr, &n.cookie, bounds);
+        }
+        fz_always(c) fz_drop_page(c, &page->super);
+        fz_catch(c) fz_rethrow(c);
+    });
+    if (ok && !moved && !mu::aborted(&n.cookie)) {
+        list_ = std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
+                                                 QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+        return Result::Recorded;
+    }
+    mu::release([list](fz_context *c) { fz_drop_display_list(c, list); });
+    // A recording aborted half-way fails in MuPDF too: it is tried again, not given up.
+    return ok || mu::aborted(&n.cookie) || moved ? Result::Interrupted : Result::Failed;
 }
 
 QImage PdfPage::render(qreal scale, const PdfRenderOptions &options)

@@ -18,6 +18,7 @@
 struct DocCore;
 class PdfDisplayList;
 class PdfDocument;
+class PdfPageRecording;
 
 class PdfPage : public std::enable_shared_from_this<PdfPage> {
 public:
@@ -59,6 +60,9 @@ public:
     QImage render(qreal scale, QRectF displayRegion, const PdfRenderOptions &options);
     QImage thumbnail(QSize size, PdfBox box = PdfBox::Crop);
     std::shared_ptr<PdfDisplayList> displayList(const PdfRenderOptions &options = {});
+    // The same list, to be recorded on another thread; none for a page
+    // outside a document.
+    std::shared_ptr<PdfPageRecording> recording(const PdfRenderOptions &options = {});
 
     // Text. The plain text has a line feed after every line.
     QString text();
@@ -102,4 +106,32 @@ private:
     bool annotationsRead_ = false;
     std::vector<std::shared_ptr<PdfAnnotation>> annotations_;
     std::unique_ptr<Text> text_;
+};
+
+// A display list of a page recorded away from the thread that owns the
+// document: set up there (PdfPage::recording), recorded on a worker thread
+// while the owner goes on using the document.
+class PdfPageRecording {
+public:
+    enum class Result { Recorded, Failed, Interrupted };
+    ~PdfPageRecording();
+    PdfPageRecording(const PdfPageRecording &) = delete;
+    PdfPageRecording &operator=(const PdfPageRecording &) = delete;
+
+    // Records the page as it is now. Interrupted when another thread needed
+    // the document meanwhile, the page is no longer where it was, or abort()
+    // was called: nothing was recorded, and a new recording may be tried.
+    Result record();
+    // What record() made, once it answered Recorded.
+    std::shared_ptr<PdfDisplayList> list() const { return list_; }
+    // Ends a recording under way soon; any thread may call it.
+    void abort();
+
+private:
+    friend class PdfPage;
+    struct Native;
+    explicit PdfPageRecording(std::unique_ptr<Native> native);
+
+    std::unique_ptr<Native> native_;
+    std::shared_ptr<PdfDisplayList> list_;
 };

@@ -19,8 +19,10 @@ namespace {
 
 // Display lists kept for pages near the view, so a zoom needs no new recording.
 constexpr size_t maxLists = 32;
-// Time the user-interface thread may spend recording display lists per turn.
-constexpr qint64 recordBudgetNs = 4'000'000;
+// Recordings under way or queued at once; the most urgent pages go first.
+constexpr int maxRecordings = 2;
+// A recording interrupted because the document was needed is tried again after this.
+constexpr int retryMs = 10;
 // Spare image buffers kept for reuse (a fresh buffer costs page faults).
 constexpr size_t maxBuffers = 6;
 
@@ -31,6 +33,30 @@ void yieldToInterface()
 #ifdef Q_OS_LINUX
     thread_local const bool lowered = [] { return setpriority(PRIO_PROCESS, pid_t(gettid()), 5) == 0; }();
     Q_UNUSED(lowered);
+#endif
+}
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void *addr);
+extern "C" void __tsan_release(void *addr);
+char queues;
+#endif
+
+// Qt hands a job to a pool thread through a queue under a lock of its own
+// that ThreadSanitizer cannot see (Qt is not built with it). These tell it
+// where that happens, as one lock over Qt's queues would; they are nothing
+// in other builds. (Results come back through the cache's own inbox.)
+void handOver()
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(&queues);
+#endif
+}
+
+void takeOver()
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_acquire(&queues);
 #endif
 }
 
@@ -48,18 +74,45 @@ qint64 bytesOf(QSize size)
 
 PageRenderCache::PageRenderCache(QObject *parent) : QObject(parent)
 {
-    // The user-interface thread records display lists and paints: leave it a core.
+    // The user-interface thread paints and the recorder records: leave them a core.
     pool_.setMaxThreadCount(std::max(1, QThread::idealThreadCount() - 1));
+    recorder_.setMaxThreadCount(1);
     scheduleTimer_.setSingleShot(true);
     scheduleTimer_.setInterval(0);
     connect(&scheduleTimer_, &QTimer::timeout, this, &PageRenderCache::schedule);
+    retryTimer_.setSingleShot(true);
+    retryTimer_.setInterval(retryMs);
+    connect(&retryTimer_, &QTimer::timeout, this, &PageRenderCache::schedule);
 }
 
 PageRenderCache::~PageRenderCache()
 {
     // Workers post their results to this object: let them finish first.
-    cancelJobs(true);
+    clear();
     pool_.waitForDone();
+    recorder_.waitForDone();
+    std::lock_guard hold(inboxLock_);
+    inbox_.clear();
+}
+
+void PageRenderCache::post(std::function<void()> result)
+{
+    {
+        std::lock_guard hold(inboxLock_);
+        inbox_.push_back(std::move(result));
+    }
+    QMetaObject::invokeMethod(this, "deliver", Qt::QueuedConnection);
+}
+
+void PageRenderCache::deliver()
+{
+    std::vector<std::function<void()>> results;
+    {
+        std::lock_guard hold(inboxLock_);
+        results.swap(inbox_);
+    }
+    for (auto &result : results)
+        result();
 }
 
 void PageRenderCache::setLimit(qint64 bytes)
@@ -162,7 +215,7 @@ void PageRenderCache::invalidate(const PdfPage *page, const QRectF &displayArea)
             entries_.insert(std::move(node));
         }
     }
-    lists_.erase(page);
+    dropList(page);
     wantedKeys_.clear();
     for (const Tile &tile : wanted_)
         wantedKeys_.insert(keyOf(tile));
@@ -176,7 +229,7 @@ void PageRenderCache::forget(const PdfPage *page)
         bytes_ -= bytesOf(it->second.image.size());
         it = entries_.erase(it);
     }
-    lists_.erase(page);
+    dropList(page);
     const auto onPage = [page](const Tile &tile) { return tile.page.get() == page; };
     urgent_ -= int(std::count_if(wanted_.begin(), wanted_.begin() + urgent_, onPage));
     std::erase_if(wanted_, onPage);
@@ -191,8 +244,19 @@ void PageRenderCache::clear()
     wantedKeys_.clear();
     cancelJobs(true);
     entries_.clear();
-    lists_.clear();
+    while (!lists_.empty())
+        dropList(lists_.begin()->first);
     bytes_ = 0;
+}
+
+void PageRenderCache::dropList(const PdfPage *page)
+{
+    auto it = lists_.find(page);
+    if (it == lists_.end())
+        return;
+    if (it->second.recording)
+        it->second.recording->abort();
+    lists_.erase(it);
 }
 
 void PageRenderCache::cancelJobs(bool all)
@@ -209,8 +273,6 @@ void PageRenderCache::cancelJobs(bool all)
 
 void PageRenderCache::schedule()
 {
-    QElapsedTimer clock;
-    clock.start();
     const size_t maxJobs = size_t(pool_.maxThreadCount()) + 1;
     for (size_t i = 0; i < wanted_.size(); ++i) {
         if (jobs_.size() >= maxJobs)
@@ -219,19 +281,12 @@ void PageRenderCache::schedule()
         const Key key = keyOf(tile);
         if (entries_.contains(key) || jobs_.contains(key))
             continue;
-        bool recorded = false;
-        auto list = displayList(tile.page, recorded);
-        if (list)
+        if (auto list = displayList(tile.page))
             start(tile, key, std::move(list), int(i) < urgent_);
-        if (recorded && clock.nsecsElapsed() > recordBudgetNs) {
-            // Leave the rest for the next turn so that painting and input go first.
-            scheduleTimer_.start();
-            return;
-        }
     }
 }
 
-std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_ptr<PdfPage> &page, bool &recorded)
+std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_ptr<PdfPage> &page)
 {
     const quint64 generation = generationOf(page.get());
     auto it = lists_.find(page.get());
@@ -239,19 +294,55 @@ std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_p
         it->second.used = ++clock_;
         return it->second.list;
     }
-    recorded = true;
+    const auto recording = [](const auto &entry) { return entry.second.recording != nullptr; };
+    if (std::count_if(lists_.begin(), lists_.end(), recording) >= maxRecordings)
+        return nullptr; // the next one starts when one of these ends
+    dropList(page.get());
     PdfRenderOptions options;
     options.skip = hidden_;
-    auto list = page->displayList(options);
-    lists_[page.get()] = List{page, list, generation, ++clock_, !list};
+    auto made = page->recording(options);
+    lists_[page.get()] = List{page, nullptr, made, generation, ++clock_, !made};
     if (lists_.size() > maxLists) {
         auto oldest = std::min_element(lists_.begin(), lists_.end(),
                                        [](const auto &a, const auto &b) { return a.second.used < b.second.used; });
-        lists_.erase(oldest);
+        dropList(oldest->first);
     }
-    if (!list)
+    if (!made) {
         emit pictureReady(page.get()); // it no longer holds up completeness
-    return list;
+        return nullptr;
+    }
+    QRunnable *job = QRunnable::create([this, key = page.get(), made] {
+        takeOver();
+        yieldToInterface();
+        const int result = int(made->record());
+        post([this, key, made, result] { recorded(key, made, result); });
+    });
+    handOver();
+    recorder_.start(job);
+    return nullptr;
+}
+
+void PageRenderCache::recorded(const PdfPage *page, const std::shared_ptr<PdfPageRecording> &recording, int result)
+{
+    auto it = lists_.find(page);
+    if (it == lists_.end() || it->second.recording != recording)
+        return; // the page changed or left meanwhile
+    List &entry = it->second;
+    entry.recording.reset();
+    switch (PdfPageRecording::Result(result)) {
+    case PdfPageRecording::Result::Recorded:
+        entry.list = recording->list();
+        break;
+    case PdfPageRecording::Result::Failed:
+        entry.failed = true;
+        emit pictureReady(page);
+        break;
+    case PdfPageRecording::Result::Interrupted:
+        lists_.erase(it);
+        retryTimer_.start();
+        return;
+    }
+    schedule();
 }
 
 namespace {
@@ -268,6 +359,7 @@ public:
 
     void run() override
     {
+        takeOver();
         yieldToInterface();
         const bool ok = !cancelled_->load() && list_->renderInto(image_, scale_, origin_);
         // Pages are opaque: as RGB32 the picture is copied, not blended, when painted.
@@ -295,12 +387,11 @@ void PageRenderCache::start(const Tile &tile, const Key &key, std::shared_ptr<Pd
     QImage buffer = takeBuffer(tile.rect.size());
     const QPointF origin(tile.rect.x() / tile.scale, tile.rect.y() / tile.scale);
     auto done = [this, key, id](QImage image, bool ok) {
-        QMetaObject::invokeMethod(
-            this, [this, key, id, image = std::move(image), ok]() mutable { finished(key, id, std::move(image), ok); },
-            Qt::QueuedConnection);
+        post([this, key, id, image = std::move(image), ok]() mutable { finished(key, id, std::move(image), ok); });
     };
-    pool_.start(new RenderJob(std::move(list), std::move(buffer), tile.scale, origin, std::move(cancelled), std::move(done)),
-                urgent ? 1 : 0);
+    auto *job = new RenderJob(std::move(list), std::move(buffer), tile.scale, origin, std::move(cancelled), std::move(done));
+    handOver();
+    pool_.start(job, urgent ? 1 : 0);
 }
 
 void PageRenderCache::finished(Key key, quint64 jobId, QImage image, bool ok)

@@ -1,10 +1,11 @@
 // Pictures of pages for the view. A page is drawn in tiles at a resolution;
 // tiles are played back from display lists on worker threads and kept in a
 // cache bounded in bytes (least recently used first out). Display lists are
-// recorded here, on the user-interface thread, a few per event-loop turn.
+// recorded on a worker thread too, so that no page, whatever it holds, keeps
+// the user-interface thread waiting: the engine interrupts a recording when
+// that thread needs the document, and it is tried again a moment later.
 #pragma once
 
-#include <QElapsedTimer>
 #include <QImage>
 #include <QObject>
 #include <QRect>
@@ -12,8 +13,10 @@
 #include <QTimer>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -21,6 +24,7 @@
 class PdfAnnotation;
 class PdfDisplayList;
 class PdfPage;
+class PdfPageRecording;
 
 class PageRenderCache : public QObject {
     Q_OBJECT
@@ -73,6 +77,11 @@ signals:
     void pictureReady(const PdfPage *page);
 
 private:
+    // Results of workers come back through an inbox of the cache's own:
+    // `post` (any thread) queues one and has `deliver` (this thread) run them.
+    void post(std::function<void()> result);
+    Q_INVOKABLE void deliver();
+
     struct Key {
         const PdfPage *page;
         quint64 generation;
@@ -95,6 +104,7 @@ private:
     struct List {
         std::shared_ptr<PdfPage> page;
         std::shared_ptr<PdfDisplayList> list;
+        std::shared_ptr<PdfPageRecording> recording; // while it is recorded
         quint64 generation;
         quint64 used;
         bool failed;
@@ -103,7 +113,10 @@ private:
     Key keyOf(const Tile &tile) const;
     quint64 generationOf(const PdfPage *page) const;
     void schedule();
-    std::shared_ptr<PdfDisplayList> displayList(const std::shared_ptr<PdfPage> &page, bool &recorded);
+    // The page's list as it is now; null while it is recorded or when it cannot be.
+    std::shared_ptr<PdfDisplayList> displayList(const std::shared_ptr<PdfPage> &page);
+    void recorded(const PdfPage *page, const std::shared_ptr<PdfPageRecording> &recording, int result);
+    void dropList(const PdfPage *page);
     void start(const Tile &tile, const Key &key, std::shared_ptr<PdfDisplayList> list, bool urgent);
     void finished(Key key, quint64 jobId, QImage image, bool ok);
     void store(const Key &key, const Tile &tile, QImage image);
@@ -113,7 +126,10 @@ private:
     void cancelJobs(bool all);
 
     QThreadPool pool_;
+    // One thread records: recordings take the document in turn anyway.
+    QThreadPool recorder_;
     QTimer scheduleTimer_;
+    QTimer retryTimer_;
     qint64 limit_ = 64ll << 20;
     qint64 bytes_ = 0;
     quint64 clock_ = 0;
@@ -127,5 +143,7 @@ private:
     std::unordered_map<const PdfPage *, quint64> generations_;
     std::unordered_map<const PdfPage *, List> lists_;
     std::vector<QImage> buffers_;
+    std::mutex inboxLock_;
+    std::vector<std::function<void()>> inbox_;
     std::shared_ptr<PdfAnnotation> hidden_;
 };

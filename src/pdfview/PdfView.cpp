@@ -274,7 +274,7 @@ QTransform PdfView::displayToView(int index) const
 QSize PdfView::pagePixels(int index, qreal scale) const
 {
     const QSizeF size = layout_.pageSize(index) * scale;
-    return QSize(std::max(1, int(std::lround(size.width()))), std::max(1, int(std::lround(size.height()))));
+    return QSize(PdfViewLayout::pixels(size.width()), PdfViewLayout::pixels(size.height()));
 }
 
 PdfView::Anchor PdfView::anchorAt(QPointF viewPoint) const
@@ -298,8 +298,11 @@ void PdfView::scrollContentTo(QPointF contentPoint)
 {
     const int spare = std::max(0, viewport()->width() - layout_.contentSize().width());
     // Vertically first: the page gone to must be on screen when the current page is worked out.
-    verticalScrollBar()->setValue(int(std::lround(contentPoint.y())));
-    horizontalScrollBar()->setValue(int(std::lround(contentPoint.x() + spare / 2)));
+    const auto value = [](qreal v) {
+        return int(std::clamp<qreal>(std::round(v), -PdfViewLayout::maxExtent, PdfViewLayout::maxExtent));
+    };
+    verticalScrollBar()->setValue(value(contentPoint.y()));
+    horizontalScrollBar()->setValue(value(contentPoint.x() + spare / 2));
 }
 
 void PdfView::scrollContentsBy(int, int dy)

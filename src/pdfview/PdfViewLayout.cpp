@@ -18,19 +18,27 @@ void PdfViewLayout::setScale(qreal scale)
     relayout();
 }
 
+int PdfViewLayout::pixels(qreal length)
+{
+    if (!(length < qreal(maxExtent))) // also NaN
+        return int(maxExtent);
+    return std::max(1, int(std::lround(length)));
+}
+
 void PdfViewLayout::relayout()
 {
     rects_.clear();
     rects_.reserve(sizes_.size());
-    const int columnWidth = int(std::lround(maxWidth_ * scale_));
-    int y = margin;
+    const int columnWidth = pixels(maxWidth_ * scale_);
+    qint64 y = margin;
     for (const QSizeF &s : sizes_) {
-        const int w = std::max(1, int(std::lround(s.width() * scale_)));
-        const int h = std::max(1, int(std::lround(s.height() * scale_)));
-        rects_.emplace_back(margin + (columnWidth - w) / 2, y, w, h);
-        y += h + gap;
+        const int w = pixels(s.width() * scale_);
+        const int top = int(std::min(y, maxExtent));
+        const int h = std::max(1, std::min(pixels(s.height() * scale_), int(maxExtent) - top));
+        rects_.emplace_back(margin + (columnWidth - w) / 2, top, w, h);
+        y = top + qint64(h) + gap;
     }
-    content_ = sizes_.empty() ? QSize(0, 0) : QSize(columnWidth + 2 * margin, y - gap + margin);
+    content_ = sizes_.empty() ? QSize(0, 0) : QSize(columnWidth + 2 * margin, int(std::min(y - gap, maxExtent)) + margin);
 }
 
 qreal PdfViewLayout::fitWidthScale(qreal width) const
@@ -44,10 +52,10 @@ int PdfViewLayout::contentHeightAt(qreal scale) const
 {
     if (sizes_.empty())
         return 0;
-    int y = margin;
+    qint64 y = margin;
     for (const QSizeF &s : sizes_)
-        y += std::max(1, int(std::lround(s.height() * scale))) + gap;
-    return y - gap + margin;
+        y = std::min(y + pixels(s.height() * scale) + gap, maxExtent + gap);
+    return int(y - gap) + margin;
 }
 
 int PdfViewLayout::pageAt(QPointF point, bool nearest) const

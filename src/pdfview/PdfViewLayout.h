@@ -7,6 +7,7 @@
 #include <QRect>
 #include <QSize>
 #include <QSizeF>
+#include <QtGlobal>
 
 #include <utility>
 #include <vector>
@@ -16,6 +17,12 @@ public:
     // Space around the column and between two pages, in logical pixels at every zoom.
     static constexpr int margin = 8;
     static constexpr int gap = 8;
+    // The most pixels the column and any page in it take either way: a
+    // scroll bar's range is an int, and a damaged file can claim pages of
+    // any size. Pages beyond it are laid out at its end.
+    static constexpr qint64 maxExtent = qint64(1) << 30;
+    // A length in pixels, whole, at least 1 and at most maxExtent.
+    static int pixels(qreal length);
 
     // Page sizes as shown (rotation applied), in points.
     void setPageSizes(std::vector<QSizeF> sizes);

@@ -182,11 +182,12 @@ void PdfView::paintSelection(QPainter &painter, int index)
     QColor color = palette().color(QPalette::Highlight);
     color.setAlpha(90);
     const auto &page = pages_[size_t(index)];
-    // One region, so that where line boxes overlap the tint is not doubled.
+    // One region, so that where line boxes overlap the tint is not doubled;
+    // only what is on screen (a line of a huge page can lie beyond any int).
     QRegion region;
     for (const auto &line : selection_->lines())
         if (line.page == page)
-            region += convertFromPage(line.bounds, page).toAlignedRect();
+            region += convertFromPage(line.bounds, page).intersected(QRectF(viewport()->rect())).toAlignedRect();
     for (const QRect &rect : region)
         painter.fillRect(rect, color);
 }

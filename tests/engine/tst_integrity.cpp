@@ -5,6 +5,7 @@
 #include "FixtureBuilder.h"
 #include "LegacyKeys.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfInspect.h"
 #include "PdfPage.h"
@@ -21,6 +22,7 @@
 #include <cstdlib>
 #include <functional>
 #include <new>
+#include <thread>
 
 #include <csignal>
 #include <sys/resource.h>
@@ -412,6 +414,18 @@ void TestEngineIntegrity::mupdfErrorsStayContained()
         return std::all_of(made.begin(), made.end(), [&](const auto &a) { return a->page() == page; });
     };
     QVERIFY(failuresWithoutLeaks(annotateOnce) > 0);
+
+    // A thread whose engine context cannot be made (memory is out) draws
+    // nothing and lets go of what it was handed without dying.
+    auto list = PdfDocument::open(path("plain.pdf"))->page(0)->displayList();
+    bool drawn = true;
+    mu::testing::failAllocationAfter(0);
+    std::thread([&] {
+        drawn = !list->render(0.5).isNull();
+        list.reset();
+    }).join();
+    mu::testing::failAllocationAfter(-1);
+    QVERIFY(!drawn && !list);
 }
 
 // Opening a file reads its page list; once the document and its pages are

@@ -126,6 +126,7 @@ private slots:
     void pagesReadStayWithinTheirBudget();
     void anAnnotationChangeRedrawsOnlyItsTiles();
     void overlayChoosesItsEvents();
+    void hostilePagesAndEditsWhileRendering();
 
 private:
     std::shared_ptr<PdfDocument> open(const std::vector<fixtures::PageSpec> &pages);
@@ -313,13 +314,11 @@ void TestPdfView::geometryOnOffsetBoxes()
     for (int k = 1; k <= 4; ++k) {
         pages[size_t(k)].mediaBox = QRectF(100, 200, 612, 792);
         pages[size_t(k)].rotation = (k - 1) * 90;
-        pages[size_t(k)].annotations.push_back(
-            {"<< /Type /Annot /Subtype /Square /F 4", square, "0 0 1 rg 300 800 60 60 re f"});
+        pages[size_t(k)].annotations.push_back({"<< /Type /Annot /Subtype /Square /F 4", square, "0 0 1 rg 300 800 60 60 re f"});
         // Page k is object 4k + 2: each page before it has a page, contents and two annotation objects.
-        pages[7].annotations.push_back({"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [" + QByteArray::number(4 * k + 2)
-                                            + " 0 R /XYZ 250 700 null]",
-                                        QRectF(50 + 120 * (k - 1), 100, 80, 30),
-                                        ""});
+        pages[7].annotations.push_back(
+            {"<< /Type /Annot /Subtype /Link /Border [0 0 0] /Dest [" + QByteArray::number(4 * k + 2) + " 0 R /XYZ 250 700 null]",
+             QRectF(50 + 120 * (k - 1), 100, 80, 30), ""});
     }
     pages[4].cropBox = QRectF(150, 260, 500, 650);
     auto doc = open(pages);
@@ -333,7 +332,10 @@ void TestPdfView::geometryOnOffsetBoxes()
     // The corner of the box shown at the top left, per rotation.
     auto topLeftCorner = [](const QRectF &box, int rotation) {
         const qreal x0 = box.left(), y0 = box.top(), x1 = box.left() + box.width(), y1 = box.top() + box.height();
-        return rotation == 0 ? QPointF(x0, y1) : rotation == 90 ? QPointF(x0, y0) : rotation == 180 ? QPointF(x1, y0) : QPointF(x1, y1);
+        return rotation == 0     ? QPointF(x0, y1)
+               : rotation == 90  ? QPointF(x0, y0)
+               : rotation == 180 ? QPointF(x1, y0)
+                                 : QPointF(x1, y1);
     };
     for (int k = 1; k <= 4; ++k) {
         const QString at = QStringLiteral("page %1 at %2").arg(k).arg(scale);
@@ -883,3 +885,58 @@ void TestPdfView::overlayChoosesItsEvents()
 
 QTEST_MAIN(TestPdfView)
 #include "tst_pdfview.moc"
+
+// Pages that cost much to read are read off the user-interface thread, pages
+// of absurd size are laid out within what a scroll bar holds, and the
+// document can be edited, saved and have pages removed while workers render.
+void TestPdfView::hostilePagesAndEditsWhileRendering()
+{
+    std::vector<fixtures::PageSpec> pages = fixtures::numberedPages(4);
+    // Ten megabytes of free text without an appearance, which MuPDF lays out.
+    const QByteArray text = QByteArray("lorem ipsum dolor sit amet ").repeated(400000);
+    pages[0].annotations.push_back({"<< /Type /Annot /Subtype /FreeText /DA (/Helv 12 Tf 0 g) /Contents (" + text + ")",
+                                    QRectF(72, 300, 300, 200), QByteArray()});
+    pages[1].mediaBox = pages[2].mediaBox = QRectF(0, 0, 1e9, 1e9);
+    auto doc = open(pages);
+    QVERIFY(doc);
+    view_->setDocument(doc);
+    showView();
+    view_->setScaleFactor(1.0);
+    view_->goToPoint(doc->page(0), QPointF(60, 510));
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    // The view's pictures are recorded on a worker: the user-interface thread loaded no page.
+    QCOMPARE(doc->loadedPageCount(), 0);
+    const QRectF box = view_->convertFromPage(QRectF(72, 300, 300, 200), doc->page(0));
+    const QImage shot = view_->viewport()->grab(box.toAlignedRect()).toImage();
+    int dark = 0;
+    for (int y = 0; y < shot.height(); ++y)
+        for (int x = 0; x < shot.width(); ++x)
+            dark += qGray(shot.pixel(x, y)) < 128;
+    QVERIFY2(dark > 500, qPrintable(QString::number(dark))); // the text, as far as its box shows it
+
+    view_->setScaleFactor(6.0);
+    QScrollBar *bar = view_->verticalScrollBar();
+    QVERIFY(bar->maximum() > 1 << 29);
+    QVERIFY(pageRect(*view_, doc->page(3)).top() >= pageRect(*view_, doc->page(2)).top());
+    bar->setValue(bar->maximum());
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+
+    // Edits, saves and removals while tiles are rendered and lists recorded.
+    view_->setScaleFactor(1.0);
+    auto kept = doc->page(3);
+    for (int round = 0; round < 6; ++round) {
+        view_->goToPage(doc->page(round % doc->pageCount()));
+        auto square = PdfAnnotation::create(QRectF(100, 100, 50, 50), PdfAnnotation::Square);
+        square->setColor(Qt::red);
+        kept->addAnnotation(square);
+        QVERIFY(doc->write(dir_.filePath(QStringLiteral("saved.pdf"))));
+        auto removed = doc->page(0);
+        QVERIFY(doc->removePage(0));
+        QTest::qWait(5);
+        QVERIFY(doc->insert(removed, doc->pageCount()));
+        kept->removeAnnotation(square);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(view_->isRenderingComplete(), renderTimeoutMs);
+    QCOMPARE(doc->pageCount(), 4);
+    QVERIFY(PdfDocument::open(dir_.filePath(QStringLiteral("saved.pdf"))));
+}

@@ -184,8 +184,8 @@ QByteArray buildStructuredPdf(const StructuredSpec &spec)
             const int dictNumber = objects.reserve();
             annots += ref(dictNumber) + ' ';
             const QByteArray popupRef = a.popup ? " /Popup " + ref(dictNumber + 2) : QByteArray();
-            objects.set(dictNumber, a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + " /AP << /N " +
-                                        ref(dictNumber + 1) + " >> >>");
+            const QByteArray ap = a.appearance.isNull() ? QByteArray() : " /AP << /N " + ref(dictNumber + 1) + " >>";
+            objects.set(dictNumber, a.dictionary + " /Rect " + rect(a.rect) + pageRef + popupRef + ap + " >>");
             objects.add(stream("/Type /XObject /Subtype /Form /BBox " + rect(a.rect), a.appearance));
             if (a.popup) {
                 annots += ref(dictNumber + 2) + ' ';

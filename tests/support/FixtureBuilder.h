@@ -24,7 +24,8 @@ struct TextRun {
 
 // An annotation written as it is into the file, as another program would:
 // its dictionary without the closing ">>" and the content of its appearance
-// stream (drawn in page space, the stream's box being `rect`).
+// stream (drawn in page space, the stream's box being `rect`; a null one
+// writes no /AP).
 struct RawAnnotation {
     QByteArray dictionary;
     QRectF rect;

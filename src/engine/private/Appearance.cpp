@@ -5,6 +5,7 @@
 #include "FontFaces.h"
 #include "FontService.h"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <optional>
@@ -82,14 +83,14 @@ struct Resources {
     qreal strokeAlpha = 1;
     qreal fillAlpha = 1;
     bool multiply = false;
-    std::vector<fz_font *> fonts; // the first is the face the default appearance names
+    std::vector<fz_font *> fonts;                                // the first is the face the default appearance names
     std::vector<std::map<int, fontembedding::UsedGlyph>> glyphs; // of each font, by glyph id
     // Text is written once its fonts are embedded, as a subset gives its
     // glyphs codes of its own: the content so far is these pieces, each
     // followed by the codes of a run of glyphs.
     std::vector<QByteArray> pieces;
     std::vector<GlyphRun> runs;
-    QByteArray primaryFontName;   // as written in content streams
+    QByteArray primaryFontName; // as written in content streams
     bool image = false;
 };
 
@@ -210,8 +211,8 @@ QByteArray freeTextContent(const Input &in, Resources &res)
     }
     const qreal border = in.borderWidth.value_or(0);
     if (border > 0 && in.fontColor.isValid())
-        s += colorOperator(in.fontColor, "RG") + number(border) + " w " + number(border / 2) + ' ' + number(border / 2) + ' '
-             + number(w - border) + ' ' + number(h - border) + " re S\n";
+        s += colorOperator(in.fontColor, "RG") + number(border) + " w " + number(border / 2) + ' ' + number(border / 2) + ' ' +
+             number(w - border) + ' ' + number(h - border) + " re S\n";
     s += "0 0 " + number(w) + ' ' + number(h) + " re W n\n";
 
     const PdfFont font = freeTextFont(in.font);
@@ -231,7 +232,14 @@ QByteArray freeTextContent(const Input &in, Resources &res)
     const QColor textColor = in.fontColor.isValid() ? in.fontColor : QColor(Qt::black);
     s += "BT\n" + colorOperator(textColor, "rg");
 
-    const QStringList lines = FontService::instance().wrap(font, in.contents, w - 2 * inset);
+    // Only what the box can show is laid out: the lines that start in it,
+    // from no more text than fills them with the narrowest glyphs.
+    const int shownLines = int(std::clamp(std::floor((h - inset) / lineHeight) + 1, 1.0, 10000.0));
+    const qreal perLine = std::clamp((w - 2 * inset) / (font.size * 0.1) + 2, 2.0, 10000.0);
+    const QString shown = in.contents.left(qsizetype(shownLines * perLine));
+    QStringList lines = FontService::instance().wrap(font, shown, w - 2 * inset);
+    if (lines.size() > shownLines)
+        lines.erase(lines.begin() + shownLines, lines.end());
     for (int i = 0; i < lines.size(); ++i) {
         const qreal baseline = h - inset - ascender * font.size - i * lineHeight;
         s += "1 0 0 1 " + number(inset) + ' ' + number(baseline) + " Tm\n";

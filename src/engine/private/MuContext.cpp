@@ -3,6 +3,7 @@
 #include "Testing.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <mutex>
@@ -48,7 +49,7 @@ void *reallocate(void *, void *old, size_t size)
     return std::realloc(old, size);
 }
 
-void release(void *, void *p)
+void freeBlock(void *, void *p)
 {
     if (!p)
         return;
@@ -74,20 +75,32 @@ void lockFn(void *, int lock)
     }
     locks[lock].lock();
 }
-void unlockFn(void *, int lock) { locks[lock].unlock(); }
+void unlockFn(void *, int lock)
+{
+    locks[lock].unlock();
+}
+
+// A context made with the base one, for releasing references on a thread
+// whose own context cannot be made (made at the start, while memory is
+// there); one thread at a time uses it.
+fz_context *spare = nullptr;
+std::mutex spareLock;
 
 fz_context *baseContext()
 {
     static fz_context *base = [] {
         static fz_locks_context lc{nullptr, lockFn, unlockFn};
-        static fz_alloc_context alloc{nullptr, allocate, reallocate, release};
+        static fz_alloc_context alloc{nullptr, allocate, reallocate, freeBlock};
         fz_context *c = fz_new_context(&alloc, &lc, FZ_STORE_DEFAULT);
         if (!c)
             throw Error("cannot create the PDF engine context");
         fz_register_document_handlers(c);
         // MuPDF prints warnings about damaged files on stderr; they are handled here.
-        fz_set_warning_callback(c, [](void *, const char *) {}, nullptr);
-        fz_set_error_callback(c, [](void *, const char *) {}, nullptr);
+        fz_set_warning_callback(
+            c, [](void *, const char *) {}, nullptr);
+        fz_set_error_callback(
+            c, [](void *, const char *) {}, nullptr);
+        spare = fz_clone_context(c);
         return c;
     }();
     return base;
@@ -102,17 +115,148 @@ struct ThreadContext {
     }
 };
 
+// This thread's context, made on first use; null when it cannot be made.
+fz_context *threadContext() noexcept
+{
+    thread_local ThreadContext tc;
+    if (!tc.context) {
+        try {
+            tc.context = fz_clone_context(baseContext());
+        } catch (const Error &) {
+            return nullptr;
+        }
+    }
+    return tc.context;
+}
+
 } // namespace
 
 fz_context *ctx()
 {
-    thread_local ThreadContext tc;
-    if (!tc.context) {
-        tc.context = fz_clone_context(baseContext());
-        if (!tc.context)
-            throw Error("cannot create the PDF engine context for this thread");
+    if (fz_context *c = threadContext())
+        return c;
+    throw Error("cannot create the PDF engine context for this thread");
+}
+
+void release(void (*fn)(fz_context *, void *), void *arg) noexcept
+{
+    if (fz_context *c = threadContext()) {
+        fn(c, arg);
+        return;
     }
-    return tc.context;
+    std::lock_guard hold(spareLock);
+    if (spare)
+        fn(spare, arg);
+}
+
+namespace {
+
+// The document lock, and who waits for it: threads that use documents wait
+// in turn; a recording that holds it for longer than they wait patiently is
+// told through its cookie to stop.
+struct DocumentLock {
+    std::mutex mutex;
+    std::mutex state; // guards the two below
+    int waiting = 0;
+    fz_cookie *recording = nullptr;
+};
+
+constexpr std::chrono::milliseconds patience{10};
+
+DocumentLock &documentLock()
+{
+    static DocumentLock lock;
+    return lock;
+}
+
+// How many guards of this thread are open inside its hold of the lock.
+thread_local int heldDepth = 0;
+
+void lockDocuments()
+{
+    if (heldDepth++ > 0)
+        return;
+    DocumentLock &lock = documentLock();
+    if (lock.mutex.try_lock())
+        return;
+    {
+        std::lock_guard state(lock.state);
+        ++lock.waiting;
+    }
+    // Polled rather than a timed lock, which ThreadSanitizer cannot follow.
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!lock.mutex.try_lock()) {
+        if (std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            continue;
+        }
+        {
+            std::lock_guard state(lock.state);
+            if (lock.recording)
+                abort(lock.recording);
+        }
+        lock.mutex.lock();
+        break;
+    }
+    std::lock_guard state(lock.state);
+    --lock.waiting;
+}
+
+void unlockDocuments()
+{
+    if (--heldDepth == 0)
+        documentLock().mutex.unlock();
+}
+
+} // namespace
+
+void abort(fz_cookie *cookie)
+{
+    std::atomic_ref(cookie->abort).store(1, std::memory_order_relaxed);
+}
+
+bool aborted(const fz_cookie *cookie)
+{
+    return std::atomic_ref(const_cast<fz_cookie *>(cookie)->abort).load(std::memory_order_relaxed) != 0;
+}
+
+DocumentsHold::DocumentsHold()
+{
+    lockDocuments();
+}
+
+DocumentsHold::~DocumentsHold()
+{
+    unlockDocuments();
+}
+
+RecordingHold::RecordingHold(fz_cookie *cookie)
+{
+    if (heldDepth > 0)
+        return; // a thread that holds the lock does not record on the side
+    DocumentLock &lock = documentLock();
+    lock.mutex.lock();
+    std::lock_guard state(lock.state);
+    if (lock.waiting > 0) {
+        lock.mutex.unlock();
+        return;
+    }
+    lock.recording = cookie;
+    heldDepth = 1;
+    held_ = true;
+}
+
+RecordingHold::~RecordingHold()
+{
+    if (!held_)
+        return;
+    DocumentLock &lock = documentLock();
+    {
+        std::lock_guard state(lock.state);
+        lock.recording = nullptr;
+    }
+    heldDepth = 0;
+    lock.mutex.unlock();
 }
 
 namespace {
@@ -140,13 +284,18 @@ void runCaught(fz_context *c, Call *call)
 
 } // namespace
 
-void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg)
+namespace {
+
+void guarded(fz_context *c, void (*fn)(fz_context *, void *), void *arg)
 {
     Call call{fn, arg, nullptr};
     bool failed = false;
     char message[sizeof c->error.message] = "";
     fz_var(failed);
-    fz_try(c) { runCaught(c, &call); }
+    fz_try(c)
+    {
+        runCaught(c, &call);
+    }
     fz_catch(c)
     {
         failed = true;
@@ -156,6 +305,24 @@ void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg)
         std::rethrow_exception(call.exception);
     if (failed)
         throw Error(message);
+}
+
+} // namespace
+
+void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg, Lock lock)
+{
+    if (lock == Lock::None) {
+        guarded(c, fn, arg);
+        return;
+    }
+    lockDocuments();
+    try {
+        guarded(c, fn, arg);
+    } catch (...) {
+        unlockDocuments();
+        throw;
+    }
+    unlockDocuments();
 }
 
 void putsDrop(fz_context *c, pdf_obj *dict, const char *key, pdf_obj *value)
@@ -177,11 +344,20 @@ void putsDrop(fz_context *c, pdf_obj *dict, const char *key, pdf_obj *value)
 
 namespace testing {
 
-long long liveAllocations() { return liveBlocks.load(); }
+long long liveAllocations()
+{
+    return liveBlocks.load();
+}
 
-void failAllocationAfter(long long count) { allocationsUntilFailure.store(count); }
+void failAllocationAfter(long long count)
+{
+    allocationsUntilFailure.store(count);
+}
 
-void emptyCaches() { fz_empty_store(ctx()); }
+void emptyCaches()
+{
+    fz_empty_store(ctx());
+}
 
 int errorDepth()
 {
@@ -192,7 +368,10 @@ int errorDepth()
 void throwThroughNestedTry(void (*thrower)())
 {
     guard([&](fz_context *c) {
-        fz_try(c) { thrower(); }
+        fz_try(c)
+        {
+            thrower();
+        }
         fz_catch(c) fz_rethrow(c);
     });
 }

@@ -22,22 +22,39 @@ struct Error : std::runtime_error {
 // used on one thread and display lists played back on others.
 fz_context *ctx();
 
+// Runs `fn` with a MuPDF context for dropping references: this thread's, or,
+// when it cannot be made (memory is short), a spare one lent under a lock.
+// Never throws, so destructors can use it.
+void release(void (*fn)(fz_context *, void *), void *arg) noexcept;
+template <class F> void release(F &&f) noexcept
+{
+    release([](fz_context *c, void *p) { (*static_cast<std::remove_reference_t<F> *>(p))(c); }, &f);
+}
+
+// Documents: MuPDF's documents are not safe to use from two threads at once,
+// so every guarded call holds the engine's document lock (a thread's nested
+// guards take it once). A display list recorded on a worker holds it with a
+// RecordingHold and gives it up as soon as another thread asks for it: that
+// thread sets the recording's cookie to abort, and the recording is tried
+// again later. Playing back a display list uses no document and takes no lock.
+enum class Lock { Documents, None };
+
 // Runs fn(ctx, arg) inside fz_try; a MuPDF error becomes mu::Error. The callable
 // must not have C++ objects with destructors alive while it calls MuPDF.
-void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg);
+void guardImpl(fz_context *c, void (*fn)(fz_context *, void *), void *arg, Lock lock);
 
-template <class F> void guard(F &&f)
+template <class F> void guard(F &&f, Lock lock = Lock::Documents)
 {
     auto trampoline = [](fz_context *c, void *p) { (*static_cast<std::remove_reference_t<F> *>(p))(c); };
-    guardImpl(ctx(), trampoline, &f);
+    guardImpl(ctx(), trampoline, &f, lock);
 }
 
 // Same, but false instead of an exception, also when memory runs out for
 // the C++ side of the work.
-template <class F> bool tryGuard(F &&f) noexcept
+template <class F> bool tryGuard(F &&f, Lock lock = Lock::Documents) noexcept
 {
     try {
-        guard(std::forward<F>(f));
+        guard(std::forward<F>(f), lock);
         return true;
     } catch (const Error &) {
         return false;
@@ -45,6 +62,36 @@ template <class F> bool tryGuard(F &&f) noexcept
         return false;
     }
 }
+
+// Holds the document lock across several guarded calls that other threads
+// must see whole or not at all: a page list rewritten, a document written.
+class DocumentsHold {
+public:
+    DocumentsHold();
+    ~DocumentsHold();
+    DocumentsHold(const DocumentsHold &) = delete;
+    DocumentsHold &operator=(const DocumentsHold &) = delete;
+};
+
+// Holds the document lock for a recording on a worker thread. It is not
+// taken (held() is false) while another thread waits for it; once held,
+// a thread that asks for it sets `cookie->abort`, and the recording must
+// end soon after.
+class RecordingHold {
+public:
+    explicit RecordingHold(fz_cookie *cookie);
+    ~RecordingHold();
+    RecordingHold(const RecordingHold &) = delete;
+    RecordingHold &operator=(const RecordingHold &) = delete;
+    bool held() const { return held_; }
+
+private:
+    bool held_ = false;
+};
+
+// Asks a recording to stop, from any thread.
+void abort(fz_cookie *cookie);
+bool aborted(const fz_cookie *cookie);
 
 // Runs f(ctx) under a guard of its own and returns its result. Code that
 // keeps C++ objects alive between MuPDF calls makes each call through this,
@@ -78,7 +125,10 @@ class Obj {
 public:
     Obj() = default;
     explicit Obj(pdf_obj *taken) : obj_(taken) {}
-    ~Obj() { pdf_drop_obj(ctx(), obj_); }
+    ~Obj()
+    {
+        mu::release([this](fz_context *c) { pdf_drop_obj(c, obj_); });
+    }
     Obj(Obj &&other) noexcept : obj_(std::exchange(other.obj_, nullptr)) {}
     Obj &operator=(Obj &&other) noexcept
     {

@@ -9,14 +9,23 @@
 
 struct PdfPage::Native {
     explicit Native(pdf_obj *page = nullptr) : obj(page) {}
-    pdf_obj *obj = nullptr;       // the page dictionary (a reference we own)
-    pdf_page *loaded = nullptr;   // MuPDF's loaded page, while it is kept
+    pdf_obj *obj = nullptr;     // the page dictionary (a reference we own)
+    pdf_page *loaded = nullptr; // MuPDF's loaded page, while it is kept
 };
 
 struct PdfAnnotation::Native {
     explicit Native(pdf_obj *annotation = nullptr) : obj(annotation) {}
     pdf_obj *obj = nullptr;        // the annotation dictionary (a reference we own)
     pdf_obj *appearance = nullptr; // our normal-appearance stream, reused on changes
+};
+
+struct PdfPageRecording::Native {
+    pdf_document *doc = nullptr; // references we own
+    pdf_obj *page = nullptr;
+    pdf_obj *skip = nullptr;
+    int number = -1;
+    bool annotations = true;
+    fz_cookie cookie{};
 };
 
 struct PdfDisplayList::Native {

@@ -1,9 +1,12 @@
 // Feeds bytes to the engine as a PDF file and does with it what the
 // application does with a file: open, unlock (a wrong password, then the
-// seeds' one), page count, geometry, a tiny rendering, text, annotations and
+// seeds' one), page count, geometry, tiny renderings (whole, a region, a
+// thumbnail, a display list, without annotations, one annotation alone or
+// left out), text, annotations and
 // their properties, the line and word under a point, links; for one input in
 // sixteen also adding an annotation of each kind, writing and reopening.
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 #include "PdfSelection.h"
@@ -39,6 +42,15 @@ void readPage(const std::shared_ptr<PdfPage> &page)
     page->rotation();
     page->displaySize();
     page->render(0.03);
+    page->render(0.05, QRectF(QPointF(10, 10), crop.size() / 3), PdfRenderOptions{false, nullptr, nullptr});
+    page->thumbnail(QSize(12, 16), PdfBox::Media);
+    if (auto list = page->displayList()) {
+        list->render(0.02);
+        QImage target(6, 6, QImage::Format_ARGB32_Premultiplied);
+        list->renderInto(target, 0.05, QPointF(20, 20));
+    }
+    page->pageToDisplay();
+    page->baselineAt(crop.center());
     const QString text = page->text();
     page->fontAt(0);
     page->fontAt(int(text.size()) / 2);
@@ -54,6 +66,10 @@ void readPage(const std::shared_ptr<PdfPage> &page)
         annotation->inkPaths();
         annotation->borderWidth();
         page->annotation(annotation->bounds().center());
+    }
+    if (const auto annotations = page->annotations(); !annotations.empty()) {
+        page->render(0.02, PdfRenderOptions{true, annotations.front(), nullptr});
+        page->render(0.02, PdfRenderOptions{true, nullptr, annotations.back()});
     }
 }
 

@@ -7,7 +7,8 @@
 //            non-ASCII names, in the name tree and the older dictionary),
 //            forms (fields with widgets on several pages, hierarchical names,
 //            radio buttons); damaged page trees, outlines and name trees.
-//   pages/   two of those files and a script of choices.
+//   pages/   two of those files and a script of choices (some with memory
+//            running out part way).
 //   edit/    one of those files and an edit script that takes every step.
 //   font/    small fonts: TrueType and OpenType subsets of installed faces
 //            made with the engine's own subsetter, bare CFF programs (one
@@ -296,11 +297,13 @@ int main(int argc, char **argv)
         {"tree-deep.pdf", "legacy-dests.pdf"},
         {"outline-loop.pdf", "outline.pdf"},
     };
+    // The first byte makes memory run out during the merge when it is 7 modulo 8.
     const QByteArray scripts[] = {QByteArray("\x01\x01\x03\x00\x02\x01\x00\x01\x01\x01\x01\x01\x01\x01\x01\x01", 16),
-                                  QByteArray("\x00\x00\x06\x01\x03\x03\x02\x00\x01\x01\x02\x00\x00\x03\x01\x00", 16)};
+                                  QByteArray("\x00\x00\x06\x01\x03\x03\x02\x00\x01\x01\x02\x00\x00\x03\x01\x00", 16),
+                                  QByteArray("\x2f\x01\x02\x01\x03\x01\x01\x01\x00\x01\x01\x00\x01\x02\x00\x01", 16)};
     for (size_t i = 0; i < pairs.size(); ++i) {
         const QByteArray input = readFile(at(pairs[i].first)) + fuzzing::Separator + readFile(at(pairs[i].second)) +
-                                 fuzzing::Separator + scripts[i % 2];
+                                 fuzzing::Separator + scripts[i % 3];
         ok = ok &&
              fixtures::writeFile(out.filePath(QStringLiteral("pages/pair-%1.bin").arg(i + 1, 2, 10, QLatin1Char('0'))), input);
     }

@@ -118,8 +118,11 @@ QByteArray formTree()
 }
 
 // A bare CFF program with three empty glyphs: a plain font with family and
-// full names, or a CID-keyed one whose charset is of the given format.
-QByteArray cffProgram(bool cid, int charsetFormat = 0)
+// full names, or a CID-keyed one whose charset is of the given format. The
+// top DICT's numbers take five bytes each, or, when `compact`, the charset's
+// offset takes one (so that a mutation removing one byte leaves its entry
+// without operands).
+QByteArray cffProgram(bool cid, int charsetFormat = 0, bool compact = false)
 {
     auto index = [](const std::vector<QByteArray> &items) {
         QByteArray out;
@@ -158,7 +161,8 @@ QByteArray cffProgram(bool cid, int charsetFormat = 0)
         if (cid)
             return number(391) + number(392) + number(0) + "\x0c\x1e" + number(charsetAt) + "\x0f" + number(charStringsAt) +
                    "\x11" + number(fdSelectAt) + "\x0c\x25" + number(fdArrayAt) + "\x0c\x24";
-        return number(392) + "\x02" + number(391) + "\x03" + number(charsetAt) + "\x0f" + number(charStringsAt) + "\x11" +
+        const QByteArray charsetOffset = compact ? QByteArray(1, char(charsetAt + 139)) : number(charsetAt);
+        return number(392) + "\x02" + number(391) + "\x03" + charsetOffset + "\x0f" + number(charStringsAt) + "\x11" +
                number(int(privateDict.size())) + number(privateAt) + "\x12";
     };
     const int top = int(index({topDict(0, 0, 0, 0, 0)}).size());
@@ -340,6 +344,8 @@ int main(int argc, char **argv)
                                        fontInput(flags += 0x12, {1, 2, 3}, text, subset->program));
     }
     ok = ok && fixtures::writeFile(out.filePath(QStringLiteral("font/cff.bin")), fontInput(0x24, {1}, text, cffProgram(false))) &&
+         fixtures::writeFile(out.filePath(QStringLiteral("font/cff-compact.bin")),
+                             fontInput(0x02, {}, "a", cffProgram(false, 0, true))) &&
          fixtures::writeFile(out.filePath(QStringLiteral("font/cff-cid.bin")), fontInput(0x36, {2}, "", cffProgram(true, 0))) &&
          fixtures::writeFile(out.filePath(QStringLiteral("font/cff-cid-ranges.bin")),
                              fontInput(0x0d, {1, 900}, text, cffProgram(true, 2)));

@@ -22,8 +22,17 @@ namespace fuzzing {
 // script. In the dictionaries too, so that mutations keep it or make more.
 inline const QByteArray Separator = QByteArrayLiteral("\n%%VELLORA-NEXT%%\n");
 
-// The user password of the encrypted seeds.
+// The user password of the encrypted seeds, and of one written the older way
+// (RC4) with a password outside PDFDocEncoding, given as its UTF-8 bytes.
 inline const QString SeedPassword = QStringLiteral("fuzz");
+inline const QString SeedUnicodePassword = QStringLiteral("密码");
+
+// Unlocks an encrypted document as a user might: a wrong password first, then
+// the seeds' passwords. False when it stays locked.
+inline bool unlockSeed(PdfDocument &doc)
+{
+    return !doc.isLocked() || doc.unlock(QStringLiteral("wrong")) || doc.unlock(SeedUnicodePassword) || doc.unlock(SeedPassword);
+}
 
 // A path in this process's scratch folder.
 inline QString scratch(const QString &name)
@@ -49,8 +58,8 @@ inline std::vector<QByteArray> split(const uint8_t *data, size_t size)
     return parts;
 }
 
-// The document in `bytes`, written to `name` and opened (unlocked with the
-// seeds' password after a wrong one); none when it cannot be read or unlocked.
+// The document in `bytes`, written to `name`, opened and unlocked; none when
+// it cannot be read or unlocked.
 inline std::shared_ptr<PdfDocument> openBytes(const QByteArray &bytes, const QString &name)
 {
     const QString path = scratch(name);
@@ -60,9 +69,7 @@ inline std::shared_ptr<PdfDocument> openBytes(const QByteArray &bytes, const QSt
             return nullptr;
     }
     auto doc = PdfDocument::open(path);
-    if (doc && doc->isLocked() && !doc->unlock(QStringLiteral("wrong")) && !doc->unlock(SeedPassword))
-        return nullptr;
-    return doc;
+    return doc && unlockSeed(*doc) ? doc : nullptr;
 }
 
 // Bytes read one value at a time; zeros once they run out, so an input

@@ -1,8 +1,9 @@
 // Writes the fuzz targets' seed corpora, one folder each, by code:
 //   engine/  PDF files: plain and rotated, cropped and offset pages,
 //            annotations of every kind (made here and "by another program",
-//            with popups and form fields), links, an encrypted file, damaged
-//            and truncated files; documents with outlines (nested, leading by
+//            with popups and form fields), links, encrypted files (by the
+//            engine, and the older ways by qpdf), damaged and truncated
+//            files; documents with outlines (nested, leading by
 //            name, by action, nowhere), named destinations (UTF-16 and
 //            non-ASCII names, in the name tree and the older dictionary),
 //            forms (fields with widgets on several pages, hierarchical names,
@@ -11,7 +12,7 @@
 //            running out part way).
 //   edit/    one of those files and an edit script that takes every step.
 //   font/    small fonts: TrueType and OpenType subsets of installed faces
-//            made with the engine's own subsetter, bare CFF programs (one
+//            made with the engine's own subsetter, bare CFF programs (two
 //            plain, two CID-keyed with different charsets), with text.
 // Kept small: a few kilobytes each.
 #include "FixtureBuilder.h"
@@ -23,6 +24,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 
 #include <cstdio>
 #include <map>
@@ -193,6 +195,19 @@ QByteArray fontInput(int flags, const std::vector<unsigned> &glyphs, const QByte
     return out + utf8 + program;
 }
 
+// `in` encrypted by qpdf with the given arguments (the older methods too,
+// which the engine never writes).
+bool qpdfEncrypt(const QString &in, const QString &out, const QStringList &arguments, bool passwordAsBytes = false)
+{
+    QProcess qpdf;
+    QStringList all{QStringLiteral("--allow-weak-crypto")};
+    if (passwordAsBytes)
+        all << QStringLiteral("--password-mode=bytes");
+    qpdf.start(QStringLiteral("qpdf"),
+               all + QStringList{QStringLiteral("--encrypt")} + arguments + QStringList{QStringLiteral("--"), in, out});
+    return qpdf.waitForFinished() && qpdf.exitStatus() == QProcess::NormalExit && qpdf.exitCode() == 0;
+}
+
 // An edit script step: what it does, to which page, and its bytes.
 QByteArray step(int op, int page, const QByteArray &bytes)
 {
@@ -229,6 +244,14 @@ int main(int argc, char **argv)
          writePdf(at("popups.pdf"), {pageWithPopups()}) && writeWithAnnotations(at("annotated.pdf")) &&
          writeEncrypted(at("encrypted.pdf"), numberedPages(1, 1), fuzzing::SeedPassword) && writeDamaged(at("damaged.pdf")) &&
          writeTruncated(at("truncated.pdf"), 0.8);
+    // Encrypted the older ways: RC4 with 40 and 128-bit keys (this one with a
+    // password outside PDFDocEncoding, as its UTF-8 bytes), AES with 128.
+    const QString password = fuzzing::SeedPassword, owner = QStringLiteral("owner");
+    ok = ok && qpdfEncrypt(at("pages.pdf"), at("encrypted-rc4-40.pdf"), {password, owner, QStringLiteral("40")}) &&
+         qpdfEncrypt(at("foreign.pdf"), at("encrypted-rc4-128.pdf"),
+                     {fuzzing::SeedUnicodePassword, owner, QStringLiteral("128"), QStringLiteral("--use-aes=n")}, true) &&
+         qpdfEncrypt(at("popups.pdf"), at("encrypted-aes-128.pdf"),
+                     {password, owner, QStringLiteral("128"), QStringLiteral("--use-aes=y")});
     // The same file written by the engine: compressed streams, its own xref.
     if (auto doc = PdfDocument::open(at("foreign.pdf")))
         ok = ok && doc->write(at("rewritten.pdf"));
@@ -247,6 +270,12 @@ int main(int argc, char **argv)
     };
     outlined.namedDestinations = {{utf16Name, 2}, {utf8Name, 3}, {"plain", 0}};
     outlined.links = {{0, 0, utf16Name}, {1, 0, utf8Name, true}, {2, 3}, {3, 0, {}, true}};
+    // A link whose action goes on to further actions, and with additional actions.
+    outlined.pages[1].annotations.push_back({"<< /Type /Annot /Subtype /Link /A << /S /GoTo /D (plain) /Next [<< /S /GoTo /D (" +
+                                                 utf8Name +
+                                                 ") >> << /S /URI /URI (https://example.org/) >>] >> /AA << /E << /S "
+                                                 "/GoTo /D (plain) >> >>",
+                                             QRectF(300, 300, 50, 20), ""});
     ok = ok && writeStructuredPdf(at("outline.pdf"), outlined);
     StructuredSpec legacy{numberedPages(2, 1)};
     legacy.legacyDests = true;
@@ -293,7 +322,7 @@ int main(int argc, char **argv)
         {"form-tree.pdf", "form.pdf"},
         {"pages.pdf", "foreign.pdf"},
         {"popups.pdf", "legacy-dests.pdf"},
-        {"encrypted.pdf", "outline.pdf"},
+        {"encrypted-rc4-128.pdf", "outline.pdf"},
         {"tree-own-parent.pdf", "form-tree.pdf"},
         {"tree-root-in-kids.pdf", "outline.pdf"},
         {"tree-kids-loop.pdf", "form.pdf"},
@@ -321,8 +350,8 @@ int main(int argc, char **argv)
     script += step(7, 0, "\x02\x60\x60") + step(8, 0, "\x00") + step(9, 0, "\x20\x20") + step(0, 0, "\x01");
     script += step(4, 0, "\x00") + step(1, 1, "") + step(10, 0, "") + step(1, 0, "") + step(3, 0, "\x01");
     script += step(2, 0, "\x00") + step(11, 0, "") + step(6, 0, "\x00\x01\x40\x40") + step(8, 0, "\x01");
-    for (const char *name : {"pages.pdf", "foreign.pdf", "popups.pdf", "annotated.pdf", "encrypted.pdf", "outline.pdf",
-                             "form-tree.pdf", "tree-deep.pdf"})
+    for (const char *name : {"pages.pdf", "foreign.pdf", "popups.pdf", "annotated.pdf", "encrypted.pdf", "encrypted-rc4-40.pdf",
+                             "outline.pdf", "form-tree.pdf", "tree-deep.pdf"})
         ok = ok && fixtures::writeFile(out.filePath(QLatin1String("edit/") + QLatin1String(name) + ".bin"),
                                        readFile(at(name)) + fuzzing::Separator + script);
 

@@ -1,36 +1,25 @@
 // Feeds bytes to the engine as a PDF file and does with it what the
-// application does with a file: open, unlock (a wrong password, then the
-// seeds' one), page count, geometry, a tiny rendering, text, annotations and
-// their properties, the line and word under a point, links; for one input in
-// sixteen also adding an annotation of each kind, writing and reopening.
+// application does with a file: open, unlock (wrong passwords, then the
+// seeds' ones), page count, geometry, tiny renderings (whole, a region, a
+// thumbnail, a display list, without annotations, one annotation alone or
+// left out), text, annotations and their properties, the line and word under
+// a point, links; for one input in sixteen also adding an annotation of each
+// kind, writing and reopening.
+#include "FuzzSupport.h"
 #include "PdfAnnotation.h"
+#include "PdfDisplayList.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 #include "PdfSelection.h"
 
-#include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QString>
 
 #include <cstddef>
 #include <cstdint>
-#include <unistd.h>
 
 namespace {
-
-// The user password of the encrypted seeds.
-const QString seedPassword = QStringLiteral("fuzz");
-
-QString scratch(const char *name)
-{
-    static const QString folder = [] {
-        const QString dir = QDir::tempPath() + QStringLiteral("/vellora-fuzz-%1").arg(::getpid());
-        QDir().mkpath(dir);
-        return dir;
-    }();
-    return folder + QLatin1Char('/') + QLatin1String(name);
-}
 
 void readPage(const std::shared_ptr<PdfPage> &page)
 {
@@ -39,12 +28,22 @@ void readPage(const std::shared_ptr<PdfPage> &page)
     page->rotation();
     page->displaySize();
     page->render(0.03);
+    page->render(0.05, QRectF(QPointF(10, 10), crop.size() / 3), PdfRenderOptions{false, nullptr, nullptr});
+    page->thumbnail(QSize(12, 16), PdfBox::Media);
+    if (auto list = page->displayList()) {
+        list->render(0.02);
+        QImage target(6, 6, QImage::Format_ARGB32_Premultiplied);
+        list->renderInto(target, 0.05, QPointF(20, 20));
+    }
+    page->pageToDisplay();
+    page->baselineAt(crop.center());
     const QString text = page->text();
     page->fontAt(0);
     page->fontAt(int(text.size()) / 2);
     page->selectionForLine(crop.center());
     page->selectionForWord(crop.center());
     page->selectionForAll().string();
+    PdfSelection::between(page, crop.topLeft(), page, crop.center()).string();
     page->links();
     for (const auto &annotation : page->annotations()) {
         annotation->type();
@@ -54,6 +53,10 @@ void readPage(const std::shared_ptr<PdfPage> &page)
         annotation->inkPaths();
         annotation->borderWidth();
         page->annotation(annotation->bounds().center());
+    }
+    if (const auto annotations = page->annotations(); !annotations.empty()) {
+        page->render(0.02, PdfRenderOptions{true, annotations.front(), nullptr});
+        page->render(0.02, PdfRenderOptions{true, nullptr, annotations.back()});
     }
 }
 
@@ -85,10 +88,10 @@ void editAndSave(const std::shared_ptr<PdfDocument> &doc, const std::shared_ptr<
     page->removeAnnotation(ink);
     if (doc->pageCount() > 1)
         doc->insert(page->copy(), doc->pageCount());
-    const QString out = scratch("out.pdf");
+    const QString out = fuzzing::scratch(QStringLiteral("out.pdf"));
     if (doc->write(out)) {
         if (auto reopened = PdfDocument::open(out)) {
-            reopened->unlock(seedPassword);
+            fuzzing::unlockSeed(*reopened);
             if (auto first = reopened->page(0))
                 first->annotations();
         }
@@ -99,7 +102,7 @@ void editAndSave(const std::shared_ptr<PdfDocument> &doc, const std::shared_ptr<
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const QString in = scratch("in.pdf");
+    const QString in = fuzzing::scratch(QStringLiteral("in.pdf"));
     {
         QFile file(in);
         if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
@@ -107,9 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         file.write(reinterpret_cast<const char *>(data), qint64(size));
     }
     auto doc = PdfDocument::open(in);
-    if (!doc)
-        return 0;
-    if (doc->isLocked() && !doc->unlock(QStringLiteral("wrong")) && !doc->unlock(seedPassword))
+    if (!doc || !fuzzing::unlockSeed(*doc))
         return 0;
     doc->isEncrypted();
     const int count = doc->pageCount();

@@ -189,6 +189,8 @@ QByteArray withFamilyPrefix(const QByteArray &d, const QByteArray &prefix)
     }
     const int oldRest = f->strings.end;
     auto offsetOperand = [](const Entry &e) -> int {
+        if (e.operands.empty()) // a damaged entry: no offset to move
+            return -1;
         if (e.op == Charset || e.op == Encoding)
             return intOperand(e.operands.back()).value_or(0) > 2 ? int(e.operands.size()) - 1 : -1;
         return e.op == CharStrings || e.op == Private || e.op == FdArray || e.op == FdSelect ? int(e.operands.size()) - 1 : -1;

@@ -6,6 +6,10 @@
 
 #include <QByteArray>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+
 #include <unordered_set>
 
 namespace structure {
@@ -24,13 +28,16 @@ void putNow(pdf_obj *dict, pdf_obj *key, pdf_obj *value)
 
 void linkChildren(pdf_obj *parent, const std::vector<pdf_obj *> &children, bool open, const Put &put)
 {
-    int shown = 0;
+    // A count read from the file may be anything: the sum is kept in 64 bits
+    // and held to what a PDF integer of ours can say.
+    int64_t shown = 0;
     for (size_t i = 0; i < children.size(); ++i) {
         pdf_obj *child = children[i];
         put(child, PDF_NAME(Parent), parent);
         put(child, PDF_NAME(Prev), i > 0 ? children[i - 1] : nullptr);
         put(child, PDF_NAME(Next), i + 1 < children.size() ? children[i + 1] : nullptr);
-        shown += 1 + std::max(0, mu::call([&](fz_context *c) { return int(pdf_dict_get_int(c, child, PDF_NAME(Count))); }));
+        const int below = mu::call([&](fz_context *c) { return pdf_dict_get_int(c, child, PDF_NAME(Count)); });
+        shown = std::min<int64_t>(shown + 1 + std::max(0, below), INT_MAX);
     }
     put(parent, PDF_NAME(First), children.empty() ? nullptr : children.front());
     put(parent, PDF_NAME(Last), children.empty() ? nullptr : children.back());

@@ -74,7 +74,8 @@ void pageWork(const std::shared_ptr<PdfDocument> &a, const std::shared_ptr<PdfDo
     std::vector<std::shared_ptr<PdfPage>> both = pagesA;
     both.insert(both.end(), pagesB.begin(), pagesB.end());
     const int failing = script.byte();
-    if (failing % 8 == 7) {
+    const bool starved = failing % 8 == 7;
+    if (starved) {
         // From empty caches, so that the failing allocation depends on the input alone.
         mu::testing::emptyCaches();
         mu::testing::failAllocationAfter(failing * 8);
@@ -84,8 +85,11 @@ void pageWork(const std::shared_ptr<PdfDocument> &a, const std::shared_ptr<PdfDo
     merged->hasOutline();
     for (const auto &page : merged->pages())
         page->links();
+    // A merge that ran out of memory is not written: MuPDF 1.21 leaves its
+    // object table inconsistent when memory runs out while it grows, and its
+    // writer then corrupts the heap (the engine's own tests write only whole copies).
     const QString mergedPath = scratch(QStringLiteral("merged.pdf"));
-    if (merged->write(mergedPath))
+    if (!starved && merged->write(mergedPath))
         reopen(mergedPath);
 
     // A range of the first document into a new one, the batch left ungrouped.

@@ -4,6 +4,7 @@
 
 #include "DocCore.h"
 #include "Native.h"
+#include "PageTree.h"
 #include "PdfPage.h"
 #include "Structure.h"
 
@@ -103,7 +104,10 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     }
     core_->unloadPages();
     if (returning) {
-        if (!mu::tryGuard([&](fz_context *c) { pdf_insert_page(c, core_->doc, index, page->native_->obj); }))
+        if (!mu::tryGuard([&](fz_context *c) {
+                pagetree::ensureClean(c, core_->doc);
+                pdf_insert_page(c, core_->doc, index, page->native_->obj);
+            }))
             return false;
         page->document_ = weak_from_this();
         pages_.insert(pages_.begin() + index, page);
@@ -132,6 +136,7 @@ bool PdfDocument::insert(const std::shared_ptr<PdfPage> &page, int index)
     const bool copied = mu::tryGuard([&](fz_context *c) {
         sourceNum = pdf_to_num(c, page->native_->obj);
         ref = importPage(c, core_->doc, graft, page->native_->obj);
+        pagetree::ensureClean(c, core_->doc);
         pdf_insert_page(c, core_->doc, index, ref);
     });
     if (!copied) {
@@ -225,7 +230,10 @@ bool PdfDocument::removePage(int index)
     if (locked_ || index < 0 || index >= int(pages_.size()))
         return false;
     core_->unloadPages();
-    if (!mu::tryGuard([&](fz_context *c) { pdf_delete_page(c, core_->doc, index); }))
+    if (!mu::tryGuard([&](fz_context *c) {
+            pagetree::ensureClean(c, core_->doc);
+            pdf_delete_page(c, core_->doc, index);
+        }))
         return false;
     pages_[size_t(index)]->document_.reset();
     pages_.erase(pages_.begin() + index);
@@ -247,6 +255,7 @@ bool PdfDocument::setPages(const std::vector<std::shared_ptr<PdfPage>> &pages)
         return true;
     core_->unloadPages();
     const bool written = mu::tryGuard([&](fz_context *c) {
+        pagetree::ensureClean(c, core_->doc);
         pdf_obj *root = pdf_dict_getp(c, pdf_trailer(c, core_->doc), "Root/Pages");
         if (!pdf_is_dict(c, root))
             fz_throw(c, FZ_ERROR_GENERIC, "no page tree");

@@ -125,4 +125,14 @@ void rebuild(fz_context *c, pdf_document *doc, pdf_obj *root, Walk &walk)
     fz_catch(c) fz_rethrow(c);
 }
 
+void ensureClean(fz_context *c, pdf_document *doc)
+{
+    if (!pdf_was_repaired(c, doc))
+        return;
+    pdf_obj *root = pdf_dict_getp(c, pdf_trailer(c, doc), "Root/Pages");
+    Walk found = walk(c, root);
+    if (!found.clean && pdf_is_dict(c, root))
+        rebuild(c, doc, root, found);
+}
+
 } // namespace pagetree

@@ -34,4 +34,9 @@ Walk walk(fz_context *c, pdf_obj *root);
 // which takes the attributes it inherited as its own. MuPDF calls only.
 void rebuild(fz_context *c, pdf_document *doc, pdf_obj *root, Walk &walk);
 
+// Before MuPDF edits the tree: a document MuPDF repaired after it was
+// opened has its objects read from the file again, the damaged tree
+// included, so such a tree is walked and rebuilt again first.
+void ensureClean(fz_context *c, pdf_document *doc);
+
 } // namespace pagetree

@@ -4,6 +4,7 @@
 #include "PdfAnnotation.h"
 #include "PdfDisplayList.h"
 #include "PdfDocument.h"
+#include "SearchTextBuilder.h"
 
 #include <algorithm>
 #include <cmath>
@@ -106,13 +107,29 @@ pdf_page *loadBounded(fz_context *c, pdf_document *doc, int number)
 
 // Records the page into a new list: its contents, then its annotations but
 // `skip` (or `only` alone, without the contents). Runs inside a guard.
-fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, pdf_obj *only, fz_cookie *cookie,
-                            fz_rect &bounds)
+// Runs the page's content and, with `annotations`, its annotations and
+// widgets (all but `skip`; only `only` when it is given) into `dev`.
+void runPage(fz_context *c, pdf_page *page, fz_device *dev, bool annotations, pdf_obj *skip, pdf_obj *only, fz_cookie *cookie)
 {
     auto drawn = [skip, only](fz_context *cc, pdf_annot *a) {
         pdf_obj *obj = pdf_annot_obj(cc, a);
         return only ? !pdf_objcmp(cc, obj, only) : !skip || pdf_objcmp(cc, obj, skip);
     };
+    if (!only)
+        pdf_run_page_contents(c, page, dev, fz_identity, cookie);
+    if (annotations || only) {
+        for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
+            if (drawn(c, a))
+                pdf_run_annot(c, a, dev, fz_identity, cookie);
+        for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
+            if (drawn(c, w))
+                pdf_run_annot(c, w, dev, fz_identity, cookie);
+    }
+}
+
+fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, pdf_obj *only, fz_cookie *cookie,
+                            fz_rect &bounds)
+{
     bounds = fz_bound_page(c, &page->super);
     fz_display_list *list = fz_new_display_list(c, bounds);
     fz_device *dev = nullptr;
@@ -120,16 +137,7 @@ fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf
     fz_try(c)
     {
         dev = fz_new_list_device(c, list);
-        if (!only)
-            pdf_run_page_contents(c, page, dev, fz_identity, cookie);
-        if (annotations || only) {
-            for (pdf_annot *a = pdf_first_annot(c, page); a; a = pdf_next_annot(c, a))
-                if (drawn(c, a))
-                    pdf_run_annot(c, a, dev, fz_identity, cookie);
-            for (pdf_annot *w = pdf_first_widget(c, page); w; w = pdf_next_widget(c, w))
-                if (drawn(c, w))
-                    pdf_run_annot(c, w, dev, fz_identity, cookie);
-        }
+        runPage(c, page, dev, annotations, skip, only, cookie);
         fz_close_device(c, dev);
     }
     fz_always(c) fz_drop_device(c, dev);
@@ -139,6 +147,31 @@ fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf
         fz_rethrow(c);
     }
     return list;
+}
+
+// The page's text as a structured-text page in display space, and the
+// matrix from page space to display space.
+fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm)
+{
+    fz_rect box{};
+    pdf_page_transform(c, page, &box, &ctm);
+    fz_stext_page *stext = fz_new_stext_page(c, fz_bound_page(c, &page->super));
+    fz_device *dev = nullptr;
+    fz_var(dev);
+    fz_try(c)
+    {
+        fz_stext_options options{};
+        dev = fz_new_stext_device(c, stext, &options);
+        runPage(c, page, dev, annotations, skip, nullptr, cookie);
+        fz_close_device(c, dev);
+    }
+    fz_always(c) fz_drop_device(c, dev);
+    fz_catch(c)
+    {
+        fz_drop_stext_page(c, stext);
+        fz_rethrow(c);
+    }
+    return stext;
 }
 
 } // namespace
@@ -464,19 +497,21 @@ PdfPageRecording::~PdfPageRecording()
 
 void PdfPageRecording::abort()
 {
+    native_->cancelled = true;
     mu::abort(&native_->cookie);
 }
 
-PdfPageRecording::Result PdfPageRecording::record()
+template <class F> PdfPageRecording::Result PdfPageRecording::withPage(bool background, F &&use)
 {
     Native &n = *native_;
-    if (mu::aborted(&n.cookie))
+    if (n.cancelled)
         return Result::Interrupted;
-    mu::RecordingHold hold(&n.cookie);
-    if (!hold.held() || mu::aborted(&n.cookie))
+    // A thread that needed the document stopped the last try; the owner's
+    // abort() is seen through `cancelled`.
+    mu::clearAbort(&n.cookie);
+    mu::RecordingHold hold(&n.cookie, background);
+    if (!hold.held() || n.cancelled)
         return Result::Interrupted;
-    fz_display_list *list = nullptr;
-    fz_rect bounds{};
     bool moved = false;
     const bool ok = mu::tryGuard([&](fz_context *c) {
         // Pages moved since it was set up: another page has this number now, or none.
@@ -490,19 +525,51 @@ PdfPageRecording::Result PdfPageRecording::record()
             // MuPDF may still hold the page that had this number before.
             moved = pdf_resolve_indirect(c, page->obj) != pdf_resolve_indirect(c, n.page);
             if (!moved)
-                list = recordList(c, page, n.annotations, n.skip, nullptr, &n.cookie, bounds);
+                use(c, page);
         }
         fz_always(c) fz_drop_page(c, &page->super);
         fz_catch(c) fz_rethrow(c);
     });
-    if (ok && !moved && !mu::aborted(&n.cookie)) {
-        list_ = std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
-                                                 QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+    if (ok && !moved && !mu::aborted(&n.cookie))
         return Result::Recorded;
-    }
-    mu::release([list](fz_context *c) { fz_drop_display_list(c, list); });
     // A recording aborted half-way fails in MuPDF too: it is tried again, not given up.
     return ok || mu::aborted(&n.cookie) || moved ? Result::Interrupted : Result::Failed;
+}
+
+PdfPageRecording::Result PdfPageRecording::record()
+{
+    Native &n = *native_;
+    fz_display_list *list = nullptr;
+    fz_rect bounds{};
+    const Result result = withPage(false, [&](fz_context *c, pdf_page *page) {
+        list = recordList(c, page, n.annotations, n.skip, nullptr, &n.cookie, bounds);
+    });
+    if (result == Result::Recorded) {
+        list_ = std::make_shared<PdfDisplayList>(std::make_unique<PdfDisplayList::Native>(list),
+                                                 QSizeF(bounds.x1 - bounds.x0, bounds.y1 - bounds.y0));
+        return result;
+    }
+    mu::release([list](fz_context *c) { fz_drop_display_list(c, list); });
+    return result;
+}
+
+PdfPageRecording::Result PdfPageRecording::recordText(bool boxes)
+{
+    Native &n = *native_;
+    fz_stext_page *stext = nullptr;
+    fz_matrix ctm = fz_identity;
+    Result result = withPage(true, [&](fz_context *c, pdf_page *page) {
+        stext = readText(c, page, n.annotations, n.skip, &n.cookie, ctm);
+    });
+    if (result == Result::Recorded) {
+        try {
+            text_ = std::make_shared<const PdfSearchText>(PdfSearchTextBuilder::build(stext, toQt(ctm).inverted(), boxes));
+        } catch (const std::bad_alloc &) {
+            result = Result::Failed;
+        }
+    }
+    mu::release([stext](fz_context *c) { fz_drop_stext_page(c, stext); });
+    return result;
 }
 
 QImage PdfPage::render(qreal scale, const PdfRenderOptions &options)

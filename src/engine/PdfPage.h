@@ -4,6 +4,7 @@
 #pragma once
 
 #include "PdfChangeChannel.h"
+#include "PdfSearchText.h"
 #include "PdfSelection.h"
 #include "PdfTypes.h"
 
@@ -124,14 +125,24 @@ public:
     Result record();
     // What record() made, once it answered Recorded.
     std::shared_ptr<PdfDisplayList> list() const { return list_; }
-    // Ends a recording under way soon; any thread may call it.
+    // Reads the page's text as it is searched instead (with the boxes of its
+    // characters when `boxes`), as background work: Interrupted also when
+    // the document is busy. After an interruption either may be tried again.
+    Result recordText(bool boxes);
+    // What recordText() read, once it answered Recorded.
+    std::shared_ptr<const PdfSearchText> text() const { return text_; }
+    // Ends a recording under way soon, and any later try; any thread may call it.
     void abort();
 
 private:
     friend class PdfPage;
     struct Native;
     explicit PdfPageRecording(std::unique_ptr<Native> native);
+    // Loads the page under the document lock and hands it to `use`, unless
+    // the recording was ended, the lock is wanted or the page moved.
+    template <class F> Result withPage(bool background, F &&use);
 
     std::unique_ptr<Native> native_;
     std::shared_ptr<PdfDisplayList> list_;
+    std::shared_ptr<const PdfSearchText> text_;
 };

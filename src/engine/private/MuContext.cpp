@@ -156,8 +156,10 @@ namespace {
 // told through its cookie to stop.
 struct DocumentLock {
     std::mutex mutex;
-    std::mutex state; // guards the two below
+    std::mutex state; // guards the three below
     int waiting = 0;
+    // Recordings waiting for the lock: background work leaves it to them.
+    int recordersWaiting = 0;
     fz_cookie *recording = nullptr;
 };
 
@@ -215,6 +217,11 @@ void abort(fz_cookie *cookie)
     std::atomic_ref(cookie->abort).store(1, std::memory_order_relaxed);
 }
 
+void clearAbort(fz_cookie *cookie)
+{
+    std::atomic_ref(cookie->abort).store(0, std::memory_order_relaxed);
+}
+
 bool aborted(const fz_cookie *cookie)
 {
     return std::atomic_ref(const_cast<fz_cookie *>(cookie)->abort).load(std::memory_order_relaxed) != 0;
@@ -230,14 +237,25 @@ DocumentsHold::~DocumentsHold()
     unlockDocuments();
 }
 
-RecordingHold::RecordingHold(fz_cookie *cookie)
+RecordingHold::RecordingHold(fz_cookie *cookie, bool background)
 {
     if (heldDepth > 0)
         return; // a thread that holds the lock does not record on the side
     DocumentLock &lock = documentLock();
-    lock.mutex.lock();
+    if (background) {
+        if (!lock.mutex.try_lock())
+            return;
+    } else {
+        {
+            std::lock_guard state(lock.state);
+            ++lock.recordersWaiting;
+        }
+        lock.mutex.lock();
+    }
     std::lock_guard state(lock.state);
-    if (lock.waiting > 0) {
+    if (!background)
+        --lock.recordersWaiting;
+    if (lock.waiting > 0 || (background && lock.recordersWaiting > 0)) {
         lock.mutex.unlock();
         return;
     }

@@ -76,10 +76,12 @@ public:
 // Holds the document lock for a recording on a worker thread. It is not
 // taken (held() is false) while another thread waits for it; once held,
 // a thread that asks for it sets `cookie->abort`, and the recording must
-// end soon after.
+// end soon after. A background hold (work nobody waits for, like indexing
+// text) does not wait for the lock either, and leaves it to recordings
+// that wait for it.
 class RecordingHold {
 public:
-    explicit RecordingHold(fz_cookie *cookie);
+    explicit RecordingHold(fz_cookie *cookie, bool background = false);
     ~RecordingHold();
     RecordingHold(const RecordingHold &) = delete;
     RecordingHold &operator=(const RecordingHold &) = delete;
@@ -91,6 +93,8 @@ private:
 
 // Asks a recording to stop, from any thread.
 void abort(fz_cookie *cookie);
+// Makes a cookie usable again, before its recording is tried again.
+void clearAbort(fz_cookie *cookie);
 bool aborted(const fz_cookie *cookie);
 
 // Runs f(ctx) under a guard of its own and returns its result. Code that

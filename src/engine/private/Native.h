@@ -7,6 +7,8 @@
 #include "PdfDisplayList.h"
 #include "PdfPage.h"
 
+#include <atomic>
+
 struct PdfPage::Native {
     explicit Native(pdf_obj *page = nullptr) : obj(page) {}
     pdf_obj *obj = nullptr;     // the page dictionary (a reference we own)
@@ -25,7 +27,10 @@ struct PdfPageRecording::Native {
     pdf_obj *skip = nullptr;
     int number = -1;
     bool annotations = true;
+    // The cookie tells a recording under way to stop, for the owner or for
+    // a thread that needs the document; this says the owner ended it.
     fz_cookie cookie{};
+    std::atomic<bool> cancelled{false};
 };
 
 struct PdfDisplayList::Native {

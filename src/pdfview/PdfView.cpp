@@ -390,6 +390,49 @@ void PdfView::goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint)
     updateCurrentPage();
 }
 
+void PdfView::ensureVisible(const std::shared_ptr<PdfPage> &page, const QRectF &pageRect, int margin)
+{
+    const int index = indexOf(page);
+    if (index < 0)
+        return;
+    const QRectF target = convertFromPage(pageRect, page).adjusted(-margin, -margin, margin, margin);
+    const QRectF view(viewport()->rect());
+    // The shift that brings the target in along one axis: none when it is in
+    // already, its start first when it is larger than the view, to the
+    // middle when it was out of sight.
+    const bool far = !target.intersects(view);
+    auto shift = [far](qreal from, qreal to, qreal viewFrom, qreal viewTo) -> qreal {
+        if (far && to - from <= viewTo - viewFrom)
+            return (from + to - viewFrom - viewTo) / 2;
+        if (to - from > viewTo - viewFrom || from < viewFrom)
+            return from - viewFrom;
+        return to > viewTo ? to - viewTo : 0;
+    };
+    const qreal dx = shift(target.left(), target.right(), view.left(), view.right());
+    const qreal dy = shift(target.top(), target.bottom(), view.top(), view.bottom());
+    if (dx == 0 && dy == 0)
+        return;
+    pinned_ = index;
+    const auto value = [](qreal v) {
+        return int(std::clamp<qreal>(std::round(v), -PdfViewLayout::maxExtent, PdfViewLayout::maxExtent));
+    };
+    verticalScrollBar()->setValue(value(verticalScrollBar()->value() + dy));
+    horizontalScrollBar()->setValue(value(horizontalScrollBar()->value() + dx));
+    updateCurrentPage();
+}
+
+std::vector<std::shared_ptr<PdfPage>> PdfView::visiblePages() const
+{
+    std::vector<std::shared_ptr<PdfPage>> shown;
+    if (pages_.empty())
+        return shown;
+    const qreal top = scrollOffset().y();
+    const auto [first, last] = layout_.pagesBetween(top, top + std::max(1, viewport()->height()));
+    for (int i = std::max(first, 0); i <= last && i < int(pages_.size()); ++i)
+        shown.push_back(pages_[size_t(i)]);
+    return shown;
+}
+
 // The content x at the view's left edge that puts the page's centre in the
 // middle of the view; a page wider than the view is shown from its left edge,
 // where its lines begin.

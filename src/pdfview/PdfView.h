@@ -25,6 +25,7 @@
 
 class PageRenderCache;
 class PdfDocument;
+class PdfPageDecoration;
 class PdfPage;
 
 class PdfView : public QAbstractScrollArea {
@@ -66,6 +67,14 @@ public:
     // centred across it; on a wider page the point is at the left edge.
     void goToPoint(const std::shared_ptr<PdfPage> &page, QPointF pagePoint);
 
+    // Scrolls as little as needed to show a page-space rectangle with
+    // `margin` pixels around it (across too, on a page wider than the view),
+    // or puts it in the middle when it was out of sight; as much of it as
+    // fits when it is larger than the view.
+    void ensureVisible(const std::shared_ptr<PdfPage> &page, const QRectF &pageRect, int margin = 48);
+    // The pages on screen now, top to bottom.
+    std::vector<std::shared_ptr<PdfPage>> visiblePages() const;
+
     // Fit-to-width: the widest page fills the view's width, also after resizes.
     bool autoScales() const { return autoScales_; }
     void setAutoScales(bool enabled);
@@ -106,6 +115,12 @@ public:
     // screen stay until their replacements arrive.
     void setHiddenAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
     std::shared_ptr<PdfAnnotation> hiddenAnnotation() const { return hidden_; }
+
+    // Decorations paint over every page shown, in the order added; the view
+    // does not own them. updateDecorations() paints them again.
+    void addDecoration(PdfPageDecoration *decoration);
+    void removeDecoration(PdfPageDecoration *decoration);
+    void updateDecorations();
 
     // Bytes of page pictures kept (plus a few spare buffers and what is on screen).
     qint64 cacheLimit() const;
@@ -182,6 +197,7 @@ private:
     void requestPictures();
     void paintPage(QPainter &painter, int index, const QRectF &exposed);
     void paintSelection(QPainter &painter, int index);
+    void paintDecorations(QPainter &painter, int index);
     void pictureArrived(const PdfPage *page);
     void updateCompleteness();
 
@@ -228,6 +244,7 @@ private:
     QTimer autoScrollTimer_;
     QPointF lastMousePos_;
     std::unordered_map<const PdfPage *, std::vector<PdfLink>> links_;
+    std::vector<PdfPageDecoration *> decorations_;
 
     QPointer<QWidget> overlay_;
     bool overlayHasMouse_ = false;

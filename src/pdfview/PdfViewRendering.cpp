@@ -3,6 +3,7 @@
 #include "PdfView.h"
 
 #include "PageRenderCache.h"
+#include "PdfPageDecoration.h"
 #include "PdfPage.h"
 
 #include <QPaintEvent>
@@ -131,6 +132,7 @@ void PdfView::paintEvent(QPaintEvent *event)
         painter.fillRect(r, palette().color(QPalette::Mid));
     for (int i = first; i <= last; ++i) {
         paintPage(painter, i, exposed);
+        paintDecorations(painter, i);
         paintSelection(painter, i);
     }
 }
@@ -172,6 +174,36 @@ void PdfView::paintPage(QPainter &painter, int index, const QRectF &exposed)
         if (!images[i].isNull())
             painter.drawImage(QRectF(page.topLeft() + QPointF(tiles[i].rect.topLeft()) / dpr, QSizeF(tiles[i].rect.size()) / dpr),
                               images[i]);
+    painter.restore();
+}
+
+void PdfView::addDecoration(PdfPageDecoration *decoration)
+{
+    if (decoration && std::find(decorations_.begin(), decorations_.end(), decoration) == decorations_.end())
+        decorations_.push_back(decoration);
+    viewport()->update();
+}
+
+void PdfView::removeDecoration(PdfPageDecoration *decoration)
+{
+    std::erase(decorations_, decoration);
+    viewport()->update();
+}
+
+void PdfView::updateDecorations()
+{
+    viewport()->update();
+}
+
+void PdfView::paintDecorations(QPainter &painter, int index)
+{
+    if (decorations_.empty())
+        return;
+    const QTransform pageToView = pageToDisplay_[size_t(index)] * displayToView(index);
+    painter.save();
+    painter.setClipRect(viewRect(index).intersected(QRectF(viewport()->rect())));
+    for (PdfPageDecoration *decoration : decorations_)
+        decoration->paintPage(painter, pages_[size_t(index)], pageToView);
     painter.restore();
 }
 

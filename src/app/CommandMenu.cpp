@@ -2,6 +2,7 @@
 
 #include "ContentView.h"
 #include "DocumentModel.h"
+#include "PdfDocument.h"
 #include "PdfView.h"
 
 #include <QApplication>
@@ -32,6 +33,13 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     edit->addSeparator();
     deleteSelection = add(edit, tr("Delete Selection"), {QKeySequence(Qt::Key_Backspace), QKeySequence(Qt::Key_Delete)},
                           &CommandMenu::performDelete);
+    edit->addSeparator();
+    find = edit->addAction(tr("Find…"));
+    find->setShortcuts(QKeySequence::Find);
+    findNext = edit->addAction(tr("Find Next"));
+    findNext->setShortcuts({QKeySequence(Qt::Key_F3), QKeySequence(Qt::CTRL | Qt::Key_G)});
+    findPrevious = edit->addAction(tr("Find Previous"));
+    findPrevious->setShortcuts({QKeySequence(Qt::SHIFT | Qt::Key_F3), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_G)});
 
     QMenu *view = bar->addMenu(tr("&View"));
     for (QToolBar *toolBar : window->findChildren<QToolBar *>())
@@ -67,6 +75,8 @@ void CommandMenu::update()
     deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr && !model_->changesRestricted());
     save->setEnabled(!model_->fileURL().isEmpty() && model_->isDirty());
     saveAs->setEnabled(hasDocument);
+    for (QAction *action : {find, findNext, findPrevious})
+        action->setEnabled(hasDocument && !model_->pdfDocument()->isLocked());
     actualSize->setEnabled(hasDocument);
     zoomIn->setEnabled(hasDocument);
     zoomOut->setEnabled(hasDocument);

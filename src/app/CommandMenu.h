@@ -1,6 +1,6 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
-// Selection), File (New Window, Open..., Open Recent, Save, Save As…, Quit) and
-// View (Actual Size, Zoom In, Zoom Out). Enabling follows the model; the view
+// Selection, Find…, Find Next, Find Previous), File (New Window, Open...,
+// Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out). Enabling follows the model; the view
 // commands act on the page view of the window the menu belongs to.
 #pragma once
 
@@ -23,6 +23,10 @@ public:
     QAction *undo = nullptr;
     QAction *redo = nullptr;
     QAction *deleteSelection = nullptr;
+    // The window connects these to its find bar.
+    QAction *find = nullptr;
+    QAction *findNext = nullptr;
+    QAction *findPrevious = nullptr;
     QAction *newWindow = nullptr;
     QAction *open = nullptr;
     QAction *save = nullptr;

@@ -5,12 +5,16 @@
 #include "DocumentModel.h"
 #include "DrawingOverlayView.h"
 #include "ExtractPagesSheet.h"
+#include "FindBar.h"
 #include "Icons.h"
 #include "InsertPagesSheet.h"
 #include "MergeSheet.h"
 #include "PagesMenu.h"
 #include "PasswordSheet.h"
+#include "PdfView.h"
 #include "PdfViewBridge.h"
+#include "SearchResultsModel.h"
+#include "SearchResultsView.h"
 #include "SignatureSheet.h"
 #include "SplitSheet.h"
 #include "ThumbnailSidebarView.h"
@@ -29,6 +33,7 @@
 #include <QShortcut>
 #include <QSplitter>
 #include <QStackedWidget>
+#include <QTabWidget>
 #include <QTimer>
 #include <QToolBar>
 #include <QVBoxLayout>
@@ -59,12 +64,21 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     auto *sidebarLayout = new QVBoxLayout(sidebar_);
     sidebarLayout->setContentsMargins(0, 0, 0, 0);
     thumbnailSidebar_ = new ThumbnailSidebarView(model_);
-    sidebarLayout->addWidget(thumbnailSidebar_);
+    sidebarTabs_ = new QTabWidget;
+    sidebarTabs_->setDocumentMode(true);
+    sidebarTabs_->setTabBarAutoHide(true);
+    sidebarTabs_->setAccessibleName(tr("Sidebar"));
+    sidebarTabs_->addTab(thumbnailSidebar_, tr("Pages"));
+    sidebarLayout->addWidget(sidebarTabs_);
 
     documentPane_ = new QWidget;
     auto *paneLayout = new QVBoxLayout(documentPane_);
     paneLayout->setContentsMargins(0, 0, 0, 0);
+    paneLayout->setSpacing(0);
     bridge_ = new PdfViewBridge(model_, toolSettings_, documentPane_);
+    findBar_ = new FindBar(bridge_->pdfView());
+    findBar_->installEventFilter(this);
+    paneLayout->addWidget(findBar_);
     paneLayout->addWidget(bridge_);
     banner_ = buildBanner();
     banner_->setParent(documentPane_);
@@ -83,6 +97,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     setCentralWidget(split);
 
     commands_ = new CommandMenu(model_, this, std::move(newWindow), bridge_->pdfView());
+    buildFind();
     annotationItems_->setPdfView(bridge_->pdfView());
     // Escape drops a waiting signature wherever the keyboard focus is.
     auto *cancelSignature = new QShortcut(QKeySequence(Qt::Key_Escape), this);
@@ -285,17 +300,47 @@ void ContentView::updateBanner()
     placeBanner();
 }
 
-// The banner lies over the top of the page view, the full width.
+// The banner lies over the top of the page view (below the find bar), the full width.
 void ContentView::placeBanner()
 {
     const int height = banner_->heightForWidth(documentPane_->width());
-    banner_->setGeometry(0, 0, documentPane_->width(), height > 0 ? height : banner_->sizeHint().height());
+    const int top = findBar_->isVisible() ? findBar_->height() : 0;
+    banner_->setGeometry(0, top, documentPane_->width(), height > 0 ? height : banner_->sizeHint().height());
     banner_->raise();
+}
+
+// Edit > Find… opens the bar above the pages; while it is open, its results
+// are a tab of the sidebar beside the thumbnails.
+void ContentView::buildFind()
+{
+    resultsView_ = new SearchResultsView(findBar_->resultsModel());
+    connect(commands_->find, &QAction::triggered, findBar_, &FindBar::open);
+    connect(commands_->findNext, &QAction::triggered, findBar_, &FindBar::findNext);
+    connect(commands_->findPrevious, &QAction::triggered, findBar_, &FindBar::findPrevious);
+    connect(resultsView_, &SearchResultsView::rowActivated, findBar_, &FindBar::goToRow);
+    connect(findBar_, &FindBar::currentRowChanged, resultsView_, [this](int row) {
+        const QModelIndex index = findBar_->resultsModel()->index(row);
+        resultsView_->setCurrentIndex(index);
+        if (index.isValid())
+            resultsView_->scrollTo(index);
+    });
+    connect(findBar_, &FindBar::openChanged, this, [this](bool open) {
+        if (open && sidebarTabs_->indexOf(resultsView_) < 0) {
+            sidebarTabs_->addTab(resultsView_, tr("Results"));
+            sidebarTabs_->setCurrentWidget(resultsView_);
+        } else if (!open) {
+            sidebarTabs_->removeTab(sidebarTabs_->indexOf(resultsView_));
+        }
+    });
+    auto follow = [this] { findBar_->setDocument(model_->pdfDocument()); };
+    connect(model_, &DocumentModel::pdfDocumentChanged, findBar_, follow);
+    follow();
 }
 
 bool ContentView::eventFilter(QObject *watched, QEvent *event)
 {
-    if (watched == documentPane_ && event->type() == QEvent::Resize)
+    if ((watched == documentPane_ && event->type() == QEvent::Resize) ||
+        (watched == findBar_ && (event->type() == QEvent::Resize || event->type() == QEvent::Hide)))
         placeBanner();
     // Announced a turn after the first exposure, once the window is painted, so
     // that whatever runs then (reading a large file) happens in front of it.

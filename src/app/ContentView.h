@@ -14,6 +14,7 @@
 class AnnotationToolbarItems;
 class CommandMenu;
 class DocumentModel;
+class FindBar;
 class PagesMenu;
 class PasswordSheet;
 class PdfViewBridge;
@@ -23,6 +24,8 @@ class QMessageBox;
 class QMimeData;
 class QPushButton;
 class QStackedWidget;
+class QTabWidget;
+class SearchResultsView;
 class ThumbnailSidebarView;
 class ToolSettings;
 
@@ -65,6 +68,9 @@ public:
     AnnotationToolbarItems *annotationToolbarItems() const { return annotationItems_; }
     QWidget *pagesMenuPlace() const { return pagesMenu_; }
     ThumbnailSidebarView *thumbnailSidebar() const { return thumbnailSidebar_; }
+    FindBar *findBar() const { return findBar_; }
+    SearchResultsView *resultsView() const { return resultsView_; }
+    QTabWidget *sidebarTabs() const { return sidebarTabs_; }
     PagesMenu *pagesMenu() const { return pagesMenuButton_; }
 
     // For tests and accessibility: the pieces as they stand.
@@ -111,6 +117,7 @@ private:
     void presentSheet(bool wanted, QPointer<QDialog> &sheet, const std::function<QDialog *()> &make,
                       void (ContentView::*setFlag)(bool));
     void placeBanner();
+    void buildFind();
     // True when no other window shows the model: closing this one ends the document.
     bool isLastWindow() const;
 
@@ -138,6 +145,9 @@ private:
     QPointer<QMessageBox> alert_;
     QPointer<PasswordSheet> passwordSheet_;
     ThumbnailSidebarView *thumbnailSidebar_ = nullptr;
+    QTabWidget *sidebarTabs_ = nullptr;
+    FindBar *findBar_ = nullptr;
+    SearchResultsView *resultsView_ = nullptr;
     PagesMenu *pagesMenuButton_ = nullptr;
     QPointer<QDialog> mergeSheet_;
     QPointer<QDialog> splitSheet_;

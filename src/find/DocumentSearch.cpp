@@ -46,11 +46,12 @@ public:
 
     ~Worker()
     {
+        std::deque<Task> dropped[2];
         {
             std::lock_guard hold(mutex_);
             stop_ = true;
-            tasks_.clear();
-            urgent_.clear();
+            dropped[0].swap(tasks_);
+            dropped[1].swap(urgent_);
             if (inFlight_)
                 inFlight_->abort();
         }
@@ -59,15 +60,17 @@ public:
     }
 
     // A new search: what was queued for the last one goes, and a page being
-    // read for it stops.
+    // read for it stops. Recordings are let go outside the worker's lock:
+    // dropping one takes the engine's document lock, which the caller may hold.
     void begin(quint64 generation, const QString &query, PdfSearchOptions options)
     {
+        std::deque<Task> dropped[2];
         std::lock_guard hold(mutex_);
         generation_ = generation;
         query_ = query;
         options_ = options;
-        tasks_.clear();
-        urgent_.clear();
+        dropped[0].swap(tasks_);
+        dropped[1].swap(urgent_);
         if (inFlight_)
             inFlight_->abort();
     }
@@ -108,14 +111,16 @@ private:
             inFlight_ = task.recording;
             lock.unlock();
             std::optional<Outcome> outcome = process(task, generation, query, options);
-            task = Task{}; // a recording goes here, outside the lock
             lock.lock();
-            inFlight_.reset();
+            inFlight_.reset(); // `task` still holds the recording
             if (outcome && !stop_) {
                 outbox_.push_back(std::move(*outcome));
                 if (outbox_.size() == 1)
                     QMetaObject::invokeMethod(owner_, "deliver", Qt::QueuedConnection);
             }
+            lock.unlock();
+            task = Task{}; // the recording goes outside the lock
+            lock.lock();
         }
     }
 

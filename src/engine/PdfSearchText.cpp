@@ -4,7 +4,7 @@
 
 #include "SearchTextBuilder.h"
 
-#include <QRectF>
+#include <QPolygonF>
 
 #include <algorithm>
 #include <cstring>
@@ -293,9 +293,7 @@ std::vector<PdfSearchText::Quad> PdfSearchText::quads(Match match) const
         if (upright) {
             // Text that runs along an axis: the box around both, so a taller
             // letter is covered whole.
-            const QRectF r = QPolygonF({run[0], run[1], run[2], run[3]})
-                                 .boundingRect()
-                                 .united(QPolygonF({box.quad[0], box.quad[1], box.quad[2], box.quad[3]}).boundingRect());
+            const QRectF r = bounds({run, box.quad});
             run = {r.bottomLeft(), r.bottomRight(), r.topRight(), r.topLeft()}; // y is up: "bottom" is the top
         } else {
             run[1] = box.quad[1];
@@ -303,6 +301,14 @@ std::vector<PdfSearchText::Quad> PdfSearchText::quads(Match match) const
         }
     }
     return out;
+}
+
+QRectF PdfSearchText::bounds(const std::vector<Quad> &quads)
+{
+    QRectF r;
+    for (const Quad &q : quads)
+        r = r.united(QPolygonF({q[0], q[1], q[2], q[3]}).boundingRect());
+    return r;
 }
 
 PdfSearchText PdfSearchText::withoutBoxes() const

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <QPointF>
+#include <QRectF>
 #include <QString>
 
 #include <array>
@@ -53,6 +54,8 @@ public:
     bool hasBoxes() const { return !boxes_.empty(); }
     // The quads a match covers, one per line it spans; none without boxes.
     std::vector<Quad> quads(Match match) const;
+    // The rectangle around quads.
+    static QRectF bounds(const std::vector<Quad> &quads);
     // The text alone, as a search index keeps it.
     PdfSearchText withoutBoxes() const;
     // Memory held, in bytes.

@@ -31,14 +31,6 @@ QToolButton *button(const QString &icon, QStyle::StandardPixmap fallback, const 
     return b;
 }
 
-QRectF boundsOf(const std::vector<PdfSearchText::Quad> &quads)
-{
-    QRectF r;
-    for (const auto &q : quads)
-        r = r.united(QPolygonF({q[0], q[1], q[2], q[3]}).boundingRect());
-    return r;
-}
-
 } // namespace
 
 FindBar::FindBar(PdfView *view, QWidget *parent)
@@ -277,7 +269,7 @@ void FindBar::reveal()
     const auto &hits = search_->results()[size_t(row)];
     if (hits.quads.size() == hits.matches.size()) {
         revealPending_ = false;
-        view_->ensureVisible(hits.page, boundsOf(hits.quads[size_t(match)]));
+        view_->ensureVisible(hits.page, PdfSearchText::bounds(hits.quads[size_t(match)]));
         return;
     }
     const auto shown = view_->visiblePages();

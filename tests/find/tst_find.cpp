@@ -54,14 +54,6 @@ int count(const std::shared_ptr<PdfDocument> &doc, const QString &query, PdfSear
     return n;
 }
 
-QRectF boundsOf(const std::vector<PdfSearchText::Quad> &quads)
-{
-    QRectF r;
-    for (const auto &q : quads)
-        r = r.united(QPolygonF({q[0], q[1], q[2], q[3]}).boundingRect());
-    return r;
-}
-
 } // namespace
 
 class TestFind : public QObject {
@@ -143,7 +135,7 @@ void TestFind::marksLieOnTheText()
         const auto text = searchText(page);
         const auto matches = text->find("needle", {});
         QCOMPARE(matches.size(), size_t(1));
-        const QRectF found = boundsOf(text->quads(matches.front()));
+        const QRectF found = PdfSearchText::bounds(text->quads(matches.front()));
         const auto word = page->selectionForWord(QPointF(190, 305));
         QVERIFY(word);
         const QRectF expected = word->bounds(page);
@@ -211,7 +203,7 @@ void TestFind::editsUpdateTheResults()
     QTRY_VERIFY_WITH_TIMEOUT(!search.isSearching(), waitMs);
     QCOMPARE(search.hitCount(), 1);
     QCOMPARE(search.results().front().page, page);
-    const QRectF marked = boundsOf(search.results().front().quads.front());
+    const QRectF marked = PdfSearchText::bounds(search.results().front().quads.front());
     QVERIFY(QRectF(100, 100, 200, 40).contains(marked.center()));
 
     box->setContents("zebra zebra");
@@ -249,7 +241,7 @@ void TestFind::findBarAsTheUserDrivesIt()
     QVERIFY(!bar->noteText().isEmpty());
     // The last page's match is scrolled into view.
     QTRY_VERIFY_WITH_TIMEOUT(!bar->currentQuads().empty(), waitMs);
-    const QRectF shown = view->convertFromPage(boundsOf(bar->currentQuads()), bar->currentPage());
+    const QRectF shown = view->convertFromPage(PdfSearchText::bounds(bar->currentQuads()), bar->currentPage());
     QVERIFY(QRectF(view->viewport()->rect()).contains(shown));
 
     bar->matchCaseBox()->setChecked(true);

@@ -113,6 +113,8 @@ FindBar::~FindBar()
 void FindBar::setDocument(std::shared_ptr<PdfDocument> document)
 {
     setEnabled(document && !document->isLocked());
+    if (!isEnabled())
+        close();
     if (document == search_->document())
         return;
     search_->setDocument(document && !document->isLocked() ? document : nullptr);

@@ -161,6 +161,7 @@ struct DocumentLock {
     // Recordings waiting for the lock: background work leaves it to them.
     int recordersWaiting = 0;
     fz_cookie *recording = nullptr;
+    bool background = false; // the recording is background work
 };
 
 constexpr std::chrono::milliseconds patience{10};
@@ -184,6 +185,8 @@ void lockDocuments()
     {
         std::lock_guard state(lock.state);
         ++lock.waiting;
+        if (lock.recording && lock.background)
+            abort(lock.recording); // background work does not keep anyone waiting
     }
     // Polled rather than a timed lock, which ThreadSanitizer cannot follow.
     const auto deadline = std::chrono::steady_clock::now() + patience;
@@ -249,6 +252,9 @@ RecordingHold::RecordingHold(fz_cookie *cookie, bool background)
         {
             std::lock_guard state(lock.state);
             ++lock.recordersWaiting;
+            // Background work gives way at once to a recording someone waits for.
+            if (lock.recording && lock.background)
+                abort(lock.recording);
         }
         lock.mutex.lock();
     }
@@ -260,6 +266,7 @@ RecordingHold::RecordingHold(fz_cookie *cookie, bool background)
         return;
     }
     lock.recording = cookie;
+    lock.background = background;
     heldDepth = 1;
     held_ = true;
 }

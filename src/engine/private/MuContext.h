@@ -77,8 +77,8 @@ public:
 // taken (held() is false) while another thread waits for it; once held,
 // a thread that asks for it sets `cookie->abort`, and the recording must
 // end soon after. A background hold (work nobody waits for, like indexing
-// text) does not wait for the lock either, and leaves it to recordings
-// that wait for it.
+// text) does not wait for the lock either, leaves it to recordings that
+// wait for it, and is stopped through its cookie when one starts waiting.
 class RecordingHold {
 public:
     explicit RecordingHold(fz_cookie *cookie, bool background = false);

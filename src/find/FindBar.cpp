@@ -49,6 +49,7 @@ FindBar::FindBar(PdfView *view, QWidget *parent)
     wholeWords_ = new QCheckBox(tr("Whole Words"));
     count_ = new QLabel;
     count_->setAccessibleName(tr("Match Count"));
+    count_->setAccessibleDescription(tr("Match Count"));
     note_ = new QLabel;
     note_->setAccessibleName(tr("Find Note"));
     closeButton_ = button(QStringLiteral("window-close"), QStyle::SP_TitleBarCloseButton, tr("Close Find Bar"), tr("Close (Escape)"));
@@ -344,12 +345,16 @@ QString FindBar::noteText() const
 
 void FindBar::updateCount()
 {
-    count_->setText(countText());
+    // Screen readers read the count itself.
+    const QString text = countText();
+    count_->setText(text);
+    count_->setAccessibleName(text.isEmpty() ? tr("Match Count") : text);
 }
 
 void FindBar::setNote(const QString &note)
 {
     note_->setText(note);
+    note_->setAccessibleName(note.isEmpty() ? tr("Find Note") : note);
     if (note.isEmpty())
         noteTimer_.stop();
     else

@@ -313,7 +313,9 @@ void ContentView::placeBanner()
 // are a tab of the sidebar beside the thumbnails.
 void ContentView::buildFind()
 {
-    resultsView_ = new SearchResultsView(findBar_->resultsModel());
+    // Owned by the sidebar while it is not one of its tabs.
+    resultsView_ = new SearchResultsView(findBar_->resultsModel(), sidebar_);
+    resultsView_->hide();
     connect(commands_->find, &QAction::triggered, findBar_, &FindBar::open);
     connect(commands_->findNext, &QAction::triggered, findBar_, &FindBar::findNext);
     connect(commands_->findPrevious, &QAction::triggered, findBar_, &FindBar::findPrevious);

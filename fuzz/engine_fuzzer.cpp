@@ -44,6 +44,16 @@ void readPage(const std::shared_ptr<PdfPage> &page)
     page->selectionForWord(crop.center());
     page->selectionForAll().string();
     PdfSelection::between(page, crop.topLeft(), page, crop.center()).string();
+    // The text as find reads it, matched with the page's own words.
+    if (auto recording = page->recording();
+        recording && recording->recordText(true) == PdfPageRecording::Result::Recorded) {
+        const auto searched = recording->text();
+        const QString query = PdfSearchText::searchable(text.left(8));
+        for (const auto &match : searched->find(query, PdfSearchOptions{false, true})) {
+            searched->quads(match);
+            searched->context(match);
+        }
+    }
     page->links();
     for (const auto &annotation : page->annotations()) {
         annotation->type();

@@ -165,7 +165,7 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
         beginEditExisting(annotation);
         return;
     }
-    const auto line = page->selectionForLine(p);
+    const auto line = page->selectionForRun(p);
     const QString text = line ? line->string() : QString();
     if (line && !text.isEmpty()) {
         if (text.trimmed().isEmpty())

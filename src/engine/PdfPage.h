@@ -70,6 +70,10 @@ public:
     std::optional<PdfFont> fontAt(int textIndex);
     // The whole line under a page-space point, or none.
     std::optional<PdfSelection> selectionForLine(QPointF point);
+    // The run of that line under the point: the line as far as it goes
+    // without a gap wider than a word space ever is, so a table's cell and
+    // not its whole row; none off the text.
+    std::optional<PdfSelection> selectionForRun(QPointF point);
     // The baseline (page-space y) of that line when its text runs left to
     // right on the page, else none.
     std::optional<qreal> baselineAt(QPointF point);

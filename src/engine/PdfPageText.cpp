@@ -156,6 +156,35 @@ std::optional<PdfSelection> PdfPage::selectionForLine(QPointF point)
     return std::nullopt;
 }
 
+std::optional<PdfSelection> PdfPage::selectionForRun(QPointF point)
+{
+    const Text &t = textLayout();
+    for (const auto &line : t.lines) {
+        if (!line.box.adjusted(-1, -1, 1, 1).contains(point))
+            continue;
+        // Columns of a table are set apart by more than a word space is in
+        // running text, even justified (a third of the text's size or less).
+        int from = line.first, to = line.end;
+        int previous = -1; // the last character that is not white space
+        for (int i = line.first; i < line.end; ++i) {
+            if (t.isSpace(i))
+                continue;
+            const QRectF &box = t.chars[size_t(i)].box;
+            const qreal widest = 0.7 * t.fonts[size_t(t.chars[size_t(i)].font)].size;
+            if (previous >= 0 && box.left() - t.chars[size_t(previous)].box.right() > widest) {
+                if (point.x() < box.left()) {
+                    to = previous + 1;
+                    break;
+                }
+                from = i;
+            }
+            previous = i;
+        }
+        return selectionForRange(from, to);
+    }
+    return std::nullopt;
+}
+
 std::optional<qreal> PdfPage::baselineAt(QPointF point)
 {
     const Text &t = textLayout();

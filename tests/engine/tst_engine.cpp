@@ -1000,6 +1000,9 @@ void TestEngine::textSelections()
 {
     std::vector<PageSpec> pages = fixtures::numberedPages(3);
     pages[2].rotation = 90;
+    // A table row: two cells on one baseline.
+    pages[1].text.push_back({"Paper", {72, 400}, 12});
+    pages[1].text.push_back({"1,200", {113.5, 400}, 12});
     QVERIFY(fixtures::writePdf(path("text.pdf"), pages));
     auto doc = PdfDocument::open(path("text.pdf"));
     auto p0 = doc->page(0), p1 = doc->page(1), p2 = doc->page(2);
@@ -1013,6 +1016,11 @@ void TestEngine::textSelections()
     QVERIFY(std::abs(box.left() - 72) < 1);
     QVERIFY(box.top() < 680 && box.bottom() > 686);
     QVERIFY(!p0->selectionForLine({300, 100}));
+    // Edit Text takes the cell clicked, a whole line of running text.
+    QCOMPARE(p0->selectionForRun({200, 683})->string(), line1);
+    QCOMPARE(p1->selectionForRun({125, 403})->string(), QString("1,200"));
+    QCOMPARE(p1->selectionForRun({80, 403})->string(), QString("Paper"));
+    QCOMPARE(p1->selectionForLine({80, 403})->string().simplified(), QString("Paper 1,200"));
 
     // Helvetica 12: "The quick " is 55.36 points wide, so a point just after
     // it lies before "brown".
@@ -1039,8 +1047,8 @@ void TestEngine::textSelections()
     const auto across = PdfSelection::between(p2, {300, 725}, p0, {71, 667});
     QCOMPARE(across.pages(), (std::vector<std::shared_ptr<PdfPage>>{p0, p1, p2}));
     QVERIFY(across.string().startsWith("The quick brown fox jumps over the lazy dog, line 2 of page 1."));
-    QVERIFY2(across.string().endsWith("line 3 of page 2.\nPage 3"), qPrintable(across.string()));
-    QCOMPARE(across.selectionsByLine().size(), size_t(2 + 4 + 1));
+    QVERIFY2(across.string().endsWith("line 3 of page 2.\nPaper 1,200\nPage 3"), qPrintable(across.string()));
+    QCOMPARE(across.selectionsByLine().size(), size_t(2 + 5 + 1));
     QVERIFY(across.bounds(p1).contains(QPointF(100, 683)));
     QVERIFY(across.bounds(p2).contains(QPointF(100, 725)));
     QVERIFY(!across.bounds(p0).contains(QPointF(100, 722)));

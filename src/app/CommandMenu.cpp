@@ -49,6 +49,9 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     zoomIn = add(view, tr("Zoom In"), {QKeySequence(Qt::CTRL | Qt::Key_Equal), QKeySequence(Qt::CTRL | Qt::Key_Plus)},
                  &CommandMenu::performZoomIn);
     zoomOut = add(view, tr("Zoom Out"), {QKeySequence(Qt::CTRL | Qt::Key_Minus)}, &CommandMenu::performZoomOut);
+    view->addSeparator();
+    goToPage = view->addAction(tr("Go to Page…"));
+    goToPage->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_G));
 
     for (auto signal : {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
                         &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged,
@@ -80,6 +83,7 @@ void CommandMenu::update()
     actualSize->setEnabled(hasDocument);
     zoomIn->setEnabled(hasDocument);
     zoomOut->setEnabled(hasDocument);
+    goToPage->setEnabled(hasDocument);
     openRecent->setEnabled(!model_->recentURLs().isEmpty());
 }
 

@@ -1,6 +1,7 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
 // Selection, Find…, Find Next, Find Previous), File (New Window, Open...,
-// Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out). Enabling follows the model; the view
+// Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out,
+// Go to Page…). Enabling follows the model; the view
 // commands act on the page view of the window the menu belongs to.
 #pragma once
 
@@ -35,6 +36,8 @@ public:
     QAction *actualSize = nullptr;
     QAction *zoomIn = nullptr;
     QAction *zoomOut = nullptr;
+    // The window connects it to its page field.
+    QAction *goToPage = nullptr;
     QMenu *openRecent = nullptr;
 
     // Re-evaluates every command's enabling from the model.

@@ -9,6 +9,7 @@
 #include "Icons.h"
 #include "InsertPagesSheet.h"
 #include "MergeSheet.h"
+#include "PageZoomFields.h"
 #include "PagesMenu.h"
 #include "PasswordSheet.h"
 #include "PdfView.h"
@@ -36,6 +37,7 @@
 #include <QTabWidget>
 #include <QTimer>
 #include <QToolBar>
+#include <QToolButton>
 #include <QVBoxLayout>
 #include <QWindow>
 
@@ -68,7 +70,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     sidebarTabs_->setDocumentMode(true);
     sidebarTabs_->setTabBarAutoHide(true);
     sidebarTabs_->setAccessibleName(tr("Sidebar"));
-    sidebarTabs_->addTab(thumbnailSidebar_, tr("Pages"));
+    sidebarTabs_->addTab(thumbnailSidebar_, tr("Thumbnails"));
     sidebarLayout->addWidget(sidebarTabs_);
 
     documentPane_ = new QWidget;
@@ -98,6 +100,9 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
 
     commands_ = new CommandMenu(model_, this, std::move(newWindow), bridge_->pdfView());
     buildFind();
+    pageZoom_ = new PageZoomFields(bridge_->pdfView());
+    pageZoomPlace_->layout()->addWidget(pageZoom_);
+    connect(commands_->goToPage, &QAction::triggered, pageZoom_, &PageZoomFields::focusPage);
     annotationItems_->setPdfView(bridge_->pdfView());
     // Escape drops a waiting signature wherever the keyboard focus is.
     auto *cancelSignature = new QShortcut(QKeySequence(Qt::Key_Escape), this);
@@ -150,6 +155,11 @@ void ContentView::buildToolbar()
     };
     tbOpen_ = make(tr("Open"), "document-open", tr("Open a PDF"));
     tbSave_ = make(tr("Save"), "document-save", tr("Save"));
+    // The page and zoom fields, made with the page view.
+    pageZoomPlace_ = new QWidget;
+    pageZoomPlace_->setLayout(new QHBoxLayout);
+    pageZoomPlace_->layout()->setContentsMargins(8, 0, 0, 0);
+    bar->addWidget(pageZoomPlace_);
     bar->addWidget(stretch());
     toolGroup_ = new QWidget;
     toolGroup_->setLayout(new QHBoxLayout);
@@ -161,6 +171,10 @@ void ContentView::buildToolbar()
     bar->addWidget(stretch());
     tbUndo_ = make(tr("Undo"), "edit-undo", tr("Undo"));
     tbRedo_ = make(tr("Redo"), "edit-redo", tr("Redo"));
+    // Their icons say what they do; the room goes to the page and zoom fields.
+    for (QAction *action : {tbUndo_, tbRedo_})
+        if (auto *button = qobject_cast<QToolButton *>(bar->widgetForAction(action)))
+            button->setToolButtonStyle(Qt::ToolButtonIconOnly);
     pagesMenu_ = new QWidget;
     pagesMenu_->setLayout(new QHBoxLayout);
     pagesMenu_->layout()->setContentsMargins(0, 0, 0, 0);

@@ -15,6 +15,7 @@ class AnnotationToolbarItems;
 class CommandMenu;
 class DocumentModel;
 class FindBar;
+class PageZoomFields;
 class PagesMenu;
 class PasswordSheet;
 class PdfViewBridge;
@@ -69,6 +70,7 @@ public:
     QWidget *pagesMenuPlace() const { return pagesMenu_; }
     ThumbnailSidebarView *thumbnailSidebar() const { return thumbnailSidebar_; }
     FindBar *findBar() const { return findBar_; }
+    PageZoomFields *pageZoomFields() const { return pageZoom_; }
     SearchResultsView *resultsView() const { return resultsView_; }
     QTabWidget *sidebarTabs() const { return sidebarTabs_; }
     PagesMenu *pagesMenu() const { return pagesMenuButton_; }
@@ -147,6 +149,8 @@ private:
     ThumbnailSidebarView *thumbnailSidebar_ = nullptr;
     QTabWidget *sidebarTabs_ = nullptr;
     FindBar *findBar_ = nullptr;
+    QWidget *pageZoomPlace_ = nullptr;
+    PageZoomFields *pageZoom_ = nullptr;
     SearchResultsView *resultsView_ = nullptr;
     PagesMenu *pagesMenuButton_ = nullptr;
     QPointer<QDialog> mergeSheet_;

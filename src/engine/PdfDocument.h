@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -76,6 +77,9 @@ public:
     int pageCount() const;
     // Whether the document has bookmarks (outline entries).
     bool hasOutline() const;
+    // The label of every page ("iv", "A-3") as the document numbers them,
+    // in page order; empty when the document gives no labels.
+    QStringList pageLabels() const;
     std::shared_ptr<PdfPage> page(int index);
 
     // What is read from pages (the engine's loaded page, the text layout) is

@@ -147,7 +147,16 @@ ThumbnailSidebarView::ThumbnailSidebarView(DocumentModel *model, QWidget *parent
 
     connect(model_, &DocumentModel::pdfDocumentChanged, this, &ThumbnailSidebarView::rebuild);
     connect(model_, &DocumentModel::pageMutationCountChanged, this, &ThumbnailSidebarView::rebuild);
-    connect(model_, &DocumentModel::currentPageIndexChanged, this, &ThumbnailSidebarView::repaintRows);
+    connect(model_, &DocumentModel::currentPageIndexChanged, this, [this] {
+        // The current page's thumbnail stays in sight as the user reads on
+        // (the model tells of every write: only a new page moves the list).
+        if (const int current = model_->currentPageIndex(); current != followedPage_) {
+            followedPage_ = current;
+            if (const QModelIndex row = rows_->index(current); row.isValid())
+                list_->scrollTo(row, QAbstractItemView::EnsureVisible);
+        }
+        repaintRows();
+    });
     connect(model_, &DocumentModel::selectedPageIndicesChanged, this, &ThumbnailSidebarView::repaintRows);
     rebuild();
 }
@@ -168,6 +177,7 @@ void ThumbnailSidebarView::rebuild()
     const int count = document ? document->pageCount() : 0;
     cache_->setDocument(count > 0 ? document : nullptr);
     rows_->setCount(count);
+    followedPage_ = model_->currentPageIndex();
     stack_->setCurrentWidget(count > 0 ? static_cast<QWidget *>(list_) : empty_);
     visibleRowsChanged();
 }

@@ -52,4 +52,6 @@ private:
     QStackedWidget *stack_;
     QLabel *empty_;
     ReorderableListView *list_;
+    // The current page the list last scrolled to.
+    int followedPage_ = -1;
 };

@@ -459,6 +459,19 @@ void PdfView::setScaleFactor(qreal scale)
     zoomAround(scale, QPointF(viewport()->rect().center()));
 }
 
+void PdfView::fitPage()
+{
+    if (current_ < 0)
+        return;
+    const auto page = pages_[size_t(current_)];
+    const QSizeF size = layout_.pageSize(current_); // points
+    const QSize room = viewport()->size() - QSize(2 * PdfViewLayout::margin, 2 * PdfViewLayout::margin);
+    if (size.isEmpty() || room.isEmpty())
+        return;
+    setScaleFactor(std::min(room.width() / size.width(), room.height() / size.height()));
+    goToPage(page);
+}
+
 void PdfView::zoomAround(qreal scale, QPointF viewPoint)
 {
     setAutoScales(false);

@@ -86,6 +86,8 @@ public:
     void setMinScaleFactor(qreal scale);
     qreal maxScaleFactor() const { return maxScale_; }
     void setMaxScaleFactor(qreal scale);
+    // Zooms so that the current page fits the view whole, and shows it.
+    void fitPage();
     bool canZoomIn() const;
     bool canZoomOut() const;
 

@@ -8,6 +8,7 @@
 #include "DrawingOverlayView.h"
 #include "FixtureBuilder.h"
 #include "Icons.h"
+#include "PageZoomFields.h"
 #include "PagesMenu.h"
 #include "PasswordSheet.h"
 #include "PdfAnnotation.h"
@@ -25,6 +26,7 @@
 
 #include <QAction>
 #include <QClipboard>
+#include <QComboBox>
 #include <QDragEnterEvent>
 #include <QLabel>
 #include <QLineEdit>
@@ -105,6 +107,7 @@ private slots:
     void annotationGroupInTheToolbar();
     void currentPageInStepBothWays();
     void zoomIsFittedThenFrozen();
+    void pageAndZoomFields();
     void pagesOpenAtTheirTopAndStayInView();
     void deleteKeyGoesToTheOverlayFirst();
     void everyWindowFollowsAnnotationChanges();
@@ -614,6 +617,50 @@ void TestApp::currentPageInStepBothWays()
 
     m.setDocument(nullptr, {});
     QVERIFY(!view->document());
+}
+
+// The toolbar's page field shows the document's own labels and goes where
+// the user types; the zoom field takes a percentage or a fit.
+void TestApp::pageAndZoomFields()
+{
+    QByteArray pdf =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /PageLabels << /Nums [0 << /S /r >> 2 << /S /D "
+        "/P (A-) >>] >> >>\nendobj\n2 0 obj << /Type /Pages /Kids [3 0 R 4 0 R 5 0 R 6 0 R 7 0 R] /Count 5 >>\nendobj\n";
+    for (int i = 3; i <= 7; ++i)
+        pdf += QByteArray::number(i) + " 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] >>\nendobj\n";
+    pdf += "trailer << /Root 1 0 R >>\n%%EOF\n";
+    const QString path = dir_.filePath("labels.pdf");
+    QVERIFY(fixtures::writeFile(path, pdf));
+    window_->resize(1000, 700);
+    model_->open(path);
+    QCOMPARE(model_->pdfDocument()->pageLabels(), QStringList({"i", "ii", "A-1", "A-2", "A-3"}));
+    PdfView *view = window_->bridge()->pdfView();
+    PageZoomFields *fields = window_->pageZoomFields();
+    QTRY_COMPARE(fields->pageField()->text(), QString("i"));
+    QCOMPARE(fields->pageCountLabel()->text(), QString("(1 of 5)"));
+
+    window_->commands()->goToPage->trigger();
+    QTest::keyClicks(fields->pageField(), "a-2");
+    QTest::keyClick(fields->pageField(), Qt::Key_Return);
+    QTRY_COMPARE(view->currentPageIndex(), 3);
+    QCOMPARE(fields->pageField()->text(), QString("A-2"));
+    fields->pageField()->setText("9"); // no such page: it stays
+    QTest::keyClick(fields->pageField(), Qt::Key_Return);
+    QCOMPARE(fields->pageField()->text(), QString("A-2"));
+
+    QComboBox *zoom = fields->zoomField();
+    zoom->lineEdit()->setText("150");
+    QTest::keyClick(zoom->lineEdit(), Qt::Key_Return);
+    QCOMPARE(view->scaleFactor(), 1.5);
+    QCOMPARE(zoom->currentText(), QString("150 %"));
+    zoom->activated(zoom->findText("Fit Page"));
+    const QRectF page = view->convertFromPage(view->currentPage()->bounds(), view->currentPage());
+    QVERIFY(page.height() <= view->viewport()->height() && page.height() > view->viewport()->height() * 0.9);
+
+    // Without labels: the number and "of N".
+    model_->open(fixture("plain.pdf", 12));
+    QTRY_COMPARE(fields->pageCountLabel()->text(), QString("of 12"));
+    QCOMPARE(fields->pageField()->text(), QString("1"));
 }
 
 void TestApp::zoomIsFittedThenFrozen()

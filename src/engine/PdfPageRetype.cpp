@@ -1,0 +1,627 @@
+// Retyping a run of a page's text in its content: the run's glyphs are
+// filtered out of the content and the new text is drawn where they started.
+#include "PdfPage.h"
+
+#include "FontEmbedding.h"
+#include "FontFaces.h"
+#include "PageInternals.h"
+
+#include <cfloat>
+#include <cmath>
+#include <map>
+#include <set>
+#include <tuple>
+
+// The page's /Contents and /Resources before ([0]) and after ([1]) a retype; none where absent.
+struct PdfContentEdit::Native {
+    mu::Obj contents[2];
+    mu::Obj resources[2];
+};
+
+namespace {
+
+using Outcome = PdfRetype::Outcome;
+
+// A structured-text page, dropped when it goes.
+struct StextPage {
+    fz_stext_page *page = nullptr;
+    ~StextPage()
+    {
+        mu::release([this](fz_context *c) { fz_drop_stext_page(c, page); });
+    }
+};
+
+// Characters of one line of the layout, in its order.
+using Chars = std::vector<const fz_stext_char *>;
+
+bool isSpace(const fz_stext_char *ch)
+{
+    return ch->c == ' ' || ch->c == 0xa0 || ch->c == '\t';
+}
+
+fz_rect charBox(const fz_stext_char *ch)
+{
+    return fz_rect_from_quad(ch->quad);
+}
+
+fz_point middle(fz_rect r)
+{
+    return {(r.x0 + r.x1) / 2, (r.y0 + r.y1) / 2};
+}
+
+// What the content filter takes out: the glyphs whose middles lie in `box`
+// (page space). Plain data, as it is used inside MuPDF's error handling.
+struct Removal {
+    fz_rect box;
+    fz_point start;  // where the run's first glyph starts, page space
+    int removed = 0; // glyphs other than spaces
+    float nearest = FLT_MAX;
+    fz_matrix startMatrix = fz_identity; // glyph space to page space of the removed glyph nearest `start`
+    int warnings = 0;
+};
+
+int removeGlyph(fz_context *, void *opaque, int *ucs, int ucslen, fz_matrix trm, fz_matrix ctm, fz_rect bbox)
+{
+    auto *removal = static_cast<Removal *>(opaque);
+    const fz_matrix m = fz_concat(trm, ctm);
+    if (!fz_is_point_inside_rect(middle(fz_transform_rect(bbox, m)), removal->box))
+        return 0;
+    if (!(ucslen == 1 && (ucs[0] == ' ' || ucs[0] == 0xa0)))
+        ++removal->removed;
+    const float distance = std::hypot(m.e - removal->start.x, m.f - removal->start.y);
+    if (distance < removal->nearest) {
+        removal->nearest = distance;
+        removal->startMatrix = m;
+    }
+    return 1;
+}
+
+// Syntax errors in the content (MuPDF reads on past them, or gives up the
+// rest of the stream) mean the filtered content may lose what other readers show.
+void countWarning(void *user, const char *message)
+{
+    if (strstr(message, "syntax") || strstr(message, "rest of") || strstr(message, "content stream"))
+        ++static_cast<Removal *>(user)->warnings;
+}
+
+// Gives the page a content stream and resources of its own, copies of what
+// it had, so that filtering it changes no other page.
+void makeOwn(fz_context *c, pdf_document *doc, pdf_obj *page)
+{
+    pdf_obj *contents = pdf_dict_get(c, page, PDF_NAME(Contents));
+    fz_buffer *joined = fz_new_buffer(c, 1024), *part = nullptr;
+    fz_var(part);
+    fz_try(c)
+    {
+        const int parts = pdf_is_array(c, contents) ? pdf_array_len(c, contents) : 1;
+        for (int i = 0; i < parts; ++i) {
+            pdf_obj *stream = pdf_is_array(c, contents) ? pdf_array_get(c, contents, i) : contents;
+            if (!pdf_is_stream(c, stream))
+                continue;
+            part = pdf_load_stream(c, stream);
+            fz_append_buffer(c, joined, part);
+            fz_append_byte(c, joined, '\n');
+            fz_drop_buffer(c, part);
+            part = nullptr;
+        }
+        pdf_dict_put_drop(c, page, PDF_NAME(Contents), pdf_add_stream(c, doc, joined, nullptr, 0));
+        pdf_obj *resources = pdf_resolve_indirect(c, pdf_dict_get_inheritable(c, page, PDF_NAME(Resources)));
+        pdf_dict_put_drop(c, page, PDF_NAME(Resources),
+                          pdf_is_dict(c, resources) ? pdf_copy_dict(c, resources) : pdf_new_dict(c, doc, 1));
+    }
+    fz_always(c)
+    {
+        fz_drop_buffer(c, part);
+        fz_drop_buffer(c, joined);
+    }
+    fz_catch(c) fz_rethrow(c);
+}
+
+void putEntry(fz_context *c, pdf_obj *dict, pdf_obj *key, pdf_obj *value)
+{
+    if (value)
+        pdf_dict_put(c, dict, key, value);
+    else
+        pdf_dict_del(c, dict, key);
+}
+
+// Filters the run out of the page's own copy of its content, forms used on
+// it included when `forms` (each made the page's own instance).
+void filterRun(fz_context *c, pdf_document *doc, pdf_page *page, Removal *removal, bool forms)
+{
+    makeOwn(c, doc, page->obj);
+    void *previousUser = nullptr;
+    fz_warning_cb *previous = fz_warning_callback(c, &previousUser);
+    fz_flush_warnings(c);
+    fz_set_warning_callback(c, countWarning, removal);
+    fz_try(c)
+    {
+        pdf_filter_options options{};
+        options.opaque = removal;
+        options.text_filter = removeGlyph;
+        options.sanitize = 1;
+        options.recurse = forms;
+        options.instance_forms = forms;
+        pdf_filter_page_contents(c, doc, page, &options);
+        fz_flush_warnings(c);
+    }
+    fz_always(c) fz_set_warning_callback(c, previous, previousUser);
+    fz_catch(c) fz_rethrow(c);
+}
+
+// One glyph of the new text: the font it is drawn with (an index into the
+// fonts written), its code and advance (thousandths of the size). A gap
+// stands for a space the page's font cannot draw.
+struct NewGlyph {
+    int font = 0;
+    unsigned code = 0;
+    int bytes = 2;
+    int width = 0;
+    bool space = false;
+    bool gap = false;
+};
+
+struct Plan {
+    std::vector<pdf_obj *> fonts; // borrowed: the page's font, or the document core's embedded ones
+    std::vector<NewGlyph> glyphs;
+};
+
+// A space the page's font has no glyph for is a gap of a quarter of the size.
+constexpr int gapWidth = 250;
+
+// The page's own font for `target` (in its resources or those of the forms
+// it draws), loaded, or none.
+pdf_font_desc *pageFont(pdf_document *doc, pdf_obj *pageObj, fz_font *target, pdf_obj **fontObj)
+{
+    pdf_font_desc *found = nullptr;
+    auto search = [&](pdf_obj *resources) {
+        pdf_obj *fonts = nullptr;
+        int count = 0;
+        mu::tryGuard([&](fz_context *c) {
+            fonts = pdf_dict_get(c, resources, PDF_NAME(Font));
+            count = pdf_dict_len(c, fonts);
+        });
+        for (int i = 0; i < count && !found; ++i)
+            mu::tryGuard([&](fz_context *c) {
+                pdf_obj *font = pdf_dict_get_val(c, fonts, i);
+                pdf_font_desc *desc = pdf_load_font(c, doc, resources, font);
+                if (desc->font == target) {
+                    found = desc;
+                    *fontObj = font;
+                } else {
+                    pdf_drop_font(c, desc);
+                }
+            });
+    };
+    pdf_obj *resources = nullptr, *xobjects = nullptr;
+    int forms = 0;
+    mu::tryGuard([&](fz_context *c) {
+        resources = pdf_dict_get_inheritable(c, pageObj, PDF_NAME(Resources));
+        xobjects = pdf_dict_get(c, resources, PDF_NAME(XObject));
+        forms = pdf_dict_len(c, xobjects);
+    });
+    search(resources);
+    for (int i = 0; i < forms && !found; ++i) {
+        pdf_obj *formResources = nullptr;
+        mu::tryGuard(
+            [&](fz_context *c) { formResources = pdf_dict_get(c, pdf_dict_get_val(c, xobjects, i), PDF_NAME(Resources)); });
+        if (formResources)
+            search(formResources);
+    }
+    return found;
+}
+
+// The new text in the page's own font for the run: when it is embedded and
+// has a glyph for every character (spaces may become gaps).
+std::optional<Plan> ownFontPlan(pdf_document *doc, pdf_obj *pageObj, fz_font *target, const std::u32string &text)
+{
+    pdf_obj *fontObj = nullptr;
+    pdf_font_desc *desc = pageFont(doc, pageObj, target, &fontObj);
+    if (!desc)
+        return std::nullopt;
+    struct Dropper {
+        pdf_font_desc *desc;
+        ~Dropper()
+        {
+            mu::release([this](fz_context *c) { pdf_drop_font(c, desc); });
+        }
+    } dropper{desc};
+    pdf_cmap *encoding = desc->encoding;
+    if (!desc->is_embedded || desc->wmode || !encoding || encoding->codespace_len < 1)
+        return std::nullopt;
+    const int bytes = encoding->codespace[0].n;
+    for (int i = 0; i < encoding->codespace_len; ++i)
+        if (encoding->codespace[i].n != bytes)
+            return std::nullopt;
+    if (bytes != 1 && bytes != 2)
+        return std::nullopt;
+
+    // The code, CID and advance of each character of the text the font draws.
+    std::set<char32_t> wanted(text.begin(), text.end());
+    std::map<char32_t, std::pair<unsigned, int>> codes;
+    const unsigned last = bytes == 1 ? 0xff : 0xffff;
+    for (unsigned code = 0; code <= last && codes.size() < wanted.size(); ++code) {
+        const int cid = pdf_lookup_cmap(encoding, code);
+        if (cid < 0)
+            continue;
+        int ucs[8] = {};
+        int n = desc->to_unicode ? pdf_lookup_cmap_full(desc->to_unicode, unsigned(cid), ucs) : 0;
+        if (n == 0 && size_t(cid) < desc->cid_to_ucs_len) {
+            ucs[0] = desc->cid_to_ucs[cid];
+            n = 1;
+        }
+        if (n == 1 && wanted.count(char32_t(ucs[0])) && !codes.count(char32_t(ucs[0])))
+            codes.emplace(char32_t(ucs[0]), std::pair(code, cid));
+    }
+    Plan plan;
+    plan.fonts.push_back(fontObj);
+    for (char32_t ch : text) {
+        auto it = codes.find(ch);
+        const bool space = ch == U' ' || ch == 0xa0;
+        bool drawn = it != codes.end();
+        int width = 0;
+        if (drawn) {
+            // A subset may list a character whose glyph it left out.
+            const int cid = it->second.second;
+            drawn = mu::tryGuard([&](fz_context *c) {
+                const int gid = pdf_font_cid_to_gid(c, desc, cid);
+                if (gid <= 0 || (!space && fz_is_empty_rect(fz_bound_glyph(c, desc->font, gid, fz_identity))))
+                    fz_throw(c, FZ_ERROR_GENERIC, "no glyph");
+                width = pdf_lookup_hmtx(c, desc, cid).w;
+            });
+        }
+        if (!drawn && !space)
+            return std::nullopt;
+        if (drawn)
+            plan.glyphs.push_back({0, it->second.first, bytes, width, space, false});
+        else
+            plan.glyphs.push_back({0, 0, bytes, gapWidth, true, true});
+    }
+    return plan;
+}
+
+// The new text in the font service's face for the run's font, each face it
+// needs embedded as a subset.
+Plan servicePlan(DocCore &core, fz_font *target, float size, const QString &text)
+{
+    fz_context *c = mu::ctx();
+    const PdfFont font{QString::fromUtf8(fz_font_name(c, target)), size, fz_font_is_bold(c, target) != 0,
+                       fz_font_is_italic(c, target) != 0};
+    const std::vector<fontfaces::Glyph> glyphs = fontfaces::glyphs(font, text);
+    std::vector<fz_font *> faces;
+    std::vector<std::map<int, fontembedding::UsedGlyph>> used;
+    std::vector<int> faceOf;
+    for (const fontfaces::Glyph &glyph : glyphs) {
+        auto it = std::find(faces.begin(), faces.end(), glyph.font);
+        if (it == faces.end()) {
+            faces.push_back(glyph.font);
+            used.emplace_back();
+            it = faces.end() - 1;
+        }
+        const int face = int(it - faces.begin());
+        faceOf.push_back(face);
+        used[size_t(face)].try_emplace(glyph.id, fontembedding::UsedGlyph{glyph.width, glyph.character});
+    }
+    Plan plan;
+    std::vector<const EmbeddedFont *> embedded;
+    for (size_t i = 0; i < faces.size(); ++i) {
+        embedded.push_back(&fontembedding::embed(core, faces[i], used[i]));
+        plan.fonts.push_back(embedded.back()->font);
+    }
+    for (size_t i = 0; i < glyphs.size(); ++i) {
+        const std::map<int, int> &codes = embedded[size_t(faceOf[i])]->codes;
+        const auto code = codes.find(glyphs[i].id);
+        plan.glyphs.push_back({faceOf[i], unsigned(code == codes.end() ? glyphs[i].id : code->second), 2, glyphs[i].width,
+                               glyphs[i].character == U' ', false});
+    }
+    return plan;
+}
+
+QByteArray number(qreal value)
+{
+    QByteArray s = QByteArray::number(std::abs(value) < 1e-6 ? 0.0 : value, 'f', 4);
+    while (s.contains('.') && (s.endsWith('0') || s.endsWith('.')))
+        s.chop(1);
+    return s;
+}
+
+// The operators that draw the planned glyphs: `matrix` places the text
+// (page space, unscaled), `extra` widens each space (thousandths of the size).
+QByteArray textOperators(const Plan &plan, const std::vector<QByteArray> &names, const fz_matrix &matrix, float size, int color,
+                         qreal extra)
+{
+    QByteArray s = "BT\n";
+    s += number(((color >> 16) & 0xff) / 255.0) + ' ' + number(((color >> 8) & 0xff) / 255.0) + ' ' +
+         number((color & 0xff) / 255.0) + " rg\n0 Tr 0 Tc 0 Tw 100 Tz 0 Ts\n";
+    for (float v : {matrix.a, matrix.b, matrix.c, matrix.d, matrix.e, matrix.f})
+        s += number(v) + ' ';
+    s += "Tm\n";
+    int font = -1;
+    bool open = false;
+    for (const NewGlyph &glyph : plan.glyphs) {
+        if (!glyph.gap && glyph.font != font) {
+            if (open)
+                s += "] TJ\n";
+            font = glyph.font;
+            s += '/' + names[size_t(font)] + ' ' + number(size) + " Tf\n[";
+            open = true;
+        }
+        if (!open) {
+            s += '/' + names[0] + ' ' + number(size) + " Tf\n[";
+            font = 0;
+            open = true;
+        }
+        if (glyph.gap)
+            s += ' ' + number(-glyph.width) + ' ';
+        else
+            s += '<' + QByteArray::number(glyph.code, 16).rightJustified(glyph.bytes * 2, '0') + '>';
+        if (glyph.space && extra != 0)
+            s += ' ' + number(-extra) + ' ';
+    }
+    if (open)
+        s += "] TJ\n";
+    return s + "ET\n";
+}
+
+// The characters of a layout outside `skip`, spaces apart, by character and
+// position (to a tenth of a point).
+std::multiset<std::tuple<int, long, long>> charsOutside(fz_stext_page *page, const std::set<const fz_stext_char *> &skip)
+{
+    std::multiset<std::tuple<int, long, long>> chars;
+    for (fz_stext_block *block = page->first_block; block; block = block->next)
+        if (block->type == FZ_STEXT_BLOCK_TEXT)
+            for (fz_stext_line *line = block->u.t.first_line; line; line = line->next)
+                for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
+                    if (!isSpace(ch) && !skip.count(ch))
+                        chars.emplace(ch->c, std::lround(ch->origin.x * 10), std::lround(ch->origin.y * 10));
+    return chars;
+}
+
+// Whether a line runs along a page side, and another line of the page
+// starts and ends where it does (it is set justified).
+bool isJustified(fz_stext_page *page, const fz_stext_line *line)
+{
+    if (std::abs(line->dir.x) < 0.999f && std::abs(line->dir.y) < 0.999f)
+        return false;
+    for (fz_stext_block *block = page->first_block; block; block = block->next)
+        if (block->type == FZ_STEXT_BLOCK_TEXT)
+            for (fz_stext_line *other = block->u.t.first_line; other; other = other->next)
+                if (other != line && std::abs(other->bbox.x0 - line->bbox.x0) < 1 &&
+                    std::abs(other->bbox.x1 - line->bbox.x1) < 1 &&
+                    std::abs(other->bbox.y0 - line->bbox.y0) < 1 + 1e5f * std::abs(line->dir.x) &&
+                    std::abs(other->bbox.y1 - line->bbox.y1) < 1 + 1e5f * std::abs(line->dir.x))
+                    return true;
+    return false;
+}
+
+} // namespace
+
+PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
+{
+    PdfRetype result;
+    pdf_page *page = load() ? native_->loaded : nullptr;
+    if (!page)
+        return result;
+    StextPage before;
+    fz_matrix ctm = fz_identity;
+    if (!mu::tryGuard([&](fz_context *c) { before.page = readText(c, page, false, nullptr, nullptr, ctm); })) {
+        result.outcome = Outcome::Damaged;
+        return result;
+    }
+
+    // The line with most characters in the run, and those characters.
+    const fz_rect area =
+        fz_transform_rect(fz_make_rect(float(run.left()), float(run.top()), float(run.right()), float(run.bottom())), ctm);
+    const fz_stext_line *line = nullptr;
+    Chars hits;
+    int letters = 0;
+    for (fz_stext_block *block = before.page->first_block; block; block = block->next) {
+        if (block->type != FZ_STEXT_BLOCK_TEXT)
+            continue;
+        for (fz_stext_line *l = block->u.t.first_line; l; l = l->next) {
+            Chars inside;
+            int count = 0;
+            for (fz_stext_char *ch = l->first_char; ch; ch = ch->next)
+                if (fz_is_point_inside_rect(middle(charBox(ch)), area)) {
+                    inside.push_back(ch);
+                    count += isSpace(ch) ? 0 : 1;
+                }
+            if (count > letters) {
+                letters = count;
+                hits = std::move(inside);
+                line = l;
+            }
+        }
+    }
+    if (!letters)
+        return result;
+    while (isSpace(hits.back()))
+        hits.pop_back();
+    while (isSpace(hits.front()))
+        hits.erase(hits.begin());
+    fz_context *c = mu::ctx();
+    const bool alongSide = std::abs(line->dir.x) > 0.999f || std::abs(line->dir.y) > 0.999f;
+    for (const fz_stext_char *ch : hits)
+        if (fz_font_t3_procs(c, ch->font) || !alongSide) {
+            result.outcome = Outcome::Unsupported;
+            return result;
+        }
+    // The filter sees glyphs in page space.
+    const fz_stext_char *first = hits.front();
+    const fz_matrix toPage = fz_invert_matrix(ctm);
+    Removal removal;
+    removal.box = fz_empty_rect;
+    for (const fz_stext_char *ch : hits)
+        removal.box = fz_union_rect(removal.box, fz_transform_rect(charBox(ch), toPage));
+    removal.start = fz_transform_point(first->origin, toPage);
+
+    // The text as one line, and the glyphs that draw it.
+    QString text = newText;
+    text.replace(QLatin1String("\r\n"), QLatin1String(" "))
+        .replace(QLatin1Char('\n'), QLatin1Char(' '))
+        .replace(QLatin1Char('\r'), QLatin1Char(' '));
+    const std::u32string codePoints = text.toStdU32String();
+    std::optional<Plan> plan;
+    try {
+        if (!text.isEmpty()) {
+            plan = ownFontPlan(core_->doc, native_->obj, first->font, codePoints);
+            result.ownFont = plan.has_value();
+            if (!plan)
+                plan = servicePlan(*core_, first->font, first->size, text);
+        }
+    } catch (const mu::Error &) {
+        result.outcome = Outcome::Unsupported;
+        return result;
+    } catch (const std::bad_alloc &) {
+        result.outcome = Outcome::Unsupported;
+        return result;
+    }
+
+    auto native = std::make_unique<PdfContentEdit::Native>();
+    mu::tryGuard([&](fz_context *cc) {
+        native->contents[0] = mu::Obj(pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Contents))));
+        native->resources[0] = mu::Obj(pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources))));
+    });
+    auto putBack = [&] {
+        mu::tryGuard([&](fz_context *cc) {
+            putEntry(cc, native_->obj, PDF_NAME(Contents), native->contents[0].get());
+            putEntry(cc, native_->obj, PDF_NAME(Resources), native->resources[0].get());
+        });
+    };
+
+    // Glyphs drawn on the page itself first; else those of forms it draws too.
+    const int needed = letters;
+    for (bool forms : {false, true}) {
+        Removal attempt = removal;
+        if (!mu::tryGuard([&](fz_context *cc) { filterRun(cc, core_->doc, page, &attempt, forms); }) || attempt.warnings) {
+            putBack();
+            result.outcome = Outcome::Damaged;
+            return result;
+        }
+        if (attempt.removed == needed) {
+            removal = attempt;
+            result.outcome = Outcome::Done;
+            break;
+        }
+        putBack();
+        result.outcome = Outcome::Unmatched;
+    }
+    if (result.outcome != Outcome::Done)
+        return result;
+
+    // The new text, after the rest of the page, where the run started.
+    QByteArray operators;
+    std::vector<QByteArray> names;
+    if (plan) {
+        const float size = first->size;
+        const fz_matrix matrix = fz_concat(fz_scale(1 / size, 1 / size), removal.startMatrix);
+        // A justified line keeps its width when the new text is close to it in length.
+        qreal extra = 0;
+        int spaces = 0, width = 0;
+        for (const NewGlyph &glyph : plan->glyphs) {
+            spaces += glyph.space ? 1 : 0;
+            width += glyph.width;
+        }
+        const fz_stext_char *lastChar = hits.back();
+        const fz_point end = lastChar->quad.lr;
+        const qreal oldWidth = ((end.x - first->origin.x) * line->dir.x + (end.y - first->origin.y) * line->dir.y) / size * 1000;
+        int lineLetters = 0;
+        for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
+            lineLetters += isSpace(ch) ? 0 : 1;
+        if (spaces && lineLetters == needed && std::abs(oldWidth - width) < 0.12 * oldWidth && isJustified(before.page, line))
+            extra = (oldWidth - width) / spaces;
+        for (size_t i = 0; i < plan->fonts.size(); ++i)
+            names.push_back("VR" + QByteArray::number(qulonglong(i + 1)));
+        operators = textOperators(*plan, names, matrix, size, first->color, extra);
+    }
+    const bool written = mu::tryGuard([&](fz_context *cc) {
+        pdf_obj *contents = pdf_dict_get(cc, native_->obj, PDF_NAME(Contents));
+        pdf_obj *resources = pdf_dict_get(cc, native_->obj, PDF_NAME(Resources));
+        fz_buffer *old = nullptr, *joined = nullptr;
+        fz_var(old);
+        fz_var(joined);
+        fz_try(cc)
+        {
+            if (operators.size()) {
+                old = pdf_load_stream(cc, contents);
+                joined = fz_new_buffer(cc, old->len + size_t(operators.size()) + 8);
+                fz_append_string(cc, joined, "q\n");
+                fz_append_buffer(cc, joined, old);
+                fz_append_string(cc, joined, "\nQ\n");
+                fz_append_data(cc, joined, operators.constData(), size_t(operators.size()));
+                pdf_update_stream(cc, core_->doc, contents, joined, 0);
+                pdf_obj *fonts = pdf_dict_get(cc, resources, PDF_NAME(Font));
+                if (!pdf_is_dict(cc, fonts))
+                    fonts = pdf_dict_put_dict(cc, resources, PDF_NAME(Font), int(names.size()));
+                for (size_t i = 0; i < names.size(); ++i)
+                    pdf_dict_puts(cc, fonts, names[i].constData(), plan->fonts[i]);
+            }
+            native->contents[1] = mu::Obj(pdf_keep_obj(cc, contents));
+            native->resources[1] = mu::Obj(pdf_keep_obj(cc, resources));
+        }
+        fz_always(cc)
+        {
+            fz_drop_buffer(cc, old);
+            fz_drop_buffer(cc, joined);
+        }
+        fz_catch(cc) fz_rethrow(cc);
+    });
+    if (!written) {
+        putBack();
+        result.outcome = Outcome::Damaged;
+        return result;
+    }
+    changed(PdfChangeChannel::Content);
+
+    // Every other character of the page stays where it was.
+    StextPage after;
+    pdf_page *reloaded = load() ? native_->loaded : nullptr;
+    const std::set<const fz_stext_char *> replaced(hits.begin(), hits.end());
+    const bool read =
+        reloaded && mu::tryGuard([&](fz_context *cc) { after.page = readText(cc, reloaded, false, nullptr, nullptr, ctm); });
+    if (!read) {
+        putBack();
+        changed(PdfChangeChannel::Content);
+        result.outcome = Outcome::Damaged;
+        return result;
+    }
+    const auto kept = charsOutside(before.page, replaced), now = charsOutside(after.page, {});
+    if (!std::includes(now.begin(), now.end(), kept.begin(), kept.end())) {
+        putBack();
+        changed(PdfChangeChannel::Content);
+        result.outcome = Outcome::Unmatched;
+        return result;
+    }
+    result.edit = std::shared_ptr<PdfContentEdit>(new PdfContentEdit(weak_from_this(), std::move(native)));
+    return result;
+}
+
+PdfContentEdit::PdfContentEdit(std::weak_ptr<PdfPage> page, std::unique_ptr<Native> native)
+    : page_(std::move(page)), native_(std::move(native))
+{
+}
+
+PdfContentEdit::~PdfContentEdit() = default;
+
+void PdfContentEdit::undo()
+{
+    put(false);
+}
+
+void PdfContentEdit::redo()
+{
+    put(true);
+}
+
+void PdfContentEdit::put(bool after)
+{
+    auto page = page_.lock();
+    if (!page)
+        return;
+    const int i = after ? 1 : 0;
+    if (mu::tryGuard([&](fz_context *c) {
+            putEntry(c, page->native_->obj, PDF_NAME(Contents), native_->contents[i].get());
+            putEntry(c, page->native_->obj, PDF_NAME(Resources), native_->resources[i].get());
+        }))
+        page->changed(PdfChangeChannel::Content);
+}

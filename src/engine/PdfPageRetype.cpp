@@ -8,6 +8,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <set>
 #include <tuple>
@@ -57,7 +58,7 @@ struct Removal {
     int removed = 0; // glyphs other than spaces
     float nearest = FLT_MAX;
     fz_matrix startMatrix = fz_identity; // glyph space to page space of the removed glyph nearest `start`
-    int warnings = 0;
+    int warnings = 0;                    // errors and warnings of damage while the content was read
 };
 
 int removeGlyph(fz_context *, void *opaque, int *ucs, int ucslen, fz_matrix trm, fz_matrix ctm, fz_rect bbox)
@@ -76,45 +77,98 @@ int removeGlyph(fz_context *, void *opaque, int *ucs, int ucslen, fz_matrix trm,
     return 1;
 }
 
-// Syntax errors in the content (MuPDF reads on past them, or gives up the
-// rest of the stream) mean the filtered content may lose what other readers show.
+// Errors MuPDF reports while it reads the content (it reads on past them,
+// or gives up the rest of the stream) mean the rewritten content may lose
+// what other readers show; so do warnings of data cut short.
+void countError(void *user, const char *)
+{
+    ++static_cast<Removal *>(user)->warnings;
+}
+
 void countWarning(void *user, const char *message)
 {
-    if (strstr(message, "syntax") || strstr(message, "rest of") || strstr(message, "content stream"))
+    if (strstr(message, "syntax") || strstr(message, "read error") || strstr(message, "rest of"))
         ++static_cast<Removal *>(user)->warnings;
 }
 
+// The content writer's BT, followed by an explicit text matrix: MuPDF's
+// filter places the text object after one it emptied wrongly when that one
+// moved the text position with Td and the next one relies on BT resetting it.
+void (*writeBT)(fz_context *, pdf_processor *) = nullptr;
+void explicitBT(fz_context *c, pdf_processor *proc)
+{
+    writeBT(c, proc);
+    proc->op_Tm(c, proc, 1, 0, 0, 1, 0, 0);
+}
+
 // Gives the page a content stream and resources of its own, copies of what
-// it had, so that filtering it changes no other page.
+// it had (its streams rewritten as one, each text object starting with its
+// text matrix), so that filtering it changes no other page.
 void makeOwn(fz_context *c, pdf_document *doc, pdf_obj *page)
 {
-    pdf_obj *contents = pdf_dict_get(c, page, PDF_NAME(Contents));
-    fz_buffer *joined = fz_new_buffer(c, 1024), *part = nullptr;
-    fz_var(part);
+    pdf_obj *resources = pdf_resolve_indirect(c, pdf_dict_get_inheritable(c, page, PDF_NAME(Resources)));
+    fz_buffer *content = fz_new_buffer(c, 1024);
+    pdf_processor *proc = nullptr;
+    fz_var(proc);
     fz_try(c)
     {
-        const int parts = pdf_is_array(c, contents) ? pdf_array_len(c, contents) : 1;
-        for (int i = 0; i < parts; ++i) {
-            pdf_obj *stream = pdf_is_array(c, contents) ? pdf_array_get(c, contents, i) : contents;
-            if (!pdf_is_stream(c, stream))
-                continue;
-            part = pdf_load_stream(c, stream);
-            fz_append_buffer(c, joined, part);
-            fz_append_byte(c, joined, '\n');
-            fz_drop_buffer(c, part);
-            part = nullptr;
-        }
-        pdf_dict_put_drop(c, page, PDF_NAME(Contents), pdf_add_stream(c, doc, joined, nullptr, 0));
-        pdf_obj *resources = pdf_resolve_indirect(c, pdf_dict_get_inheritable(c, page, PDF_NAME(Resources)));
+        proc = pdf_new_buffer_processor(c, content, 0);
+        writeBT = proc->op_BT;
+        proc->op_BT = explicitBT;
+        pdf_process_contents(c, proc, doc, resources, pdf_dict_get(c, page, PDF_NAME(Contents)), nullptr);
+        pdf_close_processor(c, proc);
+        pdf_dict_put_drop(c, page, PDF_NAME(Contents), pdf_add_stream(c, doc, content, nullptr, 0));
         pdf_dict_put_drop(c, page, PDF_NAME(Resources),
                           pdf_is_dict(c, resources) ? pdf_copy_dict(c, resources) : pdf_new_dict(c, doc, 1));
     }
     fz_always(c)
     {
-        fz_drop_buffer(c, part);
-        fz_drop_buffer(c, joined);
+        pdf_drop_processor(c, proc);
+        fz_drop_buffer(c, content);
     }
     fz_catch(c) fz_rethrow(c);
+}
+
+// How far a content stream's q and Q take the graphics state stack from
+// where it starts: the lowest it falls (0 or less) and where it ends. The
+// filter may leave them unbalanced; text added after the content must start
+// from the page's own state.
+void depthOf(fz_context *c, fz_buffer *content, int *lowest, int *end)
+{
+    fz_stream *stm = fz_open_buffer(c, content);
+    pdf_lexbuf lex;
+    pdf_lexbuf_init(c, &lex, PDF_LEXBUF_SMALL);
+    int depth = 0, low = 0;
+    fz_try(c)
+    {
+        for (pdf_token token = pdf_lex(c, stm, &lex); token != PDF_TOK_EOF; token = pdf_lex(c, stm, &lex)) {
+            if (token != PDF_TOK_KEYWORD)
+                continue;
+            if (!strcmp(lex.scratch, "q")) {
+                ++depth;
+            } else if (!strcmp(lex.scratch, "Q")) {
+                low = std::min(low, --depth);
+            } else if (!strcmp(lex.scratch, "ID")) {
+                // Inline image data runs to white space, "EI" and white space.
+                int last[3] = {0, 0, 0};
+                for (int b = fz_read_byte(c, stm); b != EOF; b = fz_read_byte(c, stm)) {
+                    last[0] = last[1];
+                    last[1] = last[2];
+                    last[2] = b;
+                    if (last[1] == 'I' && last[0] == 'E' && (b == ' ' || b == '\n' || b == '\r'))
+                        break;
+                }
+            }
+        }
+    }
+    fz_always(c)
+    {
+        pdf_lexbuf_fin(c, &lex);
+        fz_drop_stream(c, stm);
+    }
+    fz_catch(c) fz_rethrow(c);
+    *lowest = low;
+    *end = depth;
 }
 
 void putEntry(fz_context *c, pdf_obj *dict, pdf_obj *key, pdf_obj *value)
@@ -129,13 +183,15 @@ void putEntry(fz_context *c, pdf_obj *dict, pdf_obj *key, pdf_obj *value)
 // it included when `forms` (each made the page's own instance).
 void filterRun(fz_context *c, pdf_document *doc, pdf_page *page, Removal *removal, bool forms)
 {
-    makeOwn(c, doc, page->obj);
-    void *previousUser = nullptr;
-    fz_warning_cb *previous = fz_warning_callback(c, &previousUser);
+    void *warningUser = nullptr, *errorUser = nullptr;
+    fz_warning_cb *warning = fz_warning_callback(c, &warningUser);
+    fz_error_cb *error = fz_error_callback(c, &errorUser);
     fz_flush_warnings(c);
     fz_set_warning_callback(c, countWarning, removal);
+    fz_set_error_callback(c, countError, removal);
     fz_try(c)
     {
+        makeOwn(c, doc, page->obj);
         pdf_filter_options options{};
         options.opaque = removal;
         options.text_filter = removeGlyph;
@@ -145,7 +201,11 @@ void filterRun(fz_context *c, pdf_document *doc, pdf_page *page, Removal *remova
         pdf_filter_page_contents(c, doc, page, &options);
         fz_flush_warnings(c);
     }
-    fz_always(c) fz_set_warning_callback(c, previous, previousUser);
+    fz_always(c)
+    {
+        fz_set_warning_callback(c, warning, warningUser);
+        fz_set_error_callback(c, error, errorUser);
+    }
     fz_catch(c) fz_rethrow(c);
 }
 
@@ -377,19 +437,16 @@ std::multiset<std::tuple<int, long, long>> charsOutside(fz_stext_page *page, con
     return chars;
 }
 
-// Whether a line runs along a page side, and another line of the page
-// starts and ends where it does (it is set justified).
+// Whether a line runs across the page as shown and another line ends where
+// it does (it is set justified; a paragraph's first line may be indented).
 bool isJustified(fz_stext_page *page, const fz_stext_line *line)
 {
-    if (std::abs(line->dir.x) < 0.999f && std::abs(line->dir.y) < 0.999f)
+    if (std::abs(line->dir.x) < 0.999f)
         return false;
     for (fz_stext_block *block = page->first_block; block; block = block->next)
         if (block->type == FZ_STEXT_BLOCK_TEXT)
             for (fz_stext_line *other = block->u.t.first_line; other; other = other->next)
-                if (other != line && std::abs(other->bbox.x0 - line->bbox.x0) < 1 &&
-                    std::abs(other->bbox.x1 - line->bbox.x1) < 1 &&
-                    std::abs(other->bbox.y0 - line->bbox.y0) < 1 + 1e5f * std::abs(line->dir.x) &&
-                    std::abs(other->bbox.y1 - line->bbox.y1) < 1 + 1e5f * std::abs(line->dir.x))
+                if (other != line && other->dir.x == line->dir.x && std::abs(other->bbox.x1 - line->bbox.x1) < 1)
                     return true;
     return false;
 }
@@ -530,8 +587,18 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
             lineLetters += isSpace(ch) ? 0 : 1;
         if (spaces && lineLetters == needed && std::abs(oldWidth - width) < 0.12 * oldWidth && isJustified(before.page, line))
             extra = (oldWidth - width) / spaces;
-        for (size_t i = 0; i < plan->fonts.size(); ++i)
-            names.push_back("VR" + QByteArray::number(qulonglong(i + 1)));
+        // Names no font of the page's resources has (earlier retypes' included).
+        pdf_obj *fonts = nullptr;
+        mu::tryGuard([&](fz_context *cc) {
+            fonts = pdf_dict_get(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)), PDF_NAME(Font));
+        });
+        for (int n = 1; names.size() < plan->fonts.size(); ++n) {
+            QByteArray name = "VR" + QByteArray::number(n);
+            bool taken = true;
+            mu::tryGuard([&](fz_context *cc) { taken = pdf_dict_gets(cc, fonts, name.constData()) != nullptr; });
+            if (!taken)
+                names.push_back(name);
+        }
         operators = textOperators(*plan, names, matrix, size, first->color, extra);
     }
     const bool written = mu::tryGuard([&](fz_context *cc) {
@@ -544,10 +611,15 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
         {
             if (operators.size()) {
                 old = pdf_load_stream(cc, contents);
-                joined = fz_new_buffer(cc, old->len + size_t(operators.size()) + 8);
-                fz_append_string(cc, joined, "q\n");
+                int lowest = 0, end = 0;
+                depthOf(cc, old, &lowest, &end);
+                joined = fz_new_buffer(cc, old->len + size_t(operators.size()) + 64);
+                for (int i = 0; i < 1 - lowest; ++i)
+                    fz_append_string(cc, joined, "q\n");
                 fz_append_buffer(cc, joined, old);
-                fz_append_string(cc, joined, "\nQ\n");
+                fz_append_byte(cc, joined, '\n');
+                for (int i = 0; i < 1 - lowest + end; ++i)
+                    fz_append_string(cc, joined, "Q\n");
                 fz_append_data(cc, joined, operators.constData(), size_t(operators.size()));
                 pdf_update_stream(cc, core_->doc, contents, joined, 0);
                 pdf_obj *fonts = pdf_dict_get(cc, resources, PDF_NAME(Font));

@@ -2,6 +2,7 @@
 // filtered out of the content and the new text is drawn where they started.
 #include "PdfPage.h"
 
+#include "Appearance.h"
 #include "FontEmbedding.h"
 #include "FontFaces.h"
 #include "PageInternals.h"
@@ -22,6 +23,7 @@ struct PdfContentEdit::Native {
 namespace {
 
 using Outcome = PdfRetype::Outcome;
+using appearance::number;
 
 // A structured-text page, dropped when it goes.
 struct StextPage {
@@ -54,11 +56,12 @@ fz_point middle(fz_rect r)
 // (page space). Plain data, as it is used inside MuPDF's error handling.
 struct Removal {
     fz_rect box;
-    fz_point start;  // where the run's first glyph starts, page space
     int removed = 0; // glyphs other than spaces
-    float nearest = FLT_MAX;
-    fz_matrix startMatrix = fz_identity; // glyph space to page space of the removed glyph nearest `start`
-    int warnings = 0;                    // errors and warnings of damage while the content was read
+    // Glyph space to page space of each glyph taken out, as far as there is room.
+    fz_matrix *matrices = nullptr;
+    int capacity = 0;
+    int taken = 0;
+    int warnings = 0; // errors and warnings of damage while the content was read
 };
 
 int removeGlyph(fz_context *, void *opaque, int *ucs, int ucslen, fz_matrix trm, fz_matrix ctm, fz_rect bbox)
@@ -69,11 +72,8 @@ int removeGlyph(fz_context *, void *opaque, int *ucs, int ucslen, fz_matrix trm,
         return 0;
     if (!(ucslen == 1 && (ucs[0] == ' ' || ucs[0] == 0xa0)))
         ++removal->removed;
-    const float distance = std::hypot(m.e - removal->start.x, m.f - removal->start.y);
-    if (distance < removal->nearest) {
-        removal->nearest = distance;
-        removal->startMatrix = m;
-    }
+    if (removal->taken < removal->capacity)
+        removal->matrices[removal->taken++] = m;
     return 1;
 }
 
@@ -210,8 +210,9 @@ void filterRun(fz_context *c, pdf_document *doc, pdf_page *page, Removal *remova
 }
 
 // One glyph of the new text: the font it is drawn with (an index into the
-// fonts written), its code and advance (thousandths of the size). A gap
-// stands for a space the page's font cannot draw.
+// fonts written), its code and advance (thousandths of the size), and how
+// much further the next glyph starts. A gap stands for a space the page's
+// font cannot draw.
 struct NewGlyph {
     int font = 0;
     unsigned code = 0;
@@ -219,6 +220,7 @@ struct NewGlyph {
     int width = 0;
     bool space = false;
     bool gap = false;
+    qreal after = 0;
 };
 
 struct Plan {
@@ -377,49 +379,46 @@ Plan servicePlan(DocCore &core, fz_font *target, float size, const QString &text
     return plan;
 }
 
-QByteArray number(qreal value)
-{
-    QByteArray s = QByteArray::number(std::abs(value) < 1e-6 ? 0.0 : value, 'f', 4);
-    while (s.contains('.') && (s.endsWith('0') || s.endsWith('.')))
-        s.chop(1);
-    return s;
-}
+// A piece of the line drawn in one face, colour and size from where its
+// first character starts: `matrix` maps its text space to page space.
+struct Segment {
+    Plan plan;
+    const fz_stext_char *first = nullptr;
+    fz_matrix matrix = fz_identity;
+    bool ownFont = false;
+};
 
-// The operators that draw the planned glyphs: `matrix` places the text
-// (page space, unscaled), `extra` widens each space (thousandths of the size).
-QByteArray textOperators(const Plan &plan, const std::vector<QByteArray> &names, const fz_matrix &matrix, float size, int color,
-                         qreal extra)
+// The operators that draw the segments, each font under its name.
+QByteArray textOperators(const std::vector<Segment> &segments, const std::map<pdf_obj *, QByteArray> &names)
 {
-    QByteArray s = "BT\n";
-    s += number(((color >> 16) & 0xff) / 255.0) + ' ' + number(((color >> 8) & 0xff) / 255.0) + ' ' +
-         number((color & 0xff) / 255.0) + " rg\n0 Tr 0 Tc 0 Tw 100 Tz 0 Ts\n";
-    for (float v : {matrix.a, matrix.b, matrix.c, matrix.d, matrix.e, matrix.f})
-        s += number(v) + ' ';
-    s += "Tm\n";
-    int font = -1;
-    bool open = false;
-    for (const NewGlyph &glyph : plan.glyphs) {
-        if (!glyph.gap && glyph.font != font) {
-            if (open)
-                s += "] TJ\n";
-            font = glyph.font;
-            s += '/' + names[size_t(font)] + ' ' + number(size) + " Tf\n[";
-            open = true;
+    QByteArray s = "BT\n0 Tr 0 Tc 0 Tw 100 Tz 0 Ts\n";
+    for (const Segment &segment : segments) {
+        const int color = segment.first->color;
+        const float size = segment.first->size;
+        s += number(((color >> 16) & 0xff) / 255.0) + ' ' + number(((color >> 8) & 0xff) / 255.0) + ' ' +
+             number((color & 0xff) / 255.0) + " rg\n";
+        const fz_matrix &m = segment.matrix;
+        for (float v : {m.a, m.b, m.c, m.d, m.e, m.f})
+            s += number(v) + ' ';
+        s += "Tm\n";
+        int font = -1;
+        for (const NewGlyph &glyph : segment.plan.glyphs) {
+            if (font < 0 || (!glyph.gap && glyph.font != font)) {
+                if (font >= 0)
+                    s += "] TJ\n";
+                font = glyph.font;
+                s += '/' + names.at(segment.plan.fonts[size_t(font)]) + ' ' + number(size) + " Tf\n[";
+            }
+            if (glyph.gap)
+                s += ' ' + number(-glyph.width) + ' ';
+            else
+                s += '<' + QByteArray::number(glyph.code, 16).rightJustified(glyph.bytes * 2, '0') + '>';
+            if (std::abs(glyph.after) > 0.05)
+                s += ' ' + number(-glyph.after) + ' ';
         }
-        if (!open) {
-            s += '/' + names[0] + ' ' + number(size) + " Tf\n[";
-            font = 0;
-            open = true;
-        }
-        if (glyph.gap)
-            s += ' ' + number(-glyph.width) + ' ';
-        else
-            s += '<' + QByteArray::number(glyph.code, 16).rightJustified(glyph.bytes * 2, '0') + '>';
-        if (glyph.space && extra != 0)
-            s += ' ' + number(-extra) + ' ';
+        if (font >= 0)
+            s += "] TJ\n";
     }
-    if (open)
-        s += "] TJ\n";
     return s + "ET\n";
 }
 
@@ -503,29 +502,51 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
             result.outcome = Outcome::Unsupported;
             return result;
         }
-    // The filter sees glyphs in page space.
-    const fz_stext_char *first = hits.front();
-    const fz_matrix toPage = fz_invert_matrix(ctm);
-    Removal removal;
-    removal.box = fz_empty_rect;
-    for (const fz_stext_char *ch : hits)
-        removal.box = fz_union_rect(removal.box, fz_transform_rect(charBox(ch), toPage));
-    removal.start = fz_transform_point(first->origin, toPage);
-
-    // The text as one line, and the glyphs that draw it.
+    // The text as one line. The characters it starts with as the run did
+    // (whole words) are drawn again as they were, where they were, in their
+    // own faces and colours; the rest of the run is replaced from there, in
+    // the face and colour of the character it starts at.
     QString text = newText;
     text.replace(QLatin1String("\r\n"), QLatin1String(" "))
         .replace(QLatin1Char('\n'), QLatin1Char(' '))
-        .replace(QLatin1Char('\r'), QLatin1Char(' '));
-    const std::u32string codePoints = text.toStdU32String();
-    std::optional<Plan> plan;
+        .replace(QLatin1Char('\r'), QLatin1Char(' '))
+        .replace(QLatin1Char('\t'), QLatin1Char(' '));
+    std::u32string codePoints = text.toStdU32String();
+    int lineLetters = 0;
+    for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
+        lineLetters += isSpace(ch) ? 0 : 1;
+    const bool wholeLine = lineLetters == letters;
+    size_t keep = 0;
+    while (keep < hits.size() && keep < codePoints.size() && char32_t(hits[keep]->c) == codePoints[keep])
+        ++keep;
+    while (keep > 0 && keep < hits.size() && !isSpace(hits[keep - 1]))
+        --keep;
+    const std::u32string tail = codePoints.substr(keep);
+
+    // The glyphs that draw each piece.
+    std::vector<Segment> segments;
     try {
-        if (!text.isEmpty()) {
-            plan = ownFontPlan(core_->doc, native_->obj, first->font, codePoints);
-            result.ownFont = plan.has_value();
-            if (!plan)
-                plan = servicePlan(*core_, first->font, first->size, text);
+        auto add = [&](const fz_stext_char *start, const std::u32string &piece) {
+            Segment segment;
+            segment.first = start;
+            if (auto own = ownFontPlan(core_->doc, native_->obj, start->font, piece)) {
+                segment.plan = std::move(*own);
+                segment.ownFont = true;
+            } else {
+                segment.plan = servicePlan(*core_, start->font, start->size, QString::fromStdU32String(piece));
+            }
+            segments.push_back(std::move(segment));
+        };
+        for (size_t i = 0; i < keep;) {
+            size_t j = i + 1;
+            while (j < keep && (isSpace(hits[j]) || (hits[j]->font == hits[i]->font && hits[j]->color == hits[i]->color &&
+                                                     hits[j]->size == hits[i]->size)))
+                ++j;
+            add(hits[i], codePoints.substr(i, j - i));
+            i = j;
         }
+        if (!tail.empty())
+            add(keep < hits.size() ? hits[keep] : hits.back(), tail);
     } catch (const mu::Error &) {
         result.outcome = Outcome::Unsupported;
         return result;
@@ -533,6 +554,20 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
         result.outcome = Outcome::Unsupported;
         return result;
     }
+    result.ownFont = std::all_of(segments.begin(), segments.end(), [](const Segment &s) { return s.ownFont; });
+    if (!tail.empty())
+        result.ownFont = segments.back().ownFont;
+
+    // The filter sees glyphs in page space.
+    const int needed = int(std::count_if(hits.begin(), hits.end(), [](const fz_stext_char *ch) { return !isSpace(ch); }));
+    const fz_matrix toPage = fz_invert_matrix(ctm);
+    std::vector<fz_matrix> matrices(hits.size() + 16);
+    Removal removal;
+    removal.box = fz_empty_rect;
+    for (const fz_stext_char *ch : hits)
+        removal.box = fz_union_rect(removal.box, fz_transform_rect(charBox(ch), toPage));
+    removal.matrices = matrices.data();
+    removal.capacity = int(matrices.size());
 
     auto native = std::make_unique<PdfContentEdit::Native>();
     mu::tryGuard([&](fz_context *cc) {
@@ -547,7 +582,6 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     };
 
     // Glyphs drawn on the page itself first; else those of forms it draws too.
-    const int needed = letters;
     for (bool forms : {false, true}) {
         Removal attempt = removal;
         if (!mu::tryGuard([&](fz_context *cc) { filterRun(cc, core_->doc, page, &attempt, forms); }) || attempt.warnings) {
@@ -566,41 +600,65 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     if (result.outcome != Outcome::Done)
         return result;
 
-    // The new text, after the rest of the page, where the run started.
-    QByteArray operators;
-    std::vector<QByteArray> names;
-    if (plan) {
-        const float size = first->size;
-        const fz_matrix matrix = fz_concat(fz_scale(1 / size, 1 / size), removal.startMatrix);
-        // A justified line keeps its width when the new text is close to it in length.
-        qreal extra = 0;
-        int spaces = 0, width = 0;
-        for (const NewGlyph &glyph : plan->glyphs) {
-            spaces += glyph.space ? 1 : 0;
-            width += glyph.width;
-        }
-        const fz_stext_char *lastChar = hits.back();
-        const fz_point end = lastChar->quad.lr;
-        const qreal oldWidth = ((end.x - first->origin.x) * line->dir.x + (end.y - first->origin.y) * line->dir.y) / size * 1000;
-        int lineLetters = 0;
-        for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
-            lineLetters += isSpace(ch) ? 0 : 1;
-        if (spaces && lineLetters == needed && std::abs(oldWidth - width) < 0.12 * oldWidth && isJustified(before.page, line))
-            extra = (oldWidth - width) / spaces;
-        // Names no font of the page's resources has (earlier retypes' included).
-        pdf_obj *fonts = nullptr;
-        mu::tryGuard([&](fz_context *cc) {
-            fonts = pdf_dict_get(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)), PDF_NAME(Font));
-        });
-        for (int n = 1; names.size() < plan->fonts.size(); ++n) {
-            QByteArray name = "VR" + QByteArray::number(n);
-            bool taken = true;
-            mu::tryGuard([&](fz_context *cc) { taken = pdf_dict_gets(cc, fonts, name.constData()) != nullptr; });
-            if (!taken)
-                names.push_back(name);
-        }
-        operators = textOperators(*plan, names, matrix, size, first->color, extra);
+    // Each piece starts where its first character did, turned, slanted and
+    // scaled as the glyph taken out there was.
+    for (Segment &segment : segments) {
+        const fz_point origin = fz_transform_point(segment.first->origin, toPage);
+        const fz_matrix *nearest = nullptr;
+        for (int i = 0; i < removal.taken; ++i)
+            if (!nearest || std::hypot(matrices[size_t(i)].e - origin.x, matrices[size_t(i)].f - origin.y) <
+                                std::hypot(nearest->e - origin.x, nearest->f - origin.y))
+                nearest = &matrices[size_t(i)];
+        const float size = segment.first->size;
+        segment.matrix = fz_concat(fz_scale(1 / size, 1 / size), nearest ? *nearest : fz_scale(size, size));
+        segment.matrix.e = origin.x;
+        segment.matrix.f = origin.y;
     }
+    // Kept characters land where they were: each glyph is followed by the
+    // difference between its advance and the way to the next one.
+    for (size_t i = 0, at = 0; i < segments.size() && at < keep; ++i) {
+        Segment &segment = segments[i];
+        const qreal scale = segment.first->size * std::hypot(segment.matrix.a, segment.matrix.b);
+        std::vector<NewGlyph> &glyphs = segment.plan.glyphs;
+        for (size_t g = 0; g < glyphs.size(); ++g, ++at)
+            if (g + 1 < glyphs.size() && at + 1 < hits.size() && scale > 0) {
+                const fz_point a = hits[at]->origin, b = hits[at + 1]->origin;
+                const qreal way = (b.x - a.x) * line->dir.x + (b.y - a.y) * line->dir.y;
+                glyphs[g].after = way / scale * 1000 - glyphs[g].width;
+            }
+    }
+    // A justified line keeps its width when the new text is close to it in length.
+    if (!tail.empty() && keep < hits.size() && wholeLine && isJustified(before.page, line)) {
+        std::vector<NewGlyph> &glyphs = segments.back().plan.glyphs;
+        const fz_stext_char *start = hits[keep];
+        const fz_point end = hits.back()->quad.lr;
+        const qreal oldWidth =
+            ((end.x - start->origin.x) * line->dir.x + (end.y - start->origin.y) * line->dir.y) / start->size * 1000;
+        const int spaces = int(std::count_if(glyphs.begin(), glyphs.end(), [](const NewGlyph &g) { return g.space; }));
+        int width = 0;
+        for (const NewGlyph &glyph : glyphs)
+            width += glyph.width;
+        if (spaces && std::abs(oldWidth - width) < 0.12 * oldWidth)
+            for (NewGlyph &glyph : glyphs)
+                glyph.after = glyph.space ? (oldWidth - width) / spaces : 0;
+    }
+
+    // Names no font of the page's resources has (earlier retypes' included).
+    std::map<pdf_obj *, QByteArray> names;
+    pdf_obj *fonts = nullptr;
+    mu::tryGuard(
+        [&](fz_context *cc) { fonts = pdf_dict_get(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)), PDF_NAME(Font)); });
+    int serial = 1;
+    for (const Segment &segment : segments)
+        for (pdf_obj *font : segment.plan.fonts)
+            while (!names.count(font)) {
+                QByteArray name = "VR" + QByteArray::number(serial++);
+                bool taken = true;
+                mu::tryGuard([&](fz_context *cc) { taken = pdf_dict_gets(cc, fonts, name.constData()) != nullptr; });
+                if (!taken)
+                    names.emplace(font, name);
+            }
+    const QByteArray operators = segments.empty() ? QByteArray() : textOperators(segments, names);
     const bool written = mu::tryGuard([&](fz_context *cc) {
         pdf_obj *contents = pdf_dict_get(cc, native_->obj, PDF_NAME(Contents));
         pdf_obj *resources = pdf_dict_get(cc, native_->obj, PDF_NAME(Resources));
@@ -622,11 +680,11 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
                     fz_append_string(cc, joined, "Q\n");
                 fz_append_data(cc, joined, operators.constData(), size_t(operators.size()));
                 pdf_update_stream(cc, core_->doc, contents, joined, 0);
-                pdf_obj *fonts = pdf_dict_get(cc, resources, PDF_NAME(Font));
-                if (!pdf_is_dict(cc, fonts))
-                    fonts = pdf_dict_put_dict(cc, resources, PDF_NAME(Font), int(names.size()));
-                for (size_t i = 0; i < names.size(); ++i)
-                    pdf_dict_puts(cc, fonts, names[i].constData(), plan->fonts[i]);
+                pdf_obj *fontDict = pdf_dict_get(cc, resources, PDF_NAME(Font));
+                if (!pdf_is_dict(cc, fontDict))
+                    fontDict = pdf_dict_put_dict(cc, resources, PDF_NAME(Font), int(names.size()));
+                for (const auto &[font, name] : names)
+                    pdf_dict_puts(cc, fontDict, name.constData(), font);
             }
             native->contents[1] = mu::Obj(pdf_keep_obj(cc, contents));
             native->resources[1] = mu::Obj(pdf_keep_obj(cc, resources));

@@ -1096,22 +1096,24 @@ QRectF lineWith(const std::shared_ptr<PdfPage> &page, const QString &words)
 void TestEngine::retypeEditsThePageContent()
 {
     // Pages 1 and 2 (turned) share a content stream; pages 1 and 3 draw one form.
-    const QByteArray shared = "0 0 1 rg 60 640 200 30 re f\nBT /F1 12 Tf 0.8 0 0 rg 72 700 Td (Hello brave world) Tj ET\n"
-                              "BT /F1 12 Tf 72 680 Td (Second line stays) Tj ET\n/Fm Do\n";
+    const QByteArray shared =
+        "0 0 1 rg 60 640 200 30 re f\nBT /F2 12 Tf 72 700 Td (Hello) Tj /F1 12 Tf 0.8 0 0 rg ( brave world) Tj ET\n"
+        "BT /F1 12 Tf 72 680 Td (Second line stays) Tj ET\n/Fm Do\n";
     QTemporaryDir dir;
     const QString source = dir.filePath("retype.pdf"), saved = dir.filePath("retyped.pdf");
     QVERIFY(fixtures::writeFile(
         source,
-        fixtures::buildFromObjects({"<< /Type /Catalog /Pages 2 0 R >>",
-                                    "<< /Type /Pages /Kids [3 0 R 4 0 R 5 0 R] /Count 3 /MediaBox [0 0 612 792] >>",
-                                    "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R >>",
-                                    "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R /Rotate 90 >>",
-                                    "<< /Type /Page /Parent 2 0 R /Contents 9 0 R /Resources 7 0 R >>",
-                                    fixtures::streamObject("", shared), "<< /Font << /F1 8 0 R >> /XObject << /Fm 10 0 R >> >>",
-                                    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>",
-                                    fixtures::streamObject("", "/Fm Do"),
-                                    fixtures::streamObject("/Type /XObject /Subtype /Form /BBox [0 0 612 792] /Resources 7 0 R",
-                                                           "BT /F1 12 Tf 72 500 Td (Shared form text) Tj ET")})));
+        fixtures::buildFromObjects(
+            {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R 4 0 R 5 0 R] /Count 3 /MediaBox [0 0 612 792] >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R /Rotate 90 >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 9 0 R /Resources 7 0 R >>", fixtures::streamObject("", shared),
+             "<< /Font << /F1 8 0 R /F2 11 0 R >> /XObject << /Fm 10 0 R >> >>",
+             "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>",
+             fixtures::streamObject("", "/Fm Do"),
+             fixtures::streamObject("/Type /XObject /Subtype /Form /BBox [0 0 612 792] /Resources 7 0 R",
+                                    "BT /F1 12 Tf 72 500 Td (Shared form text) Tj ET"),
+             "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>"})));
     auto doc = PdfDocument::open(source);
     QVERIFY(doc);
     auto page = doc->page(0), twin = doc->page(1), formUser = doc->page(2);
@@ -1119,22 +1121,25 @@ void TestEngine::retypeEditsThePageContent()
     const QImage before = page->render(2);
     QSignalSpy announced(doc->changes(), &PdfChangeChannel::pageChanged);
 
-    // "brave world" (from x 100) becomes new words: the rest of the page looks and reads as before.
-    const QRectF run(100, 695, 200, 20);
-    PdfRetype retyped = page->retype(run, "new words");
+    // The line is retyped: its bold blue word stays as it was, the new words
+    // continue the red run, and the rest of the page looks and reads as before.
+    const QRectF run = lineWith(page, "brave");
+    PdfRetype retyped = page->retype(run, "Hello new words");
     QCOMPARE(retyped.outcome, PdfRetype::Outcome::Done);
     QVERIFY(retyped.edit && !retyped.ownFont);
     QCOMPARE(announced.size(), 1);
     QCOMPARE(announced[0][1].value<PdfChangeChannel::Changes>(), PdfChangeChannel::Changes(PdfChangeChannel::Content));
     QCOMPARE(page->text().count("new words"), 1);
     QVERIFY(!page->text().contains("brave") && !page->text().contains("world"));
-    for (const char *kept : {"Hello", "Second line stays", "Shared form text"})
+    for (const char *kept : {"Second line stays", "Shared form text"})
         QVERIFY2(page->text().contains(kept), kept);
-    QVERIFY(page->selectionForLine({110, 704})->string().contains("new words"));
+    QCOMPARE(page->selectionForLine({110, 704})->string(), QString("Hello new words"));
+    QVERIFY(page->fontAt(page->text().indexOf("Hello"))->bold);
     const QImage after = page->render(2);
     QVERIFY(sameOutside(before, after, page, run.adjusted(0, -4, 0, 0), 2));
     QVERIFY(after != before);
-    QVERIFY(showsColorIn(after, page, run, QColor(204, 0, 0), 2, 30));
+    QVERIFY(showsColorIn(after, page, QRectF(110, 698, 50, 8), QColor(204, 0, 0), 2, 30));
+    QVERIFY(showsColorIn(after, page, QRectF(72, 698, 25, 8), Qt::blue, 2, 30));
     QCOMPARE(twin->text(), twinText);
 
     // Undo puts the very content back, redo the retyped one.

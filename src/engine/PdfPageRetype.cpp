@@ -7,7 +7,6 @@
 #include "FontFaces.h"
 #include "PageInternals.h"
 
-#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <map>

@@ -1207,6 +1207,10 @@ void TestEngine::retypeFontsAndRefusals()
     QCOMPARE(fallback.outcome, PdfRetype::Outcome::Done);
     QVERIFY(!fallback.ownFont);
     QVERIFY(page->text().contains("Zażółć gęślą jaźń"));
+    // That face, embedded now, has what a shorter text needs.
+    PdfRetype again = page->retype(lineWith(page, "Zażółć"), "Zażółć jaźń");
+    QVERIFY(again.outcome == PdfRetype::Outcome::Done && again.ownFont);
+    QVERIFY(page->text().contains("Zażółć jaźń\n"));
 
     // What cannot be edited in the content is left as it is: a Type 3 font,
     // glyphs drawn as shapes, content broken off after the line.

@@ -383,6 +383,7 @@ Plan servicePlan(DocCore &core, fz_font *target, float size, const QString &text
 struct Segment {
     Plan plan;
     const fz_stext_char *first = nullptr;
+    size_t kept = 0; // the characters of the run it draws again, from `first` on
     fz_matrix matrix = fz_identity;
     bool ownFont = false;
 };
@@ -419,6 +420,149 @@ QByteArray textOperators(const std::vector<Segment> &segments, const std::map<pd
             s += "] TJ\n";
     }
     return s + "ET\n";
+}
+
+// The pieces that draw the line: the run's first `keep` characters again, a
+// piece for each face, colour and size, then `text` after them in the face
+// of the character it replaces. Throws mu::Error.
+std::vector<Segment> planSegments(DocCore &core, pdf_obj *pageObj, const Chars &hits, size_t keep, const std::u32string &text)
+{
+    std::vector<Segment> segments;
+    auto add = [&](const fz_stext_char *start, size_t kept, const std::u32string &piece) {
+        Segment segment;
+        segment.first = start;
+        segment.kept = kept;
+        if (auto own = ownFontPlan(core.doc, pageObj, start->font, piece)) {
+            segment.plan = std::move(*own);
+            segment.ownFont = true;
+        } else {
+            segment.plan = servicePlan(core, start->font, start->size, QString::fromStdU32String(piece));
+        }
+        segments.push_back(std::move(segment));
+    };
+    for (size_t i = 0; i < keep;) {
+        size_t j = i + 1;
+        while (j < keep && (isSpace(hits[j]) || (hits[j]->font == hits[i]->font && hits[j]->color == hits[i]->color &&
+                                                 hits[j]->size == hits[i]->size)))
+            ++j;
+        std::u32string piece;
+        for (size_t k = i; k < j; ++k)
+            piece += char32_t(hits[k]->c);
+        add(hits[i], j - i, piece);
+        i = j;
+    }
+    if (!text.empty())
+        add(keep < hits.size() ? hits[keep] : hits.back(), 0, text);
+    return segments;
+}
+
+// Places each piece where its first character started, turned, slanted and
+// scaled as the glyph taken out nearest there was, and each glyph drawn
+// again where it was: it is followed by the difference between its advance
+// and the way to the next one.
+void placeSegments(std::vector<Segment> &segments, const Removal &removal, const fz_matrix &toPage, const Chars &hits,
+                   const fz_stext_line *line)
+{
+    size_t at = 0;
+    for (Segment &segment : segments) {
+        const fz_point origin = fz_transform_point(segment.first->origin, toPage);
+        const fz_matrix *nearest = nullptr;
+        for (int i = 0; i < removal.taken; ++i) {
+            const fz_matrix &m = removal.matrices[i];
+            if (!nearest || std::hypot(m.e - origin.x, m.f - origin.y) < std::hypot(nearest->e - origin.x, nearest->f - origin.y))
+                nearest = &m;
+        }
+        const float size = segment.first->size;
+        segment.matrix = fz_concat(fz_scale(1 / size, 1 / size), nearest ? *nearest : fz_scale(size, size));
+        segment.matrix.e = origin.x;
+        segment.matrix.f = origin.y;
+
+        std::vector<NewGlyph> &glyphs = segment.plan.glyphs;
+        const qreal scale = size * std::hypot(segment.matrix.a, segment.matrix.b);
+        if (segment.kept && glyphs.size() == segment.kept && scale > 0)
+            for (size_t g = 0; g + 1 < glyphs.size(); ++g) {
+                const fz_point a = hits[at + g]->origin, b = hits[at + g + 1]->origin;
+                const qreal way = (b.x - a.x) * line->dir.x + (b.y - a.y) * line->dir.y;
+                glyphs[g].after = way / scale * 1000 - glyphs[g].width;
+            }
+        at += segment.kept;
+    }
+}
+
+// Spreads the difference between the new text's width and that of the
+// characters it replaces (from `start` to the end of `last`) over its
+// spaces, when it is close.
+void justify(Segment &segment, const fz_stext_char *start, const fz_stext_char *last, const fz_stext_line *line)
+{
+    std::vector<NewGlyph> &glyphs = segment.plan.glyphs;
+    const fz_point end = last->quad.lr;
+    const qreal oldWidth =
+        ((end.x - start->origin.x) * line->dir.x + (end.y - start->origin.y) * line->dir.y) / start->size * 1000;
+    const int spaces = int(std::count_if(glyphs.begin(), glyphs.end(), [](const NewGlyph &g) { return g.space; }));
+    int width = 0;
+    for (const NewGlyph &glyph : glyphs)
+        width += glyph.width;
+    if (spaces && std::abs(oldWidth - width) < 0.12 * oldWidth)
+        for (NewGlyph &glyph : glyphs)
+            glyph.after = glyph.space ? (oldWidth - width) / spaces : 0;
+}
+
+// A name in the page's font resources for each font the pieces draw with,
+// one no font there has (earlier retypes' included).
+std::map<pdf_obj *, QByteArray> fontNames(pdf_obj *pageObj, const std::vector<Segment> &segments)
+{
+    std::map<pdf_obj *, QByteArray> names;
+    pdf_obj *fonts = nullptr;
+    mu::tryGuard([&](fz_context *c) { fonts = pdf_dict_get(c, pdf_dict_get(c, pageObj, PDF_NAME(Resources)), PDF_NAME(Font)); });
+    int serial = 1;
+    for (const Segment &segment : segments)
+        for (pdf_obj *font : segment.plan.fonts)
+            while (!names.count(font)) {
+                const QByteArray name = "VR" + QByteArray::number(serial++);
+                bool taken = true;
+                mu::tryGuard([&](fz_context *c) { taken = pdf_dict_gets(c, fonts, name.constData()) != nullptr; });
+                if (!taken)
+                    names.emplace(font, name);
+            }
+    return names;
+}
+
+// Draws `operators` after the page's content, from the page's own graphics
+// state, with the fonts they name in its resources.
+void appendText(fz_context *c, pdf_document *doc, pdf_obj *pageObj, const char *operators, size_t length,
+                const std::vector<std::pair<pdf_obj *, const char *>> &fonts)
+{
+    pdf_obj *contents = pdf_dict_get(c, pageObj, PDF_NAME(Contents));
+    pdf_obj *resources = pdf_dict_get(c, pageObj, PDF_NAME(Resources));
+    fz_buffer *old = nullptr, *joined = nullptr;
+    fz_var(old);
+    fz_var(joined);
+    fz_try(c)
+    {
+        old = pdf_load_stream(c, contents);
+        int lowest = 0, end = 0;
+        depthOf(c, old, &lowest, &end);
+        joined = fz_new_buffer(c, old->len + length + 64);
+        for (int i = 0; i < 1 - lowest; ++i)
+            fz_append_string(c, joined, "q\n");
+        fz_append_buffer(c, joined, old);
+        fz_append_byte(c, joined, '\n');
+        for (int i = 0; i < 1 - lowest + end; ++i)
+            fz_append_string(c, joined, "Q\n");
+        fz_append_data(c, joined, operators, length);
+        pdf_update_stream(c, doc, contents, joined, 0);
+        pdf_obj *fontDict = pdf_dict_get(c, resources, PDF_NAME(Font));
+        if (!pdf_is_dict(c, fontDict))
+            fontDict = pdf_dict_put_dict(c, resources, PDF_NAME(Font), int(fonts.size()));
+        for (const auto &[font, name] : fonts)
+            pdf_dict_puts(c, fontDict, name, font);
+    }
+    fz_always(c)
+    {
+        fz_drop_buffer(c, old);
+        fz_drop_buffer(c, joined);
+    }
+    fz_catch(c) fz_rethrow(c);
 }
 
 // The characters of a layout outside `skip`, spaces apart, by character and
@@ -521,31 +665,9 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     while (keep > 0 && keep < hits.size() && !isSpace(hits[keep - 1]))
         --keep;
     const std::u32string tail = codePoints.substr(keep);
-
-    // The glyphs that draw each piece.
     std::vector<Segment> segments;
     try {
-        auto add = [&](const fz_stext_char *start, const std::u32string &piece) {
-            Segment segment;
-            segment.first = start;
-            if (auto own = ownFontPlan(core_->doc, native_->obj, start->font, piece)) {
-                segment.plan = std::move(*own);
-                segment.ownFont = true;
-            } else {
-                segment.plan = servicePlan(*core_, start->font, start->size, QString::fromStdU32String(piece));
-            }
-            segments.push_back(std::move(segment));
-        };
-        for (size_t i = 0; i < keep;) {
-            size_t j = i + 1;
-            while (j < keep && (isSpace(hits[j]) || (hits[j]->font == hits[i]->font && hits[j]->color == hits[i]->color &&
-                                                     hits[j]->size == hits[i]->size)))
-                ++j;
-            add(hits[i], codePoints.substr(i, j - i));
-            i = j;
-        }
-        if (!tail.empty())
-            add(keep < hits.size() ? hits[keep] : hits.back(), tail);
+        segments = planSegments(*core_, native_->obj, hits, keep, tail);
     } catch (const mu::Error &) {
         result.outcome = Outcome::Unsupported;
         return result;
@@ -568,15 +690,18 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     removal.matrices = matrices.data();
     removal.capacity = int(matrices.size());
 
-    auto native = std::make_unique<PdfContentEdit::Native>();
+    pdf_obj *oldContents = nullptr, *oldResources = nullptr;
     mu::tryGuard([&](fz_context *cc) {
-        native->contents[0] = mu::Obj(pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Contents))));
-        native->resources[0] = mu::Obj(pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources))));
+        oldContents = pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Contents)));
+        oldResources = pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)));
     });
+    auto native = std::make_unique<PdfContentEdit::Native>();
+    native->contents[0] = mu::Obj(oldContents);
+    native->resources[0] = mu::Obj(oldResources);
     auto putBack = [&] {
         mu::tryGuard([&](fz_context *cc) {
-            putEntry(cc, native_->obj, PDF_NAME(Contents), native->contents[0].get());
-            putEntry(cc, native_->obj, PDF_NAME(Resources), native->resources[0].get());
+            putEntry(cc, native_->obj, PDF_NAME(Contents), oldContents);
+            putEntry(cc, native_->obj, PDF_NAME(Resources), oldResources);
         });
     };
 
@@ -599,102 +724,23 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     if (result.outcome != Outcome::Done)
         return result;
 
-    // Each piece starts where its first character did, turned, slanted and
-    // scaled as the glyph taken out there was.
-    for (Segment &segment : segments) {
-        const fz_point origin = fz_transform_point(segment.first->origin, toPage);
-        const fz_matrix *nearest = nullptr;
-        for (int i = 0; i < removal.taken; ++i)
-            if (!nearest || std::hypot(matrices[size_t(i)].e - origin.x, matrices[size_t(i)].f - origin.y) <
-                                std::hypot(nearest->e - origin.x, nearest->f - origin.y))
-                nearest = &matrices[size_t(i)];
-        const float size = segment.first->size;
-        segment.matrix = fz_concat(fz_scale(1 / size, 1 / size), nearest ? *nearest : fz_scale(size, size));
-        segment.matrix.e = origin.x;
-        segment.matrix.f = origin.y;
-    }
-    // Kept characters land where they were: each glyph is followed by the
-    // difference between its advance and the way to the next one.
-    for (size_t i = 0, at = 0; i < segments.size() && at < keep; ++i) {
-        Segment &segment = segments[i];
-        const qreal scale = segment.first->size * std::hypot(segment.matrix.a, segment.matrix.b);
-        std::vector<NewGlyph> &glyphs = segment.plan.glyphs;
-        for (size_t g = 0; g < glyphs.size(); ++g, ++at)
-            if (g + 1 < glyphs.size() && at + 1 < hits.size() && scale > 0) {
-                const fz_point a = hits[at]->origin, b = hits[at + 1]->origin;
-                const qreal way = (b.x - a.x) * line->dir.x + (b.y - a.y) * line->dir.y;
-                glyphs[g].after = way / scale * 1000 - glyphs[g].width;
-            }
-    }
-    // A justified line keeps its width when the new text is close to it in length.
-    if (!tail.empty() && keep < hits.size() && wholeLine && isJustified(before.page, line)) {
-        std::vector<NewGlyph> &glyphs = segments.back().plan.glyphs;
-        const fz_stext_char *start = hits[keep];
-        const fz_point end = hits.back()->quad.lr;
-        const qreal oldWidth =
-            ((end.x - start->origin.x) * line->dir.x + (end.y - start->origin.y) * line->dir.y) / start->size * 1000;
-        const int spaces = int(std::count_if(glyphs.begin(), glyphs.end(), [](const NewGlyph &g) { return g.space; }));
-        int width = 0;
-        for (const NewGlyph &glyph : glyphs)
-            width += glyph.width;
-        if (spaces && std::abs(oldWidth - width) < 0.12 * oldWidth)
-            for (NewGlyph &glyph : glyphs)
-                glyph.after = glyph.space ? (oldWidth - width) / spaces : 0;
-    }
-
-    // Names no font of the page's resources has (earlier retypes' included).
-    std::map<pdf_obj *, QByteArray> names;
-    pdf_obj *fonts = nullptr;
-    mu::tryGuard(
-        [&](fz_context *cc) { fonts = pdf_dict_get(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)), PDF_NAME(Font)); });
-    int serial = 1;
-    for (const Segment &segment : segments)
-        for (pdf_obj *font : segment.plan.fonts)
-            while (!names.count(font)) {
-                QByteArray name = "VR" + QByteArray::number(serial++);
-                bool taken = true;
-                mu::tryGuard([&](fz_context *cc) { taken = pdf_dict_gets(cc, fonts, name.constData()) != nullptr; });
-                if (!taken)
-                    names.emplace(font, name);
-            }
+    placeSegments(segments, removal, toPage, hits, line);
+    if (!tail.empty() && keep < hits.size() && wholeLine && isJustified(before.page, line))
+        justify(segments.back(), hits[keep], hits.back(), line);
+    const std::map<pdf_obj *, QByteArray> names = fontNames(native_->obj, segments);
+    std::vector<std::pair<pdf_obj *, const char *>> fonts;
+    for (const auto &[font, name] : names)
+        fonts.emplace_back(font, name.constData());
     const QByteArray operators = segments.empty() ? QByteArray() : textOperators(segments, names);
+    pdf_obj *newContents = nullptr, *newResources = nullptr;
     const bool written = mu::tryGuard([&](fz_context *cc) {
-        pdf_obj *contents = pdf_dict_get(cc, native_->obj, PDF_NAME(Contents));
-        pdf_obj *resources = pdf_dict_get(cc, native_->obj, PDF_NAME(Resources));
-        fz_buffer *old = nullptr, *joined = nullptr;
-        fz_var(old);
-        fz_var(joined);
-        fz_try(cc)
-        {
-            if (operators.size()) {
-                old = pdf_load_stream(cc, contents);
-                int lowest = 0, end = 0;
-                depthOf(cc, old, &lowest, &end);
-                joined = fz_new_buffer(cc, old->len + size_t(operators.size()) + 64);
-                for (int i = 0; i < 1 - lowest; ++i)
-                    fz_append_string(cc, joined, "q\n");
-                fz_append_buffer(cc, joined, old);
-                fz_append_byte(cc, joined, '\n');
-                for (int i = 0; i < 1 - lowest + end; ++i)
-                    fz_append_string(cc, joined, "Q\n");
-                fz_append_data(cc, joined, operators.constData(), size_t(operators.size()));
-                pdf_update_stream(cc, core_->doc, contents, joined, 0);
-                pdf_obj *fontDict = pdf_dict_get(cc, resources, PDF_NAME(Font));
-                if (!pdf_is_dict(cc, fontDict))
-                    fontDict = pdf_dict_put_dict(cc, resources, PDF_NAME(Font), int(names.size()));
-                for (const auto &[font, name] : names)
-                    pdf_dict_puts(cc, fontDict, name.constData(), font);
-            }
-            native->contents[1] = mu::Obj(pdf_keep_obj(cc, contents));
-            native->resources[1] = mu::Obj(pdf_keep_obj(cc, resources));
-        }
-        fz_always(cc)
-        {
-            fz_drop_buffer(cc, old);
-            fz_drop_buffer(cc, joined);
-        }
-        fz_catch(cc) fz_rethrow(cc);
+        if (!operators.isEmpty())
+            appendText(cc, core_->doc, native_->obj, operators.constData(), size_t(operators.size()), fonts);
+        newContents = pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Contents)));
+        newResources = pdf_keep_obj(cc, pdf_dict_get(cc, native_->obj, PDF_NAME(Resources)));
     });
+    native->contents[1] = mu::Obj(newContents);
+    native->resources[1] = mu::Obj(newResources);
     if (!written) {
         putBack();
         result.outcome = Outcome::Damaged;

@@ -97,11 +97,13 @@ public:
     PdfSelection selectionForAll();
 
     // Replaces a run of the page's text in its content: the glyphs of one
-    // line whose middles lie in `run` (page space) are taken out, and `text`
-    // is drawn from where the run starts, on its baseline, at its size and in
-    // its colour, with the page's font for it when that is embedded and has
-    // every glyph, else with the font service's face. Nothing changes unless
-    // the outcome is Done; the caller then shows the text another way.
+    // line whose middles lie in `run` (page space) are taken out and `text`
+    // is drawn in their place. The words it starts with as the run did are
+    // drawn again where they were, in their own faces and colours; the rest
+    // starts where the first changed word did, on the baseline, at the size
+    // and in the colour of the run it continues, with the page's font for
+    // it when that is embedded and has every glyph, else with the font
+    // service's face. Nothing changes unless the outcome is Done.
     PdfRetype retype(const QRectF &run, const QString &text);
 
 private:

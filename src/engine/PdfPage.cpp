@@ -149,8 +149,8 @@ fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf
     return list;
 }
 
-// The page's text as a structured-text page in display space, and the
-// matrix from page space to display space.
+} // namespace
+
 fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm)
 {
     fz_rect box{};
@@ -173,8 +173,6 @@ fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj
     }
     return stext;
 }
-
-} // namespace
 
 bool PdfPage::load()
 {
@@ -558,9 +556,8 @@ PdfPageRecording::Result PdfPageRecording::recordText(bool boxes)
     Native &n = *native_;
     fz_stext_page *stext = nullptr;
     fz_matrix ctm = fz_identity;
-    Result result = withPage(true, [&](fz_context *c, pdf_page *page) {
-        stext = readText(c, page, n.annotations, n.skip, &n.cookie, ctm);
-    });
+    Result result =
+        withPage(true, [&](fz_context *c, pdf_page *page) { stext = readText(c, page, n.annotations, n.skip, &n.cookie, ctm); });
     if (result == Result::Recorded) {
         try {
             text_ = std::make_shared<const PdfSearchText>(PdfSearchTextBuilder::build(stext, toQt(ctm).inverted(), boxes));

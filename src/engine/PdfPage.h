@@ -17,9 +17,27 @@
 #include <vector>
 
 struct DocCore;
+class PdfContentEdit;
 class PdfDisplayList;
 class PdfDocument;
 class PdfPageRecording;
+
+// What retyping a run of a page's text came to.
+struct PdfRetype {
+    enum class Outcome {
+        Done,
+        NoText,      // no text of a line lies in the run
+        Unsupported, // its glyphs are drawn with a Type 3 font or run along no line
+        Unmatched,   // the page's content does not draw the glyphs the layout shows there
+        Damaged,     // the page's content cannot be read whole
+    };
+    Outcome outcome = Outcome::NoText;
+    // What undoes and redoes it, once done.
+    std::shared_ptr<PdfContentEdit> edit;
+    // Whether the new text is drawn with the page's own font for the run
+    // (else with the font service's face for it, embedded as a subset).
+    bool ownFont = false;
+};
 
 class PdfPage : public std::enable_shared_from_this<PdfPage> {
 public:
@@ -82,11 +100,22 @@ public:
     // All text of the page.
     PdfSelection selectionForAll();
 
+    // Replaces a run of the page's text in its content: the glyphs of one
+    // line whose middles lie in `run` (page space) are taken out and `text`
+    // is drawn in their place. The words it starts with as the run did are
+    // drawn again where they were, in their own faces and colours; the rest
+    // starts where the first changed word did, on the baseline, at the size
+    // and in the colour of the run it continues, with the page's font for
+    // it when that is embedded and has every glyph, else with the font
+    // service's face. Nothing changes unless the outcome is Done.
+    PdfRetype retype(const QRectF &run, const QString &text);
+
 private:
     friend class PdfDocument;
     friend struct DocCore;
     friend class PdfAnnotation;
     friend class PdfSelection;
+    friend class PdfContentEdit;
     struct Text;
 
     struct Native;
@@ -111,6 +140,27 @@ private:
     bool annotationsRead_ = false;
     std::vector<std::shared_ptr<PdfAnnotation>> annotations_;
     std::unique_ptr<Text> text_;
+};
+
+// The content of a page before and after a retype: undo() puts back its
+// /Contents and /Resources exactly as they were, redo() those the retype
+// made. Each announces a Content change of the page.
+class PdfContentEdit {
+public:
+    ~PdfContentEdit();
+    PdfContentEdit(const PdfContentEdit &) = delete;
+    PdfContentEdit &operator=(const PdfContentEdit &) = delete;
+    void undo();
+    void redo();
+
+private:
+    friend class PdfPage;
+    struct Native;
+    PdfContentEdit(std::weak_ptr<PdfPage> page, std::unique_ptr<Native> native);
+    void put(bool after);
+
+    std::weak_ptr<PdfPage> page_;
+    std::unique_ptr<Native> native_;
 };
 
 // A display list of a page recorded away from the thread that owns the

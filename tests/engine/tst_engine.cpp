@@ -12,6 +12,7 @@
 #include "PdfPage.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFontInfo>
 #include <QJsonArray>
@@ -22,6 +23,7 @@
 #include <QProcess>
 #include <QRawFont>
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTextLayout>
 #include <QUrl>
@@ -228,6 +230,8 @@ private slots:
     void freeTextWrapsInItsBox();
     void freeTextDefaultAppearanceNamesItsFont();
     void textSelections();
+    void retypeEditsThePageContent();
+    void retypeFontsAndRefusals();
     void links();
     void displayListsRenderOnWorkerThreads();
     void writingIsAtomic();
@@ -1057,6 +1061,212 @@ void TestEngine::textSelections()
     QCOMPARE(p2->selectionForLine({200, 683})->string(),
              QString("The quick brown fox jumps over the lazy dog, line 1 of page 3."));
     QCOMPARE(p2->selectionForWord({72 + 55.36 + 10, 683})->string(), QString("brown"));
+}
+
+namespace {
+
+QString pdftotext(const QString &path, int page)
+{
+    QProcess p;
+    p.start("pdftotext", {"-f", QString::number(page), "-l", QString::number(page), path, "-"});
+    p.waitForFinished();
+    return QString::fromUtf8(p.readAllStandardOutput());
+}
+
+// Whether two renderings (at `scale`) differ only inside a page-space rectangle.
+bool sameOutside(const QImage &a, const QImage &b, const std::shared_ptr<PdfPage> &page, QRectF pageRect, qreal scale)
+{
+    const QRectF r = page->pageToDisplay().mapRect(pageRect);
+    const QRect skip(QPoint(int(r.left() * scale), int(r.top() * scale)),
+                     QPoint(int(r.right() * scale), int(r.bottom() * scale)));
+    if (a.size() != b.size())
+        return false;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x)
+            if (!skip.contains(x, y) && a.pixel(x, y) != b.pixel(x, y))
+                return false;
+    return true;
+}
+
+// The bounds of the page's line holding `words`, found from the top down.
+QRectF lineWith(const std::shared_ptr<PdfPage> &page, const QString &words)
+{
+    const QRectF box = page->bounds();
+    for (qreal y = box.bottom() - 1; y > box.top(); y -= 1)
+        for (qreal x = box.left() + 36; x < box.right(); x += 36)
+            if (auto line = page->selectionForLine({x, y}); line && line->string().contains(words))
+                return line->bounds(page);
+    return {};
+}
+
+} // namespace
+
+void TestEngine::retypeEditsThePageContent()
+{
+    // Pages 1 and 2 (turned) share a content stream; pages 1 and 3 draw one form.
+    const QByteArray shared =
+        "0 0 1 rg 60 640 200 30 re f\nBT /F2 12 Tf 72 700 Td (Hello) Tj /F1 12 Tf 0.8 0 0 rg ( brave world) Tj ET\n"
+        "BT /F1 12 Tf 72 680 Td (Second line stays) Tj ET\n/Fm Do\n";
+    QTemporaryDir dir;
+    const QString source = dir.filePath("retype.pdf"), saved = dir.filePath("retyped.pdf");
+    QVERIFY(fixtures::writeFile(
+        source,
+        fixtures::buildFromObjects(
+            {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R 4 0 R 5 0 R] /Count 3 /MediaBox [0 0 612 792] >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 6 0 R /Resources 7 0 R /Rotate 90 >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 9 0 R /Resources 7 0 R >>", fixtures::streamObject("", shared),
+             "<< /Font << /F1 8 0 R /F2 11 0 R >> /XObject << /Fm 10 0 R >> >>",
+             "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>",
+             fixtures::streamObject("", "/Fm Do"),
+             fixtures::streamObject("/Type /XObject /Subtype /Form /BBox [0 0 612 792] /Resources 7 0 R",
+                                    "BT /F1 12 Tf 72 500 Td (Shared form text) Tj ET"),
+             "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>"})));
+    auto doc = PdfDocument::open(source);
+    QVERIFY(doc);
+    auto page = doc->page(0), twin = doc->page(1), formUser = doc->page(2);
+    const QString text = page->text(), twinText = twin->text(), formText = formUser->text();
+    const QImage before = page->render(2);
+    QSignalSpy announced(doc->changes(), &PdfChangeChannel::pageChanged);
+
+    // The line is retyped: its bold blue word stays as it was, the new words
+    // continue the red run, and the rest of the page looks and reads as before.
+    const QRectF run = lineWith(page, "brave");
+    PdfRetype retyped = page->retype(run, "Hello new words");
+    QCOMPARE(retyped.outcome, PdfRetype::Outcome::Done);
+    QVERIFY(retyped.edit && !retyped.ownFont);
+    QCOMPARE(announced.size(), 1);
+    QCOMPARE(announced[0][1].value<PdfChangeChannel::Changes>(), PdfChangeChannel::Changes(PdfChangeChannel::Content));
+    QCOMPARE(page->text().count("new words"), 1);
+    QVERIFY(!page->text().contains("brave") && !page->text().contains("world"));
+    for (const char *kept : {"Second line stays", "Shared form text"})
+        QVERIFY2(page->text().contains(kept), kept);
+    QCOMPARE(page->selectionForLine({110, 704})->string(), QString("Hello new words"));
+    QVERIFY(page->fontAt(page->text().indexOf("Hello"))->bold);
+    const QImage after = page->render(2);
+    QVERIFY(sameOutside(before, after, page, run.adjusted(0, -4, 0, 0), 2));
+    QVERIFY(after != before);
+    QVERIFY(showsColorIn(after, page, QRectF(110, 698, 50, 8), QColor(204, 0, 0), 2, 30));
+    QVERIFY(showsColorIn(after, page, QRectF(72, 698, 25, 8), Qt::blue, 2, 30));
+    QCOMPARE(twin->text(), twinText);
+
+    // Undo puts the very content back, redo the retyped one.
+    retyped.edit->undo();
+    QCOMPARE(page->text(), text);
+    QCOMPARE(page->render(2), before);
+    QVERIFY(doc->write(saved));
+    inspect::PdfObjects undone(saved);
+    const QString contents = undone.dict(undone.pages()[0]).value("/Contents").toString();
+    QCOMPARE(undone.streamData(contents), shared);
+    QCOMPARE(undone.dict(undone.pages()[0]).value("/Resources"), undone.dict(undone.pages()[1]).value("/Resources"));
+    retyped.edit->redo();
+    QCOMPARE(page->render(2), after);
+
+    // Text of a form the page shares changes on this page only; empty text removes a run.
+    const QRectF formLine = lineWith(page, "Shared form text");
+    QCOMPARE(page->retype(formLine, "Form edited").outcome, PdfRetype::Outcome::Done);
+    QCOMPARE(page->retype(lineWith(page, "Second line"), QString()).outcome, PdfRetype::Outcome::Done);
+    QVERIFY(page->text().contains("Form edited") && !page->text().contains("Shared") && !page->text().contains("Second"));
+    QCOMPARE(formUser->text(), formText);
+    // On the turned page, which shared the first page's content.
+    QCOMPARE(twin->retype(QRectF(70, 695, 30, 20), "Howdy").outcome, PdfRetype::Outcome::Done);
+    QVERIFY(twin->text().contains("Howdy") && !twin->text().contains("Hello"));
+    QVERIFY(twin->text().contains("brave world"));
+
+    // Other readers find the new words once and the old ones nowhere.
+    QVERIFY(doc->write(saved));
+    QCOMPARE(qpdfProblems(saved), QString());
+    const QString first = pdftotext(saved, 1), second = pdftotext(saved, 2), third = pdftotext(saved, 3);
+    QCOMPARE(first.count("new words"), 1);
+    QVERIFY2(first.contains("Form edited") && !first.contains("brave") && !first.contains("Shared") && !first.contains("Second"),
+             qPrintable(first));
+    QVERIFY2(second.contains("Howdy") && second.contains("brave world") && !second.contains("Hello"), qPrintable(second));
+    QVERIFY(third.contains("Shared form text"));
+}
+
+void TestEngine::retypeFontsAndRefusals()
+{
+    // A justified paragraph set by groff with its fonts embedded.
+    QTemporaryDir dir;
+    const QString ms = dir.filePath("text.ms"), groffFile = dir.filePath("groff.pdf");
+    QVERIFY(fixtures::writeFile(ms, ".PP\n" + QByteArray("The quick brown fox jumps over the lazy dog. ").repeated(8) + "\n"));
+    QProcess groff;
+    groff.setStandardOutputFile(groffFile);
+    groff.start("groff", {"-ms", "-Tpdf", "-P-e", ms});
+    QVERIFY(groff.waitForFinished() && groff.exitCode() == 0);
+    auto doc = PdfDocument::open(groffFile);
+    QVERIFY(doc);
+    auto page = doc->page(0);
+    const QRectF line = lineWith(page, "quick");
+    QVERIFY(!line.isEmpty());
+    const QString old = page->selectionForLine(line.center())->string().trimmed();
+    QString changed = old;
+    changed.replace(changed.indexOf("fox"), 3, "cat");
+    // The page's own font has every glyph: the line keeps its face and width.
+    PdfRetype own = page->retype(line, changed);
+    QCOMPARE(own.outcome, PdfRetype::Outcome::Done);
+    QVERIFY(own.ownFont);
+    auto retyped = page->selectionForLine(line.center());
+    QCOMPARE(retyped->string().trimmed(), changed);
+    QVERIFY(std::abs(retyped->bounds(page).right() - line.right()) < 1);
+    QCOMPARE(page->fontAt(page->text().indexOf("cat"))->name, QString("Times-Roman"));
+    // Letters it lacks are drawn with the font service's face instead.
+    PdfRetype fallback = page->retype(line, "Zażółć gęślą jaźń");
+    QCOMPARE(fallback.outcome, PdfRetype::Outcome::Done);
+    QVERIFY(!fallback.ownFont);
+    QVERIFY(page->text().contains("Zażółć gęślą jaźń"));
+    // That face, embedded now, has what a shorter text needs.
+    PdfRetype again = page->retype(lineWith(page, "Zażółć"), "Zażółć jaźń");
+    QVERIFY(again.outcome == PdfRetype::Outcome::Done && again.ownFont);
+    QVERIFY(page->text().contains("Zażółć jaźń\n"));
+
+    // What cannot be edited in the content is left as it is: a Type 3 font,
+    // glyphs drawn as shapes, content broken off after the line.
+    QByteArray many = "BT /F1 12 Tf 72 700 Td (Among many shapes) Tj ET\n";
+    for (int i = 0; i < 17000; ++i)
+        many += QByteArray::number(i % 500) + " 100 m 300 200 l S\n";
+    const QByteArray type3 = "<< /Type /Font /Subtype /Type3 /FontBBox [0 0 1000 1000] /FontMatrix [0.001 0 0 0.001 0 0] "
+                             "/FirstChar 65 /LastChar 65 /Widths [1000] /Encoding << /Differences [65 /box] >> "
+                             "/CharProcs << /box 9 0 R >> >>";
+    QVERIFY(fixtures::writeFile(
+        dir.filePath("refused.pdf"),
+        fixtures::buildFromObjects(
+            {"<< /Type /Catalog /Pages 2 0 R >>",
+             "<< /Type /Pages /Kids [4 0 R 5 0 R 6 0 R 7 0 R] /Count 4 /MediaBox [0 0 612 792] "
+             "/Resources << /Font << /F1 3 0 R /T3 8 0 R >> >> >>",
+             "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>", "<< /Type /Page /Parent 2 0 R /Contents 10 0 R >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 11 0 R >>", "<< /Type /Page /Parent 2 0 R /Contents 12 0 R >>",
+             "<< /Type /Page /Parent 2 0 R /Contents 13 0 R >>", type3,
+             fixtures::streamObject("", "1000 0 0 0 1000 1000 d1 0 0 1000 1000 re f"),
+             fixtures::streamObject("", "BT /T3 12 Tf 72 700 Td (AAAA) Tj ET"),
+             fixtures::streamObject("", "72 700 20 10 re f 100 700 20 10 re f"),
+             fixtures::streamObject("", "BT /F1 12 Tf 72 700 Td (Broken off) Tj ET 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 "
+                                        "18 19 20 21 22 23 24 25 26 27 28 29 30 31 32 33 re { [ [ ] <</a ) "
+                                        "BT /F1 12 Tf 72 600 Td (Later) Tj ET"),
+             fixtures::streamObject("", many)})));
+    auto refused = PdfDocument::open(dir.filePath("refused.pdf"));
+    QVERIFY(refused);
+    const std::pair<int, PdfRetype::Outcome> cases[] = {
+        {0, PdfRetype::Outcome::Unsupported}, {1, PdfRetype::Outcome::NoText}, {2, PdfRetype::Outcome::Damaged}};
+    for (const auto &[index, outcome] : cases) {
+        auto p = refused->page(index);
+        const QString text = p->text();
+        const QImage look = p->render(1);
+        const PdfRetype result = p->retype(QRectF(60, 690, 300, 30), "New");
+        QCOMPARE(result.outcome, outcome);
+        QVERIFY(!result.edit);
+        QCOMPARE(p->text(), text);
+        QCOMPARE(p->render(1), look);
+    }
+    // A page of 50,000 operators is retyped in well under a third of a second.
+    auto busy = refused->page(3);
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(busy->retype(QRectF(60, 690, 300, 30), "Among fewer shapes").outcome, PdfRetype::Outcome::Done);
+    const qint64 elapsed = timer.elapsed();
+    qInfo("retype of a page of 50,000 operators: %lld ms", elapsed);
+    QVERIFY(elapsed < 300);
+    QVERIFY(busy->text().contains("Among fewer shapes"));
 }
 
 void TestEngine::links()

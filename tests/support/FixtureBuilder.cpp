@@ -144,6 +144,19 @@ QByteArray fieldAppearance(const FieldSpec &field, const QString &value)
 
 } // namespace
 
+QByteArray buildFromObjects(const std::vector<QByteArray> &objects)
+{
+    ObjectTable table;
+    for (const QByteArray &object : objects)
+        table.add(object);
+    return table.file();
+}
+
+QByteArray streamObject(const QByteArray &dictionary, const QByteArray &content)
+{
+    return stream(dictionary, content);
+}
+
 QByteArray buildPdf(const std::vector<PageSpec> &pages)
 {
     return buildStructuredPdf(StructuredSpec{pages});

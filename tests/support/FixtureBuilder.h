@@ -94,6 +94,11 @@ bool writeStructuredPdf(const QString &path, const StructuredSpec &spec);
 bool writeFile(const QString &path, const QByteArray &data);
 bool writePdf(const QString &path, const std::vector<PageSpec> &pages);
 
+// A file of the objects given, numbered from 1 (the first is the catalog),
+// for content no other builder writes; streamObject() makes a stream object.
+QByteArray buildFromObjects(const std::vector<QByteArray> &objects);
+QByteArray streamObject(const QByteArray &dictionary, const QByteArray &content);
+
 // `count` letter-size pages; page i says "Page <i+1>" at (72, 720) and holds
 // `linesPerPage` lines of words below it.
 std::vector<PageSpec> numberedPages(int count, int linesPerPage = 3);

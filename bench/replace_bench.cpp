@@ -138,12 +138,12 @@ std::optional<Retyped> retype(const QString &path, const QString &saved, const s
         return std::nullopt;
     if (newText)
         editor->setPlainText(*newText);
+    const PdfFont font = overlay->editingFont();
     QKeyEvent enter(QEvent::KeyPress, Qt::Key_Return, Qt::NoModifier);
     send(editor, &enter);
     if (!model.pdfDocument()->write(saved))
         return std::nullopt;
-    const auto font = overlay->selection() ? overlay->selection()->font() : std::nullopt;
-    return Retyped{saved, box, line->string().trimmed(), font ? font->name : QStringLiteral("?"), font ? font->size : 0.0};
+    return Retyped{saved, box, line->string().trimmed(), font.name, font.size};
 }
 
 // The names of the fonts poppler finds on the first page.

@@ -128,7 +128,8 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     connect(model_, &DocumentModel::pendingSignatureImageChanged, this, &ContentView::updateBanner);
     connect(toolSettings_, &ToolSettings::currentToolChanged, this, &ContentView::updateBanner);
     for (auto signal :
-         {&DocumentModel::pdfDocumentChanged, &DocumentModel::changesRestrictedChanged, &DocumentModel::keepsSignaturesChanged})
+         {&DocumentModel::pdfDocumentChanged, &DocumentModel::changesRestrictedChanged, &DocumentModel::keepsSignaturesChanged,
+          &DocumentModel::retypedTextChanged, &DocumentModel::coveredLineChanged})
         connect(model_, signal, this, &ContentView::updateBanner);
     connect(model_, &DocumentModel::errorMessageChanged, this, &ContentView::updateErrorAlert);
     connect(model_, &DocumentModel::lockedURLChanged, this, &ContentView::updatePasswordSheet);
@@ -291,10 +292,12 @@ void ContentView::updateBanner()
         icon = "document-sign";
         text = tr("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel.");
         cancel = true;
+    } else if (document && model_->coveredLine()) {
+        icon = "dialog-information";
+        text = tr("This line is covered, not replaced: its old text stays in the file");
     } else if (toolSettings_->currentTool() == AnnotationTool::editText) {
         icon = "edit-rename";
-        text = tr("Click text to edit it in place, or empty space to add text. Editing covers the original — "
-                  "it isn't erased from the file.");
+        text = tr("Click text to edit it in place, or empty space to add text.");
     } else if (document && model_->changesRestricted()) {
         icon = "document-encrypted";
         text = tr("The author of this document restricted changes.");
@@ -302,6 +305,8 @@ void ContentView::updateBanner()
     } else if (document && model_->keepsSignatures()) {
         icon = "document-sign";
         text = tr("This document is signed. Changes you save are added after the signatures, which stay valid.");
+        if (model_->retypedText())
+            text += QLatin1Char(' ') + tr("Its signed revision still holds the old text of the lines you retyped.");
     }
     bannerLabel_->setText(text);
     banner_->setAccessibleName(text.isEmpty() ? QString() : tr("Notice"));

@@ -39,13 +39,16 @@ class ToolSettings;
 class DrawingOverlayView : public QWidget, public PdfViewOverlay {
     Q_OBJECT
 public:
-    // What committing the text editor does: re-edit that free-text box, cover
-    // a line of the page with a retyped one, or make a new box.
+    // What committing the text editor does: re-edit that free-text box,
+    // retype a run of the page's text (page space) in the page's content
+    // (covering it with a box where the content cannot be edited), or make a
+    // new box.
     struct Existing {
         std::shared_ptr<PdfAnnotation> annotation;
         bool operator==(const Existing &) const = default;
     };
     struct Replacement {
+        QRectF run;
         bool operator==(const Replacement &) const = default;
     };
     struct NewBox {

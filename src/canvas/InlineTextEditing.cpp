@@ -182,8 +182,10 @@ void DrawingOverlayView::handleEditTextClick(QPointF pv)
             lineBox = QRectF(lineBox.left(), *baseline - descent, lineBox.width(), fonts.ascent(font) + descent);
         }
         const QColor background = sampleBackgroundColor(page, lineBox);
-        beginTextEdit(Replacement{}, page, lineBox.adjusted(-lineBoxMargin, -lineBoxMargin, lineBoxMargin, lineBoxMargin), text,
-                      font, Qt::black, background);
+        documentModel_->setCoveredLine(false); // a notice of an earlier line that was covered has been read
+        beginTextEdit(Replacement{line->bounds(page)}, page,
+                      lineBox.adjusted(-lineBoxMargin, -lineBoxMargin, lineBoxMargin, lineBoxMargin), text, font, Qt::black,
+                      background);
         return;
     }
     beginNewTextBox(page, p);
@@ -309,10 +311,20 @@ void DrawingOverlayView::commitInlineEdit()
         refresh();
         return;
     }
-    const bool replacement = std::holds_alternative<Replacement>(mode);
+    const auto *retyped = std::get_if<Replacement>(&mode);
+    const bool replacement = retyped != nullptr;
     if (!replacement && text.trimmed().isEmpty()) {
         refresh();
         return;
+    }
+    if (retyped) {
+        if (documentModel_->retypeText(page, retyped->run, text)) {
+            toolSettings_->setCurrentTool(AnnotationTool::none);
+            refresh();
+            return;
+        }
+        // The page's content cannot be changed there: the line is covered.
+        documentModel_->setCoveredLine(true);
     }
     const QRectF bounds = replacement ? coverBounds(text, editingBounds_, editingFont_, page, rotation)
                                       : fittedBounds(text, editingBounds_, editingFont_, page, rotation);

@@ -157,6 +157,23 @@ void DocumentModel::rotateCurrentPage(int degrees)
     changed();
 }
 
+bool DocumentModel::retypeText(const std::shared_ptr<PdfPage> &page, const QRectF &run, const QString &text)
+{
+    if (!page || changesRestricted_)
+        return false;
+    const PdfRetype retyped = page->retype(run, text);
+    if (retyped.outcome != PdfRetype::Outcome::Done)
+        return false;
+    const auto edit = retyped.edit;
+    record({[edit] { edit->undo(); }, [edit] { edit->redo(); }});
+    if (!retypedText_) {
+        retypedText_ = true;
+        emit retypedTextChanged();
+    }
+    changed();
+    return true;
+}
+
 bool DocumentModel::mayChangePages()
 {
     if (changesRestricted_)

@@ -169,6 +169,12 @@ void DocumentModel::setChangesRestricted(bool restricted)
     emit changesRestrictedChanged();
 }
 
+void DocumentModel::setCoveredLine(bool covered)
+{
+    coveredLine_ = covered;
+    emit coveredLineChanged();
+}
+
 void DocumentModel::setKeepsSignatures(bool keeps)
 {
     keepsSignatures_ = keeps;
@@ -210,6 +216,9 @@ void DocumentModel::show(std::shared_ptr<PdfDocument> document, const QString &p
 {
     setChangesRestricted(document && !document->allowsChanges());
     setKeepsSignatures(document && document->isSigned() && document->canAppendChanges());
+    retypedText_ = false;
+    emit retypedTextChanged();
+    setCoveredLine(false);
     setPdfDocument(std::move(document));
     watchPageList();
     setFileURL(path);

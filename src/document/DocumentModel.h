@@ -83,6 +83,12 @@ public:
     // is asked first); saves then write the document anew.
     bool keepsSignatures() const { return keepsSignatures_; }
     void setKeepsSignatures(bool keeps);
+    // What retyping lines did to the document: some line's text was
+    // replaced in the page's content, or some line could only be covered
+    // (its old text stays in the file). Both start false with each document.
+    bool retypedText() const { return retypedText_; }
+    bool coveredLine() const { return coveredLine_; }
+    void setCoveredLine(bool covered);
 
     // The file name of fileURL, or "Untitled".
     QString displayName() const;
@@ -121,6 +127,10 @@ public:
     // With `bounds` (new, old), the box changes in the same step as its text.
     void setAnnotationContents(const std::shared_ptr<PdfAnnotation> &annotation, const QString &newText, const QString &oldText,
                                std::optional<std::pair<QRectF, QRectF>> bounds = std::nullopt);
+    // Replaces a run of a page's text (page space) in the page's content, one
+    // undoable step; false, with nothing changed, where the content cannot be
+    // edited there (the caller covers the line instead) or changes are refused.
+    bool retypeText(const std::shared_ptr<PdfPage> &page, const QRectF &run, const QString &text);
     // Marks the selected text with one markup annotation per page, one undoable step each.
     void applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection);
 
@@ -159,6 +169,8 @@ signals:
     void lockedURLChanged();
     void changesRestrictedChanged();
     void keepsSignaturesChanged();
+    void retypedTextChanged();
+    void coveredLineChanged();
 
 private:
     void finishOpen(std::shared_ptr<PdfDocument> document, const QString &path);
@@ -195,6 +207,8 @@ private:
     QString lockedURL_;
     bool changesRestricted_ = false;
     bool keepsSignatures_ = false;
+    bool retypedText_ = false;
+    bool coveredLine_ = false;
 
     QMetaObject::Connection pageListObserver_;
     // A change was made that the history does not hold (or the document was

@@ -151,7 +151,8 @@ fz_display_list *recordList(fz_context *c, pdf_page *page, bool annotations, pdf
 
 } // namespace
 
-fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm)
+fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm,
+                        int flags)
 {
     fz_rect box{};
     pdf_page_transform(c, page, &box, &ctm);
@@ -161,6 +162,7 @@ fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj
     fz_try(c)
     {
         fz_stext_options options{};
+        options.flags = flags;
         dev = fz_new_stext_device(c, stext, &options);
         runPage(c, page, dev, annotations, skip, nullptr, cookie);
         fz_close_device(c, dev);

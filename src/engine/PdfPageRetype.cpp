@@ -43,6 +43,28 @@ bool isSpace(const fz_stext_char *ch)
     return ch->c == ' ' || ch->c == 0xa0 || ch->c == '\t';
 }
 
+// The letters a character stands for: a ligature's, spelt out.
+std::u32string spelt(char32_t c)
+{
+    switch (c) {
+    case 0xFB00:
+        return U"ff";
+    case 0xFB01:
+        return U"fi";
+    case 0xFB02:
+        return U"fl";
+    case 0xFB03:
+        return U"ffi";
+    case 0xFB04:
+        return U"ffl";
+    case 0xFB05:
+    case 0xFB06:
+        return U"st";
+    default:
+        return std::u32string(1, c);
+    }
+}
+
 fz_rect charBox(const fz_stext_char *ch)
 {
     return fz_rect_from_quad(ch->quad);
@@ -443,7 +465,8 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
         return result;
     StextPage before;
     fz_matrix ctm = fz_identity;
-    if (!mu::tryGuard([&](fz_context *c) { before.page = readText(c, page, false, nullptr, nullptr, ctm); })) {
+    if (!mu::tryGuard(
+            [&](fz_context *c) { before.page = readText(c, page, false, nullptr, nullptr, ctm, FZ_STEXT_PRESERVE_LIGATURES); })) {
         result.outcome = Outcome::Damaged;
         return result;
     }
@@ -499,12 +522,20 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
         lineLetters += isSpace(ch) ? 0 : 1;
     const bool wholeLine = lineLetters == letters;
-    size_t keep = 0;
-    while (keep < hits.size() && keep < codePoints.size() && char32_t(hits[keep]->c) == codePoints[keep])
+    // The glyphs of the run kept as they are (a ligature glyph stands for
+    // the letters it joins, as the user sees and types them), back to the
+    // start of a word, and the code points of the new text they stand for.
+    size_t keep = 0, typed = 0;
+    while (keep < hits.size()) {
+        const std::u32string letters = spelt(char32_t(hits[keep]->c));
+        if (codePoints.compare(typed, letters.size(), letters) != 0)
+            break;
+        typed += letters.size();
         ++keep;
+    }
     while (keep > 0 && keep < hits.size() && !isSpace(hits[keep - 1]))
-        --keep;
-    const std::u32string tail = codePoints.substr(keep);
+        typed -= spelt(char32_t(hits[--keep]->c)).size();
+    const std::u32string tail = codePoints.substr(typed);
     std::vector<Segment> segments;
     try {
         segments = planSegments(*core_, native_->obj, hits, keep, tail);
@@ -592,8 +623,9 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     StextPage after;
     pdf_page *reloaded = load() ? native_->loaded : nullptr;
     const std::set<const fz_stext_char *> replaced(hits.begin(), hits.end());
-    const bool read =
-        reloaded && mu::tryGuard([&](fz_context *cc) { after.page = readText(cc, reloaded, false, nullptr, nullptr, ctm); });
+    const bool read = reloaded && mu::tryGuard([&](fz_context *cc) {
+                          after.page = readText(cc, reloaded, false, nullptr, nullptr, ctm, FZ_STEXT_PRESERVE_LIGATURES);
+                      });
     if (!read) {
         putBack();
         changed(PdfChangeChannel::Content);

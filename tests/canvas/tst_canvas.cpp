@@ -679,43 +679,75 @@ void TestCanvas::replacingALine()
     QCOMPARE(overlay_->editingBg(), QColor(Qt::white));
     QCOMPARE(editor->textCursor().selectedText(), line->string()); // typing replaces it all
 
-    // Unchanged: a cover with the same text is made, opaque in the paper colour.
+    // Return retypes the line in the page's content: no box over it, one
+    // undoable step, and the page reads the same.
+    const size_t boxes = page(0)->annotations().size();
+    const int steps = undoSteps();
     QTest::keyClick(editor, Qt::Key_Enter);
-    auto cover = page(0)->annotations().back();
-    QCOMPARE(cover->type(), PdfAnnotation::FreeText);
-    QCOMPARE(cover->contents(), line->string());
-    QCOMPARE(cover->color(), QColor(Qt::white));
-    QCOMPARE(cover->fontColor(), QColor(Qt::black));
-    // It reaches down only as far as its own line: the capitals of the next
-    // line (baseline 664, 12 points) stay uncovered.
-    const qreal nextInkTop = *page(0)->baselineAt(QPointF(150, 666)) + 0.75 * 12;
-    QVERIFY2(cover->bounds().top() >= nextInkTop,
-             qPrintable(QStringLiteral("%1 < %2").arg(cover->bounds().top()).arg(nextInkTop)));
-    // Retyped again, it stays clear of the next line too.
-    overlay_->beginEditExisting(cover);
-    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_End);
-    QTest::keyClicks(overlay_->inlineEditor(), " and more");
-    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
-    QVERIFY(cover->contents().endsWith(" and more"));
-    QVERIFY(cover->bounds().top() >= nextInkTop);
+    QCOMPARE(page(0)->annotations().size(), boxes);
+    QCOMPARE(undoSteps(), steps + 1);
+    QVERIFY(page(0)->text().contains(line->string()));
     QTRY_COMPARE(tools_->currentTool(), AnnotationTool::none);
 
-    // Emptied: an opaque patch over the line.
+    // Other words replace the old ones; undo and redo swap them back and forth.
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    click(pv(onLine));
+    QTest::keyClicks(overlay_->inlineEditor(), "Quite different words");
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QVERIFY(page(0)->text().contains("Quite different words"));
+    QVERIFY(!page(0)->text().contains(line->string()));
+    model_->undo();
+    QVERIFY(page(0)->text().contains(line->string()));
+    model_->redo();
+    QVERIFY(!page(0)->text().contains(line->string()));
+
+    // Emptied: the line's text goes.
+    const QString second = page(0)->selectionForRun(QPointF(150, 668))->string();
     tools_->setCurrentTool(AnnotationTool::editText);
     QTest::qWait(10);
     click(pv(QPointF(150, 668)));
     QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Backspace);
-    QCOMPARE(overlay_->inlineEditor()->toPlainText(), QString());
     QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
-    auto patch = page(0)->annotations().back();
-    QCOMPARE(patch->contents(), QString());
-    QCOMPARE(patch->color(), QColor(Qt::white));
-    QVERIFY(cover->page()); // Backspace in the editor did not delete the selected cover
+    QVERIFY(!page(0)->text().contains(second));
+    QCOMPARE(page(0)->annotations().size(), boxes);
+    QVERIFY(!model_->coveredLine());
 
     // The fallback size follows the line's height, within 6 and 96 points.
     QCOMPARE(DrawingOverlayView::detectFont("no such words on the page", page(0), 9.36).size, 9.36);
     QVERIFY(DrawingOverlayView::detectFont("Page 1", page(0), 9).name.contains("Helvetica"));
     QCOMPARE(DrawingOverlayView::detectFont("Page 1", page(0), 9).size, 24.0);
+
+    // Glyphs the content cannot give up (a Type 3 font): the line is covered,
+    // opaque in the paper colour, clear of the line below, and the user is told.
+    const QByteArray type3 = "<< /Type /Font /Subtype /Type3 /FontBBox [0 0 1000 1000] /FontMatrix [0.001 0 0 0.001 0 0] "
+                             "/FirstChar 65 /LastChar 65 /Widths [600] /Encoding << /Differences [65 /A] >> "
+                             "/CharProcs << /A 5 0 R >> /ToUnicode 6 0 R >>";
+    const QString path = dir_.filePath("type3.pdf");
+    QVERIFY(fixtures::writeFile(
+        path, fixtures::buildFromObjects(
+                  {"<< /Type /Catalog /Pages 2 0 R >>",
+                   "<< /Type /Pages /Kids [3 0 R] /Count 1 /MediaBox [0 0 612 792] /Resources << /Font << /T3 4 0 R >> >> >>",
+                   "<< /Type /Page /Parent 2 0 R /Contents 7 0 R >>", type3,
+                   fixtures::streamObject("", "600 0 0 0 500 700 d1 50 0 450 700 re f"),
+                   fixtures::streamObject("", "/CIDInit /ProcSet findresource begin 12 dict begin begincmap 1 "
+                                              "begincodespacerange <00> <FF> endcodespacerange 1 beginbfchar <41> <0041> "
+                                              "endbfchar endcmap CMapName currentdict /CMap defineresource pop end end"),
+                   fixtures::streamObject("", "BT /T3 12 Tf 72 700 Td (AAAAAAAAAA) Tj 0 -16 Td (AAAAAAAAAA) Tj ET")})));
+    model_->open(path);
+    view_->setDocument(model_->pdfDocument());
+    view_->goToPage(page(0));
+    tools_->setCurrentTool(AnnotationTool::editText);
+    QTest::qWait(10);
+    click(pv(QPointF(100, 703)));
+    QVERIFY(overlay_->inlineEditor());
+    QTest::keyClick(overlay_->inlineEditor(), Qt::Key_Return);
+    QVERIFY(model_->coveredLine());
+    auto cover = page(0)->annotations().back();
+    QCOMPARE(cover->type(), PdfAnnotation::FreeText);
+    QCOMPARE(cover->color(), QColor(Qt::white));
+    QVERIFY2(cover->bounds().top() >= 684 + 8.4, qPrintable(QString::number(cover->bounds().top())));
+
 }
 
 // A cream page gives a cream cover; a mid-grey one a white cover.

@@ -44,7 +44,8 @@ struct PdfPage::Text {
 // The page's text as a structured-text page in display space (with its
 // annotations and widgets but `skip` when `annotations`), and the matrix
 // from page space to display space. Runs inside a guard.
-fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm);
+fz_stext_page *readText(fz_context *c, pdf_page *page, bool annotations, pdf_obj *skip, fz_cookie *cookie, fz_matrix &ctm,
+                        int flags = 0);
 
 inline QTransform toQt(const fz_matrix &m)
 {

@@ -522,13 +522,17 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
     for (fz_stext_char *ch = line->first_char; ch; ch = ch->next)
         lineLetters += isSpace(ch) ? 0 : 1;
     const bool wholeLine = lineLetters == letters;
-    // The glyphs of the run kept as they are (a ligature glyph stands for
-    // the letters it joins, as the user sees and types them), back to the
-    // start of a word, and the code points of the new text they stand for.
+    // The glyphs of the run kept as they are, back to the start of a word,
+    // and the code points of the new text they stand for.
     size_t keep = 0, typed = 0;
+    auto sameGlyph = [&](size_t a, size_t b) {
+        return b < hits.size() && hits[a]->origin.x == hits[b]->origin.x && hits[a]->origin.y == hits[b]->origin.y;
+    };
     while (keep < hits.size()) {
         const std::u32string letters = spelt(char32_t(hits[keep]->c));
-        if (codePoints.compare(typed, letters.size(), letters) != 0)
+        // A word with a ligature (one glyph for several letters) is set anew:
+        // its glyph may not be drawn the same in another face.
+        if (letters.size() > 1 || sameGlyph(keep, keep + 1) || codePoints.compare(typed, letters.size(), letters) != 0)
             break;
         typed += letters.size();
         ++keep;
@@ -551,7 +555,13 @@ PdfRetype PdfPage::retype(const QRectF &run, const QString &newText)
         result.ownFont = segments.back().ownFont;
 
     // The filter sees glyphs in page space.
-    const int needed = int(std::count_if(hits.begin(), hits.end(), [](const fz_stext_char *ch) { return !isSpace(ch); }));
+    // One glyph may stand for several characters (a ligature its ToUnicode
+    // spells out): they share its origin.
+    std::set<std::pair<long, long>> glyphs;
+    for (const fz_stext_char *ch : hits)
+        if (!isSpace(ch))
+            glyphs.emplace(std::lround(ch->origin.x * 10), std::lround(ch->origin.y * 10));
+    const int needed = int(glyphs.size());
     const fz_matrix toPage = fz_invert_matrix(ctm);
     std::vector<fz_matrix> matrices(hits.size() + 16);
     Removal removal;

@@ -1189,11 +1189,23 @@ void TestEngine::retypeFontsAndRefusals()
     // A justified paragraph set by groff with its fonts embedded.
     QTemporaryDir dir;
     const QString ms = dir.filePath("text.ms"), groffFile = dir.filePath("groff.pdf");
-    QVERIFY(fixtures::writeFile(ms, ".PP\n" + QByteArray("The quick brown fox jumps over the lazy dog. ").repeated(8) + "\n"));
+    QVERIFY(fixtures::writeFile(ms, ".PP\n" + QByteArray("The quick brown fox jumps over the lazy dog. ").repeated(8) +
+                                        "\n.PP\nThe office staff left on Friday.\n"));
     QProcess groff;
     groff.setStandardOutputFile(groffFile);
     groff.start("groff", {"-ms", "-Tpdf", "-P-e", ms});
     QVERIFY(groff.waitForFinished() && groff.exitCode() == 0);
+    // Without its fonts embedded, its "ffi" is one glyph spelt out by its
+    // ToUnicode: a line retyped after it reads as before up to the change.
+    const QString bare = dir.filePath("bare.pdf");
+    groff.setStandardOutputFile(bare);
+    groff.start("groff", {"-ms", "-Tpdf", ms});
+    QVERIFY(groff.waitForFinished() && groff.exitCode() == 0);
+    auto plain = PdfDocument::open(bare);
+    const QRectF ligatureLine = lineWith(plain->page(0), "office");
+    QCOMPARE(plain->page(0)->retype(ligatureLine, "The office staff left on Monday.").outcome, PdfRetype::Outcome::Done);
+    QCOMPARE(plain->page(0)->selectionForLine(ligatureLine.center())->string().trimmed(),
+             QString("The office staff left on Monday."));
     auto doc = PdfDocument::open(groffFile);
     QVERIFY(doc);
     auto page = doc->page(0);

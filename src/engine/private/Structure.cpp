@@ -231,16 +231,21 @@ void finishCopies(CopyState &state, DocCore &core, const std::vector<int> &pages
         } catch (const mu::Error &) {
         }
     }
+    bool outlineChanged = false;
     try {
         settleNames(state, dst, index);
         writeDestinationNames(state, dst);
         for (Carried &one : carried) {
-            if (!one.entries.empty())
+            if (!one.entries.empty()) {
                 core.outline.reset();
+                outlineChanged = true;
+            }
             placeInOutline(state, dst, index, one);
         }
     } catch (const mu::Error &) {
     }
+    if (outlineChanged)
+        emit core.changes.outlineChanged();
 }
 
 bool hasOutline(pdf_document *doc)

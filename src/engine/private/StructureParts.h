@@ -67,6 +67,11 @@ void adoptWidget(CopyState &state, Graft &graft, pdf_obj *source, pdf_obj *copy)
 
 // --- Outline ---------------------------------------------------------------------
 
+// The outline as read, kept by the document core until it changes.
+std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core);
+// The document's /Outlines dictionary (made first when `make`), or null.
+pdf_obj *outlineRoot(pdf_document *doc, bool make);
+
 // Sets dict[key] to a value (null: removes the key).
 using Put = std::function<void(pdf_obj *dict, pdf_obj *key, pdf_obj *value)>;
 void putNow(pdf_obj *dict, pdf_obj *key, pdf_obj *value);

@@ -102,7 +102,7 @@ void readPlace(fz_context *c, pdf_obj *dest, OutlineIndex::Entry &entry)
 
 // Reads a chain of entries below `parent` and those below them into
 // `index`; the position of the chain's first entry, or -1.
-int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int parent, int depth, std::unordered_set<int> &seen)
+int readChain(OutlineIndex &index, DestinationTable &doc, pdf_obj *first, int parent, int depth, std::unordered_set<int> &seen)
 {
     if (depth > maxDepth)
         return -1;
@@ -121,7 +121,7 @@ int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int parent
             pdf_obj *dest = localDestination(c, item.get());
             entry.local = dest != nullptr;
             entry.leads = entry.local || pdf_dict_get(c, item.get(), PDF_NAME(A));
-            pdf_obj *target = dest ? explicitDestination(c, doc, dest) : nullptr;
+            pdf_obj *target = dest ? doc.explicitDestination(c, dest) : nullptr;
             pdf_obj *page = pdf_array_get(c, target, 0);
             entry.page = pdf_is_indirect(c, page) ? pdf_to_num(c, page) : 0;
             if (entry.page)
@@ -171,7 +171,8 @@ std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core)
         auto index = std::make_shared<OutlineIndex>();
         pdf_obj *first = mu::call([&](fz_context *c) { return pdf_dict_getp(c, rootOf(c, core.doc), "Outlines/First"); });
         std::unordered_set<int> seen;
-        index->first = readChain(*index, core.doc, first, -1, 0, seen);
+        DestinationTable names(core.doc);
+        index->first = readChain(*index, names, first, -1, 0, seen);
         core.outline = index;
     }
     return core.outline;

@@ -70,6 +70,9 @@ std::optional<Place> detach(DocCore &core, int id)
     const OutlineIndex::Entry &entry = index->entries[size_t(at)];
     structure::linkChildren(entry.item.get(), childrenOf(*index, at), entry.open);
     const int parent = entry.parent;
+    // Below an entry with no object number of its own it could not be put back.
+    if (parent >= 0 && index->entries[size_t(parent)].num == 0)
+        return std::nullopt;
     std::vector<pdf_obj *> siblings = childrenOf(*index, parent);
     const auto it = std::find(siblings.begin(), siblings.end(), index->entries[size_t(at)].item.get());
     const Place place{parent < 0 ? 0 : index->entries[size_t(parent)].num, int(it - siblings.begin())};
@@ -201,7 +204,7 @@ PdfOutlineChange PdfOutline::add(const QString &title, const std::shared_ptr<Pdf
                     pdf_array_push(c, dest, PDF_NULL);
                     pdf_array_push(c, dest, PDF_NULL);
                 }
-                pdf_array_push(c, dest, PDF_NULL);
+                pdf_array_push_int(c, dest, 0); // the zoom as it is
             }
             fz_always(c) pdf_drop_obj(c, entry);
             fz_catch(c) fz_rethrow(c);

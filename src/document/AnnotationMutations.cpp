@@ -1,9 +1,10 @@
-// The document model's operations that change annotations and pages.
+// The document model's operations that change annotations, pages and bookmarks.
 #include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "FilePanel.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
+#include "PdfOutline.h"
 #include "PdfPage.h"
 #include "PdfSelection.h"
 
@@ -213,6 +214,19 @@ void DocumentModel::deletePages(const std::set<int> &indices)
                 kept.push_back(pages[i]);
         pdfDocument_->setPages(kept);
     });
+}
+
+bool DocumentModel::changeOutline(const std::function<PdfOutlineChange(PdfOutline &)> &edit)
+{
+    if (!pdfDocument_ || !edit || changesRestricted_)
+        return false;
+    PdfOutline outline(pdfDocument_);
+    PdfOutlineChange change = edit(outline);
+    if (!change)
+        return false;
+    record({std::move(change.undo), std::move(change.redo)});
+    changed();
+    return true;
 }
 
 void DocumentModel::markPageStructureChanged()

@@ -30,6 +30,8 @@
 
 class FilePanel;
 class PdfAnnotation;
+class PdfOutline;
+struct PdfOutlineChange;
 class PdfDocument;
 class PdfPage;
 class PdfSelection;
@@ -140,6 +142,9 @@ public:
     // pages (insert, remove, move), and records it as one undoable step.
     void changePages(const std::function<void()> &operation);
     void deletePages(const std::set<int> &indices);
+    // Runs an edit of the bookmarks and records what it answers as one
+    // undoable step; false when the edit was refused (or changes are).
+    bool changeOutline(const std::function<PdfOutlineChange(PdfOutline &)> &edit);
     // The page list changed (the engine announces it): the current page, the
     // page selection and the selected annotation are brought back inside it.
     void markPageStructureChanged();

@@ -1,6 +1,6 @@
 // The one way the engine announces that a page changed: its annotations (one
-// added, removed, moved or restyled), its rotation, or its content; and that
-// the list of pages changed. Every view
+// added, removed, moved or restyled), its rotation, or its content; that
+// the list of pages changed; and that the bookmarks changed. Every view
 // that shows pages listens to its document's channel, so nothing above the
 // engine has to remember to ask a view to draw a page again.
 #pragma once
@@ -32,6 +32,9 @@ signals:
     // moved. Emitted once per operation, after it (at the end of a copy batch
     // for the pages copied in within it).
     void pageListChanged();
+    // The document's bookmarks changed: an entry was added, renamed, removed
+    // or moved, or page copies brought entries along. Emitted once per change.
+    void outlineChanged();
 };
 
 Q_DECLARE_OPERATORS_FOR_FLAGS(PdfChangeChannel::Changes)

@@ -134,6 +134,7 @@ public:
 
 private:
     friend class PdfCopyBatch;
+    friend class PdfOutline;
     friend class PdfPage;
     PdfDocument() = default;
     bool loadPageList();

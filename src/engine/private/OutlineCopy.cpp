@@ -73,9 +73,36 @@ std::vector<Obj> chainOf(pdf_obj *first, std::unordered_set<int> &seen)
 
 namespace {
 
-// Reads a chain of entries and those below them into `index`; the position
-// of the chain's first entry, or -1.
-int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int depth, std::unordered_set<int> &seen)
+// The coordinate at `at` of an explicit destination, when it is a number.
+std::optional<qreal> coordinate(fz_context *c, pdf_obj *dest, int at)
+{
+    pdf_obj *value = pdf_array_get(c, dest, at);
+    if (!pdf_is_number(c, value))
+        return std::nullopt;
+    return pdf_to_real(c, value);
+}
+
+// Where on its page an explicit destination leads: the left edge and the
+// top it names, each when it names one.
+void readPlace(fz_context *c, pdf_obj *dest, OutlineIndex::Entry &entry)
+{
+    pdf_obj *kind = pdf_array_get(c, dest, 1);
+    if (pdf_name_eq(c, kind, PDF_NAME(XYZ))) {
+        entry.left = coordinate(c, dest, 2);
+        entry.top = coordinate(c, dest, 3);
+    } else if (pdf_name_eq(c, kind, PDF_NAME(FitH)) || pdf_name_eq(c, kind, PDF_NAME(FitBH))) {
+        entry.top = coordinate(c, dest, 2);
+    } else if (pdf_name_eq(c, kind, PDF_NAME(FitV)) || pdf_name_eq(c, kind, PDF_NAME(FitBV))) {
+        entry.left = coordinate(c, dest, 2);
+    } else if (pdf_name_eq(c, kind, PDF_NAME(FitR))) {
+        entry.left = coordinate(c, dest, 2);
+        entry.top = coordinate(c, dest, 5);
+    }
+}
+
+// Reads a chain of entries below `parent` and those below them into
+// `index`; the position of the chain's first entry, or -1.
+int readChain(OutlineIndex &index, DestinationTable &doc, pdf_obj *first, int parent, int depth, std::unordered_set<int> &seen)
 {
     if (depth > maxDepth)
         return -1;
@@ -88,20 +115,54 @@ int readChain(OutlineIndex &index, pdf_document *doc, pdf_obj *first, int depth,
         else
             head = at;
         last = at;
+        const char *title = nullptr;
         mu::call([&](fz_context *c) {
             OutlineIndex::Entry &entry = index.entries[size_t(at)];
             pdf_obj *dest = localDestination(c, item.get());
             entry.local = dest != nullptr;
             entry.leads = entry.local || pdf_dict_get(c, item.get(), PDF_NAME(A));
-            entry.page = dest ? destinationPage(c, doc, dest) : 0;
+            pdf_obj *target = dest ? doc.explicitDestination(c, dest) : nullptr;
+            pdf_obj *page = pdf_array_get(c, target, 0);
+            entry.page = pdf_is_indirect(c, page) ? pdf_to_num(c, page) : 0;
+            if (entry.page)
+                readPlace(c, target, entry);
             entry.open = pdf_dict_get_int(c, item.get(), PDF_NAME(Count)) >= 0;
+            entry.parent = parent;
+            title = pdf_dict_get_text_string(c, item.get(), PDF_NAME(Title));
         });
+        OutlineIndex::Entry &entry = index.entries[size_t(at)];
+        entry.title = QString::fromUtf8(title);
+        const int num = mu::call([&](fz_context *c) { return pdf_to_num(c, item.get()); });
+        entry.num = num;
+        if (num > 0)
+            index.positions.emplace(num, at);
         pdf_obj *child = mu::call([&](fz_context *c) { return pdf_dict_get(c, item.get(), PDF_NAME(First)); });
-        index.entries[size_t(at)].item = std::move(item);
-        const int children = readChain(index, doc, child, depth + 1, seen);
+        entry.item = std::move(item);
+        const int children = readChain(index, doc, child, at, depth + 1, seen);
         index.entries[size_t(at)].firstChild = children;
     }
     return head;
+}
+
+} // namespace
+
+pdf_obj *outlineRoot(pdf_document *doc, bool make)
+{
+    return mu::call([&](fz_context *c) {
+        pdf_obj *root = rootOf(c, doc);
+        pdf_obj *found = pdf_dict_get(c, root, PDF_NAME(Outlines));
+        if (pdf_is_dict(c, found) || !make)
+            return pdf_is_dict(c, found) ? found : nullptr;
+        pdf_obj *made = pdf_add_new_dict(c, doc, 4);
+        fz_try(c)
+        {
+            pdf_dict_put(c, made, PDF_NAME(Type), PDF_NAME(Outlines));
+            pdf_dict_put(c, root, PDF_NAME(Outlines), made);
+        }
+        fz_always(c) pdf_drop_obj(c, made);
+        fz_catch(c) fz_rethrow(c);
+        return pdf_dict_get(c, root, PDF_NAME(Outlines));
+    });
 }
 
 std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core)
@@ -110,11 +171,14 @@ std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core)
         auto index = std::make_shared<OutlineIndex>();
         pdf_obj *first = mu::call([&](fz_context *c) { return pdf_dict_getp(c, rootOf(c, core.doc), "Outlines/First"); });
         std::unordered_set<int> seen;
-        index->first = readChain(*index, core.doc, first, 0, seen);
+        DestinationTable names(core.doc);
+        index->first = readChain(*index, names, first, -1, 0, seen);
         core.outline = index;
     }
     return core.outline;
 }
+
+namespace {
 
 // Copies of the source outline entries from position `first` on that lead
 // to copied pages or elsewhere, or have entries below them that do; an entry
@@ -232,21 +296,7 @@ void placeInOutline(CopyState &state, pdf_document *dst, const PageIndex &index,
 {
     if (carried.entries.empty())
         return;
-    pdf_obj *outlines = mu::call([&](fz_context *c) {
-        pdf_obj *root = rootOf(c, dst);
-        pdf_obj *found = pdf_dict_get(c, root, PDF_NAME(Outlines));
-        if (pdf_is_dict(c, found))
-            return found;
-        pdf_obj *made = pdf_add_new_dict(c, dst, 4);
-        fz_try(c)
-        {
-            pdf_dict_put(c, made, PDF_NAME(Type), PDF_NAME(Outlines));
-            pdf_dict_put(c, root, PDF_NAME(Outlines), made);
-        }
-        fz_always(c) pdf_drop_obj(c, made);
-        fz_catch(c) fz_rethrow(c);
-        return pdf_dict_get(c, root, PDF_NAME(Outlines));
-    });
+    pdf_obj *outlines = outlineRoot(dst, true);
     std::unordered_set<int> seen;
     std::vector<Obj> top = chainOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, outlines, PDF_NAME(First)); }), seen);
     size_t at = 0;

@@ -115,6 +115,26 @@ pdf_obj *explicitDestination(fz_context *c, pdf_document *doc, pdf_obj *dest)
     return pdf_is_array(c, dest) ? dest : nullptr;
 }
 
+pdf_obj *DestinationTable::explicitDestination(fz_context *c, pdf_obj *dest)
+{
+    if (isNamed(c, dest)) {
+        if (!loaded_) {
+            // As lookupNamed: the older dictionary of names before the tree.
+            mu::cxx(c, [&] {
+                visitDestinationNames(c, doc_, [&](std::string_view name, pdf_obj *value) { names_.emplace(name, value); });
+            });
+            pdf_obj *dests = pdf_dict_get(c, rootOf(c, doc_), PDF_NAME(Dests));
+            for (int i = 0; i < pdf_dict_len(c, dests); ++i)
+                mu::cxx(c,
+                        [&] { names_[std::string(keyBytes(c, pdf_dict_get_key(c, dests, i)))] = pdf_dict_get_val(c, dests, i); });
+            loaded_ = true;
+        }
+        auto found = mu::cxx(c, [&] { return names_.find(std::string(keyBytes(c, dest))); });
+        dest = found == names_.end() ? nullptr : found->second;
+    }
+    return structure::explicitDestination(c, doc_, dest);
+}
+
 // Where a link, an outline entry or an action leads within its document:
 // its destination, or the one of its go-to action; null when it leads elsewhere.
 pdf_obj *localDestination(fz_context *c, pdf_obj *holder)
@@ -231,16 +251,21 @@ void finishCopies(CopyState &state, DocCore &core, const std::vector<int> &pages
         } catch (const mu::Error &) {
         }
     }
+    bool outlineChanged = false;
     try {
         settleNames(state, dst, index);
         writeDestinationNames(state, dst);
         for (Carried &one : carried) {
-            if (!one.entries.empty())
+            if (!one.entries.empty()) {
                 core.outline.reset();
+                outlineChanged = true;
+            }
             placeInOutline(state, dst, index, one);
         }
     } catch (const mu::Error &) {
     }
+    if (outlineChanged)
+        emit core.changes.outlineChanged();
 }
 
 bool hasOutline(pdf_document *doc)

@@ -6,6 +6,11 @@
 
 #include "Graft.h"
 
+#include <QString>
+
+#include <optional>
+#include <unordered_map>
+
 #include <vector>
 
 namespace structure {
@@ -25,9 +30,19 @@ struct OutlineIndex {
         bool local = false;
         int page = 0;
         bool open = true;
+        // What the bookmarks show: the entry above it (-1: top level), its
+        // title, and the place on the page its destination names, when it
+        // names one (each coordinate may be left open).
+        int parent = -1;
+        int num = 0;
+        QString title;
+        std::optional<qreal> left;
+        std::optional<qreal> top;
     };
     std::vector<Entry> entries;
     int first = -1;
+    // Entry positions by object number.
+    std::unordered_map<int, int> positions;
 };
 
 // Ties up the annotations copied through `graft` since the last call: the

@@ -39,6 +39,19 @@ using NameVisitor = std::function<void(std::string_view name, pdf_obj *value)>;
 void visitDestinationNames(fz_context *c, pdf_document *doc, const NameVisitor &visit);
 // The explicit destination (an array) that a destination stands for.
 pdf_obj *explicitDestination(fz_context *c, pdf_document *doc, pdf_obj *dest);
+// The same for many destinations of one document: its names are read into a
+// table at the first named one, so each lookup after it costs no walk of
+// the name tree (a flat tree of many names is searched name by name).
+class DestinationTable {
+public:
+    explicit DestinationTable(pdf_document *doc) : doc_(doc) {}
+    pdf_obj *explicitDestination(fz_context *c, pdf_obj *dest);
+
+private:
+    pdf_document *doc_;
+    bool loaded_ = false;
+    std::unordered_map<std::string, pdf_obj *> names_;
+};
 // Where a link, an outline entry or an action leads within its document:
 // its destination, or the one of its go-to action; null when it leads elsewhere.
 pdf_obj *localDestination(fz_context *c, pdf_obj *holder);
@@ -66,6 +79,11 @@ void loadFieldNames(CopyState &state, pdf_document *dst);
 void adoptWidget(CopyState &state, Graft &graft, pdf_obj *source, pdf_obj *copy);
 
 // --- Outline ---------------------------------------------------------------------
+
+// The outline as read, kept by the document core until it changes.
+std::shared_ptr<const OutlineIndex> outlineOf(DocCore &core);
+// The document's /Outlines dictionary (made first when `make`), or null.
+pdf_obj *outlineRoot(pdf_document *doc, bool make);
 
 // Sets dict[key] to a value (null: removes the key).
 using Put = std::function<void(pdf_obj *dict, pdf_obj *key, pdf_obj *value)>;

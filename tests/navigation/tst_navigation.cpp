@@ -1,0 +1,304 @@
+// Bookmarks: the outline read into the panel's model (nesting, where each
+// destination leads, loops and broken destinations), edited one undoable
+// step at a time and written so that another reader sees the edits, and the
+// panel as a user works it.
+#include "BookmarksView.h"
+#include "DocumentModel.h"
+#include "FixtureBuilder.h"
+#include "OutlineModel.h"
+#include "PdfChangeChannel.h"
+#include "PdfDocument.h"
+#include "PdfInspect.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+
+#include <QAction>
+#include <QHBoxLayout>
+#include <QLineEdit>
+#include <QMimeData>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using fixtures::OutlineSpec;
+using fixtures::StructuredSpec;
+
+namespace {
+
+// "title->page [children]", pages counted from 0 (-1: leads nowhere).
+QString describe(const OutlineModel &model, const QModelIndex &parent = {})
+{
+    QStringList parts;
+    for (int row = 0; row < model.rowCount(parent); ++row) {
+        const QModelIndex index = model.index(row, 0, parent);
+        const QString below = describe(model, index);
+        parts << QString("%1->%2").arg(index.data().toString()).arg(index.data(OutlineModel::PageIndexRole).toInt()) +
+                     (below.isEmpty() ? QString() : " [" + below + "]");
+    }
+    return parts.join(", ");
+}
+
+QString describe(const std::vector<inspect::OutlineItem> &outline)
+{
+    QStringList parts;
+    for (const auto &item : outline)
+        parts << QString("%1->%2").arg(item.title).arg(item.page) +
+                     (item.children.empty() ? QString() : " [" + describe(item.children) + "]");
+    return parts.join(", ");
+}
+
+QModelIndex find(const OutlineModel &model, const QString &title)
+{
+    const QModelIndexList found =
+        model.match(model.index(0, 0), Qt::DisplayRole, title, 1, Qt::MatchExactly | Qt::MatchRecursive);
+    return found.isEmpty() ? QModelIndex() : found.first();
+}
+
+// Changes `from` to `to` (of the same length, so the file's offsets hold)
+// inside the object that holds `marker`.
+void patch(QByteArray &file, const QByteArray &marker, const QByteArray &from, const QByteArray &to)
+{
+    const qsizetype at = file.indexOf(marker);
+    const qsizetype start = file.lastIndexOf(" obj", at);
+    const qsizetype hit = file.indexOf(from, start);
+    QVERIFY(at >= 0 && hit >= 0 && hit < file.indexOf("endobj", at) && from.size() == to.size());
+    file.replace(hit, from.size(), to);
+}
+
+// The title editor open in a view.
+QLineEdit *editorOf(QAbstractItemView *view)
+{
+    for (QLineEdit *editor : view->viewport()->findChildren<QLineEdit *>())
+        if (editor->isVisible())
+            return editor;
+    return nullptr;
+}
+
+} // namespace
+
+class TestNavigation : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir_;
+    QString path(const QString &name) const { return dir_.filePath(name); }
+
+    std::shared_ptr<PdfDocument> openBytes(const QString &name, const QByteArray &bytes)
+    {
+        const QString file = path(name);
+        return fixtures::writeFile(file, bytes) ? PdfDocument::open(file) : nullptr;
+    }
+
+private slots:
+    void readsTreeAndDestinations();
+    void editsUndoRedoAndSave();
+    void panelGoesMarksAddsAndEdits();
+};
+
+// Nested entries with explicit and named destinations (name tree and the
+// older /Dests), go-to actions, places on the page, entries leading nowhere,
+// and loops of /Next and /First, which are cut where they recur.
+void TestNavigation::readsTreeAndDestinations()
+{
+    for (const bool legacy : {false, true}) {
+        StructuredSpec spec;
+        spec.pages = fixtures::numberedPages(4, 1);
+        spec.namedDestinations = {{"chap2", 2}};
+        spec.legacyDests = legacy;
+        spec.outline = {{"Intro", 0},
+                        {"Part", 1, {}, {{"Named", -1, "chap2"}, {"Action", 3, {}, {}, true}}},
+                        {"Nowhere", -1},
+                        {"Broken", -1, "nosuch"}};
+        QByteArray bytes = fixtures::buildStructuredPdf(spec);
+        patch(bytes, "/Title (Intro)", "/XYZ 0 792.00 0]", "/FitH 500      ]");
+        const auto doc = openBytes("tree.pdf", bytes);
+        QVERIFY(doc);
+        DocumentModel model;
+        model.setDocument(doc, doc->path());
+        OutlineModel outline(&model);
+        QCOMPARE(describe(outline), "Intro->0, Part->1 [Named->2, Action->3], Nowhere->-1, Broken->-1");
+        QCOMPARE(outline.page(find(outline, "Named")), doc->page(2));
+        QCOMPARE(outline.point(find(outline, "Named")), QPointF(0, 792));
+        QCOMPARE(outline.point(find(outline, "Action")), QPointF(0, 792));
+        QCOMPARE(outline.point(find(outline, "Intro")), QPointF(0, 500)); // FitH: the page's left edge
+        QVERIFY(!outline.page(find(outline, "Broken")));
+        // The section at a place: the last bookmark at or before it.
+        QVERIFY(!outline.sectionAt(0, {0, 600}).isValid());
+        QCOMPARE(outline.sectionAt(0, {0, 400}), find(outline, "Intro"));
+        QCOMPARE(outline.sectionAt(1, {0, 792}), find(outline, "Part"));
+        QCOMPARE(outline.sectionAt(2, {0, 300}), find(outline, "Named"));
+        // Bookmarks follow their pages through page work.
+        model.deletePages({1});
+        QCoreApplication::processEvents();
+        QCOMPARE(describe(outline), "Intro->0, Part->-1 [Named->1, Action->2], Nowhere->-1, Broken->-1");
+        model.undo();
+        QCoreApplication::processEvents();
+        QCOMPARE(describe(outline), "Intro->0, Part->1 [Named->2, Action->3], Nowhere->-1, Broken->-1");
+    }
+
+    StructuredSpec spec;
+    spec.pages = fixtures::numberedPages(3, 1);
+    spec.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
+    QByteArray bytes = fixtures::buildStructuredPdf(spec);
+    patch(bytes, "/Title (B)", "/Prev", "/Next");     // B → A → B …
+    patch(bytes, "/Title (C)", "/Parent", "/First "); // C's entries start at B
+    const auto doc = openBytes("loops.pdf", bytes);
+    QVERIFY(doc);
+    DocumentModel model;
+    model.setDocument(doc, doc->path());
+    OutlineModel outline(&model);
+    QCOMPARE(describe(outline), "A->0, B->1 [C->2]");
+    // An edit relinks the damaged chains it touches clean.
+    QVERIFY(outline.rename(find(outline, "A"), "A2"));
+    QVERIFY(outline.move(find(outline, "C"), {}, 0));
+    QVERIFY(doc->write(path("loops-saved.pdf")));
+    const inspect::PdfObjects saved(path("loops-saved.pdf"));
+    QCOMPARE(describe(saved.outline()), "C->2, A2->0, B->1");
+    QCOMPARE(saved.outlineProblems(), QStringList());
+}
+
+// Each edit is one step of the history: undo and redo walk through them all;
+// an empty /Outlines takes a new entry; the saved file shows the edits to qpdf.
+void TestNavigation::editsUndoRedoAndSave()
+{
+    StructuredSpec spec;
+    spec.pages = fixtures::numberedPages(4, 1);
+    spec.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
+    QVERIFY(fixtures::writeStructuredPdf(path("edits.pdf"), spec));
+    const auto doc = PdfDocument::open(path("edits.pdf"));
+    DocumentModel model;
+    model.setDocument(doc, path("edits.pdf"));
+    OutlineModel outline(&model);
+    QSignalSpy announced(doc->changes(), &PdfChangeChannel::outlineChanged);
+
+    QStringList states{describe(outline)};
+    auto step = [&](bool done, const QString &expected) {
+        QVERIFY(done);
+        QCoreApplication::processEvents();
+        QCOMPARE(describe(outline), expected);
+        states << expected;
+    };
+    step(outline.rename(find(outline, "A"), "Alpha"), "Alpha->0, B->1 [C->2]");
+    step(outline.move(find(outline, "C"), {}, 0), "C->2, Alpha->0, B->1");
+    step(outline.move(find(outline, "Alpha"), find(outline, "B"), 0), "C->2, B->1 [Alpha->0]");
+    const QModelIndex made = outline.addBookmark("New", doc->page(3), QPointF(50, 400), find(outline, "B"), -1);
+    step(made.isValid(), "C->2, B->1 [Alpha->0, New->3]");
+    QCOMPARE(outline.point(made), QPointF(50, 400));
+    QVERIFY(model.isDirty());
+    QVERIFY(doc->write(path("nested.pdf")));
+    const inspect::PdfObjects nested(path("nested.pdf"));
+    QCOMPARE(describe(nested.outline()), "C->2, B->1 [Alpha->0, New->3]");
+    QCOMPARE(nested.outlineProblems(), QStringList());
+
+    // Refused: into itself or below itself, and a move to where it is.
+    QVERIFY(!outline.move(find(outline, "B"), find(outline, "Alpha"), 0));
+    QVERIFY(!outline.move(find(outline, "B"), find(outline, "B"), 0));
+    QVERIFY(!outline.move(find(outline, "C"), {}, 1));
+    // A drop moves what was dragged.
+    std::unique_ptr<QMimeData> dragged(outline.mimeData({find(outline, "New")}));
+    QVERIFY(!outline.dropMimeData(dragged.get(), Qt::MoveAction, -1, 0, find(outline, "C")));
+    QCoreApplication::processEvents();
+    QCOMPARE(describe(outline), "C->2 [New->3], B->1 [Alpha->0]");
+    states << describe(outline);
+    step(outline.remove(find(outline, "B")), "C->2 [New->3]");
+    step(outline.remove(find(outline, "C")), "");
+    step(outline.addBookmark("Only", doc->page(0), std::nullopt, {}, 0).isValid(), "Only->0");
+    QCOMPARE(announced.count(), 8);
+
+    for (qsizetype at = states.size() - 2; at >= 0; --at) {
+        model.undo();
+        QCoreApplication::processEvents();
+        QCOMPARE(describe(outline), states[at]);
+    }
+    QVERIFY(!model.isDirty());
+    for (qsizetype at = 1; at < states.size(); ++at) {
+        model.redo();
+        QCoreApplication::processEvents();
+        QCOMPARE(describe(outline), states[at]);
+    }
+    QVERIFY(model.save());
+    const inspect::PdfObjects saved(path("edits.pdf"));
+    QCOMPARE(describe(saved.outline()), "Only->0");
+    QCOMPARE(saved.outlineProblems(), QStringList());
+    // Reopened, the entry leads to the whole page as it is shown.
+    DocumentModel reopened;
+    reopened.setDocument(PdfDocument::open(path("edits.pdf")), path("edits.pdf"));
+    OutlineModel again(&reopened);
+    QCOMPARE(describe(again), "Only->0");
+    QCOMPARE(again.point(again.index(0, 0)), std::nullopt);
+}
+
+void TestNavigation::panelGoesMarksAddsAndEdits()
+{
+    StructuredSpec spec;
+    spec.pages = fixtures::numberedPages(6, 3);
+    spec.outline = {{"One", 0}, {"Two", 2, {}, {{"Two A", 3}}}, {"Three", 5}};
+    QVERIFY(fixtures::writeStructuredPdf(path("panel.pdf"), spec));
+    DocumentModel model;
+    model.setDocument(PdfDocument::open(path("panel.pdf")), path("panel.pdf"));
+    QWidget window;
+    auto *pdfView = new PdfView;
+    auto *panel = new BookmarksView(&model, pdfView);
+    auto *layout = new QHBoxLayout(&window);
+    layout->addWidget(panel);
+    layout->addWidget(pdfView, 1);
+    pdfView->setDocument(model.pdfDocument());
+    window.resize(900, 600);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    OutlineModel &outline = *panel->outlineModel();
+    QCOMPARE(panel->accessibleName(), "Bookmarks");
+    QVERIFY(panel->isExpanded(find(outline, "Two"))); // as the file says
+
+    // A click goes to the bookmark, which is marked as the section read.
+    const QModelIndex two = find(outline, "Two");
+    QTest::mouseClick(panel->viewport(), Qt::LeftButton, {}, panel->visualRect(two).center());
+    QCOMPARE(pdfView->currentPageIndex(), 2);
+    QVERIFY(two.data(OutlineModel::ReadingRole).toBool());
+    // Scrolling on marks the bookmark of the section; inside a collapsed
+    // bookmark, that bookmark.
+    pdfView->goToPoint(pdfView->document()->page(4), {0, 400});
+    QVERIFY(find(outline, "Two A").data(OutlineModel::ReadingRole).toBool());
+    panel->collapse(find(outline, "Two"));
+    QVERIFY(find(outline, "Two").data(OutlineModel::ReadingRole).toBool());
+    QVERIFY(panel->deleteBookmarkAction()->isEnabled());
+
+    // Add Bookmark at the place read: named after the first line there,
+    // placed after the section's bookmark, and renamed in place.
+    pdfView->goToPoint(pdfView->document()->page(1), {0, 700});
+    QVERIFY(find(outline, "One").data(OutlineModel::ReadingRole).toBool());
+    panel->addBookmarkAction()->trigger();
+    const QModelIndex added = outline.index(1, 0);
+    QCOMPARE(added.data().toString(), "The quick brown fox jumps over the lazy dog, line 1 of page 2.");
+    QVERIFY(qAbs(outline.point(added)->y() - 700) < 1);
+    QLineEdit *editor = editorOf(panel);
+    QVERIFY(editor);
+    QCOMPARE(editor->accessibleName(), "Bookmark Title");
+    QTest::keyClick(editor, Qt::Key_A, Qt::ControlModifier);
+    QTest::keyClicks(editor, "Mine");
+    QTest::keyClick(editor, Qt::Key_Return);
+    QTRY_COMPARE(describe(outline), "One->0, Mine->1, Two->2 [Two A->3], Three->5");
+    // The expanded state outlives the edits' reloads; Two stays collapsed.
+    QVERIFY(!panel->isExpanded(find(outline, "Two")));
+    QCOMPARE(panel->currentIndex(), find(outline, "Mine"));
+
+    // F2 renames, Delete removes; each one step of the history.
+    QTest::keyClick(panel, Qt::Key_F2);
+    QVERIFY(editorOf(panel));
+    QTest::keyClicks(editorOf(panel), "Renamed");
+    QTest::keyClick(editorOf(panel), Qt::Key_Return);
+    QTRY_VERIFY(find(outline, "Renamed").isValid());
+    panel->setCurrentIndex(find(outline, "Three"));
+    QTest::keyClick(panel, Qt::Key_Delete);
+    QTRY_COMPARE(describe(outline), "One->0, Renamed->1, Two->2 [Two A->3]");
+    for (int edit = 0; edit < 4; ++edit)
+        model.undo();
+    QTRY_COMPARE(describe(outline), "One->0, Two->2 [Two A->3], Three->5");
+
+    // A document whose author restricted changes shows its bookmarks only.
+    model.setChangesRestricted(true);
+    QCoreApplication::processEvents();
+    QVERIFY(!panel->addBookmarkAction()->isEnabled() && !panel->deleteBookmarkAction()->isEnabled());
+    QVERIFY(!(outline.flags(find(outline, "One")) & Qt::ItemIsEditable));
+}
+
+QTEST_MAIN(TestNavigation)
+#include "tst_navigation.moc"

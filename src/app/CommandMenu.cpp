@@ -52,6 +52,13 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     view->addSeparator();
     goToPage = view->addAction(tr("Go to Page…"));
     goToPage->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_G));
+    view->addSeparator();
+    showThumbnails = view->addAction(tr("Thumbnails"));
+    showThumbnails->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_1));
+    showBookmarks = view->addAction(tr("Bookmarks"));
+    showBookmarks->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_2));
+    addBookmark = view->addAction(tr("Add Bookmark"));
+    addBookmark->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_D));
 
     for (auto signal : {&DocumentModel::historyVersionChanged, &DocumentModel::isDirtyChanged, &DocumentModel::fileURLChanged,
                         &DocumentModel::pdfDocumentChanged, &DocumentModel::selectedAnnotationChanged,

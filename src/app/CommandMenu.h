@@ -1,7 +1,7 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
 // Selection, Find…, Find Next, Find Previous), File (New Window, Open...,
 // Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out,
-// Go to Page…). Enabling follows the model; the view
+// Go to Page…, Thumbnails, Bookmarks, Add Bookmark). Enabling follows the model; the view
 // commands act on the page view of the window the menu belongs to.
 #pragma once
 
@@ -36,8 +36,11 @@ public:
     QAction *actualSize = nullptr;
     QAction *zoomIn = nullptr;
     QAction *zoomOut = nullptr;
-    // The window connects it to its page field.
+    // The window connects these to its page field and its sidebar.
     QAction *goToPage = nullptr;
+    QAction *showThumbnails = nullptr;
+    QAction *showBookmarks = nullptr;
+    QAction *addBookmark = nullptr;
     QMenu *openRecent = nullptr;
 
     // Re-evaluates every command's enabling from the model.

@@ -1,6 +1,7 @@
 #include "ContentView.h"
 
 #include "AnnotationToolbarItems.h"
+#include "BookmarksView.h"
 #include "CommandMenu.h"
 #include "DocumentModel.h"
 #include "DrawingOverlayView.h"
@@ -34,6 +35,7 @@
 #include <QShortcut>
 #include <QSplitter>
 #include <QStackedWidget>
+#include <QTabBar>
 #include <QTabWidget>
 #include <QTimer>
 #include <QToolBar>
@@ -70,7 +72,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     sidebarTabs_->setDocumentMode(true);
     sidebarTabs_->setTabBarAutoHide(true);
     sidebarTabs_->setAccessibleName(tr("Sidebar"));
-    sidebarTabs_->addTab(thumbnailSidebar_, tr("Thumbnails"));
+    addPanel(thumbnailSidebar_, "view-preview", tr("Thumbnails"));
     sidebarLayout->addWidget(sidebarTabs_);
 
     documentPane_ = new QWidget;
@@ -100,6 +102,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
 
     commands_ = new CommandMenu(model_, this, std::move(newWindow), bridge_->pdfView());
     buildFind();
+    buildSidebarSwitcher();
     pageZoom_ = new PageZoomFields(bridge_->pdfView());
     pageZoomPlace_->layout()->addWidget(pageZoom_);
     connect(commands_->goToPage, &QAction::triggered, pageZoom_, &PageZoomFields::focusPage);
@@ -328,6 +331,32 @@ void ContentView::placeBanner()
     banner_->raise();
 }
 
+// A panel of the sidebar: a tab that shows its icon, with its name for
+// tooltips and screen readers (the sidebar is too narrow for words).
+void ContentView::addPanel(QWidget *panel, const QString &icon, const QString &name)
+{
+    const int index = sidebarTabs_->addTab(panel, Icons::get(icon), QString());
+    sidebarTabs_->setTabToolTip(index, name);
+    sidebarTabs_->tabBar()->setAccessibleTabName(index, name);
+}
+
+// The sidebar's panels, one tab each (View > Thumbnails, Bookmarks; Ctrl+1, Ctrl+2).
+void ContentView::buildSidebarSwitcher()
+{
+    bookmarks_ = new BookmarksView(model_, bridge_->pdfView());
+    addPanel(bookmarks_, "bookmarks", tr("Bookmarks"));
+    sidebarTabs_->setTabBarAutoHide(false);
+    connect(commands_->showThumbnails, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentIndex(0); });
+    connect(commands_->showBookmarks, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentWidget(bookmarks_); });
+    connect(commands_->addBookmark, &QAction::triggered, this, [this] {
+        sidebarTabs_->setCurrentWidget(bookmarks_);
+        bookmarks_->addBookmarkAction()->trigger();
+    });
+    auto follow = [this] { commands_->addBookmark->setEnabled(bookmarks_->addBookmarkAction()->isEnabled()); };
+    connect(bookmarks_->addBookmarkAction(), &QAction::changed, this, follow);
+    follow();
+}
+
 // Edit > Find… opens the bar above the pages; while it is open, its results
 // are a tab of the sidebar beside the thumbnails.
 void ContentView::buildFind()
@@ -347,7 +376,7 @@ void ContentView::buildFind()
     });
     connect(findBar_, &FindBar::openChanged, this, [this](bool open) {
         if (open && sidebarTabs_->indexOf(resultsView_) < 0) {
-            sidebarTabs_->addTab(resultsView_, tr("Results"));
+            addPanel(resultsView_, "edit-find", tr("Results"));
             sidebarTabs_->setCurrentWidget(resultsView_);
         } else if (!open) {
             sidebarTabs_->removeTab(sidebarTabs_->indexOf(resultsView_));

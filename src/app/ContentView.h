@@ -12,6 +12,7 @@
 #include <functional>
 
 class AnnotationToolbarItems;
+class BookmarksView;
 class CommandMenu;
 class DocumentModel;
 class FindBar;
@@ -73,6 +74,7 @@ public:
     PageZoomFields *pageZoomFields() const { return pageZoom_; }
     SearchResultsView *resultsView() const { return resultsView_; }
     QTabWidget *sidebarTabs() const { return sidebarTabs_; }
+    BookmarksView *bookmarksView() const { return bookmarks_; }
     PagesMenu *pagesMenu() const { return pagesMenuButton_; }
 
     // For tests and accessibility: the pieces as they stand.
@@ -120,6 +122,8 @@ private:
                       void (ContentView::*setFlag)(bool));
     void placeBanner();
     void buildFind();
+    void buildSidebarSwitcher();
+    void addPanel(QWidget *panel, const QString &icon, const QString &name);
     // True when no other window shows the model: closing this one ends the document.
     bool isLastWindow() const;
 
@@ -152,6 +156,7 @@ private:
     QWidget *pageZoomPlace_ = nullptr;
     PageZoomFields *pageZoom_ = nullptr;
     SearchResultsView *resultsView_ = nullptr;
+    BookmarksView *bookmarks_ = nullptr;
     PagesMenu *pagesMenuButton_ = nullptr;
     QPointer<QDialog> mergeSheet_;
     QPointer<QDialog> splitSheet_;

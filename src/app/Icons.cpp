@@ -54,6 +54,14 @@ void draw(QPainter &p, const QString &name)
         squiggle.cubicTo(15, 8, 17, 18, 21, 12);
         p.drawPath(squiggle);
         p.drawLine(QPointF(3, 20), QPointF(21, 20));
+    } else if (name == "edit-find") {
+        p.drawEllipse(QRectF(4, 4, 11, 11));
+        p.drawLine(QPointF(13.5, 13.5), QPointF(20, 20));
+    } else if (name == "bookmarks") {
+        p.drawPolygon(QPolygonF({{7, 3}, {17, 3}, {17, 21}, {12, 16}, {7, 21}}));
+    } else if (name == "view-preview") {
+        for (const QRectF &r : {QRectF(4, 3, 7, 8), QRectF(13, 3, 7, 8), QRectF(4, 13, 7, 8), QRectF(13, 13, 7, 8)})
+            p.drawRect(r);
     } else if (name == "view-pages" || name == "document-properties" || name == "edit-copy") {
         p.drawRect(QRectF(4, 3, 11, 14));
         p.drawPolyline(QPolygonF({{18, 7}, {18, 21}, {8, 21}}));

@@ -3,7 +3,8 @@
 // each (a byte choosing the step, one choosing the page, then the step's own
 // bytes, zeros when it needs more; fixed steps keep the later ones in place
 // when a mutation changes one): rotate, delete, move, copy pages,
-// put back a deleted one; add, change, move and delete annotations; save,
+// put back a deleted one; add, change, move and delete annotations; retype a
+// line of a page and undo and redo it; save,
 // also with a password, and continue with the file reopened.
 #include "FuzzSupport.h"
 #include "PdfAnnotation.h"
@@ -163,6 +164,16 @@ void edit(std::shared_ptr<PdfDocument> doc, const QByteArray &steps)
                 page->render(0.05);
                 page->text();
                 page->annotation(QPointF(script.coordinate(), script.coordinate()));
+                // A line of the page retyped in its content, undone and done again.
+                const auto lines = page->selectionForAll().selectionsByLine();
+                if (lines.empty())
+                    break;
+                const auto &line = lines[size_t(script.below(int(lines.size())))];
+                const PdfRetype retyped = page->retype(line.bounds(page), QStringLiteral("Neu %1").arg(script.byte()));
+                if (retyped.edit && script.flag()) {
+                    retyped.edit->undo();
+                    retyped.edit->redo();
+                }
             }
             break;
         default: {

@@ -99,15 +99,15 @@ private slots:
 void TestNavigation::readsTreeAndDestinations()
 {
     for (const bool legacy : {false, true}) {
-        StructuredSpec spec;
-        spec.pages = fixtures::numberedPages(4, 1);
-        spec.namedDestinations = {{"chap2", 2}};
-        spec.legacyDests = legacy;
-        spec.outline = {{"Intro", 0},
+        StructuredSpec structure;
+        structure.pages = fixtures::numberedPages(4, 1);
+        structure.namedDestinations = {{"chap2", 2}};
+        structure.legacyDests = legacy;
+        structure.outline = {{"Intro", 0},
                         {"Part", 1, {}, {{"Named", -1, "chap2"}, {"Action", 3, {}, {}, true}}},
                         {"Nowhere", -1},
                         {"Broken", -1, "nosuch"}};
-        QByteArray bytes = fixtures::buildStructuredPdf(spec);
+        QByteArray bytes = fixtures::buildStructuredPdf(structure);
         patch(bytes, "/Title (Intro)", "/XYZ 0 792.00 0]", "/FitH 500      ]");
         const auto doc = openBytes("tree.pdf", bytes);
         QVERIFY(doc);
@@ -134,10 +134,10 @@ void TestNavigation::readsTreeAndDestinations()
         QCOMPARE(describe(outline), "Intro->0, Part->1 [Named->2, Action->3], Nowhere->-1, Broken->-1");
     }
 
-    StructuredSpec spec;
-    spec.pages = fixtures::numberedPages(3, 1);
-    spec.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
-    QByteArray bytes = fixtures::buildStructuredPdf(spec);
+    StructuredSpec structure;
+    structure.pages = fixtures::numberedPages(3, 1);
+    structure.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
+    QByteArray bytes = fixtures::buildStructuredPdf(structure);
     patch(bytes, "/Title (B)", "/Prev", "/Next");     // B → A → B …
     patch(bytes, "/Title (C)", "/Parent", "/First "); // C's entries start at B
     const auto doc = openBytes("loops.pdf", bytes);
@@ -159,10 +159,10 @@ void TestNavigation::readsTreeAndDestinations()
 // an empty /Outlines takes a new entry; the saved file shows the edits to qpdf.
 void TestNavigation::editsUndoRedoAndSave()
 {
-    StructuredSpec spec;
-    spec.pages = fixtures::numberedPages(4, 1);
-    spec.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
-    QVERIFY(fixtures::writeStructuredPdf(path("edits.pdf"), spec));
+    StructuredSpec structure;
+    structure.pages = fixtures::numberedPages(4, 1);
+    structure.outline = {{"A", 0}, {"B", 1, {}, {{"C", 2}}}};
+    QVERIFY(fixtures::writeStructuredPdf(path("edits.pdf"), structure));
     const auto doc = PdfDocument::open(path("edits.pdf"));
     DocumentModel model;
     model.setDocument(doc, path("edits.pdf"));
@@ -228,10 +228,10 @@ void TestNavigation::editsUndoRedoAndSave()
 
 void TestNavigation::panelGoesMarksAddsAndEdits()
 {
-    StructuredSpec spec;
-    spec.pages = fixtures::numberedPages(6, 3);
-    spec.outline = {{"One", 0}, {"Two", 2, {}, {{"Two A", 3}}}, {"Three", 5}};
-    QVERIFY(fixtures::writeStructuredPdf(path("panel.pdf"), spec));
+    StructuredSpec structure;
+    structure.pages = fixtures::numberedPages(6, 3);
+    structure.outline = {{"One", 0}, {"Two", 2, {}, {{"Two A", 3}}}, {"Three", 5}};
+    QVERIFY(fixtures::writeStructuredPdf(path("panel.pdf"), structure));
     DocumentModel model;
     model.setDocument(PdfDocument::open(path("panel.pdf")), path("panel.pdf"));
     QWidget window;

@@ -38,12 +38,16 @@ PageZoomFields::PageZoomFields(PdfView *view, QWidget *parent) : QWidget(parent)
     zoom_ = new QComboBox;
     zoom_->setEditable(true);
     zoom_->setInsertPolicy(QComboBox::NoInsert);
+    // An editable box is read out by its text: the field inside it and the
+    // description carry the name.
     zoom_->setAccessibleName(tr("Zoom"));
+    zoom_->setAccessibleDescription(tr("Zoom"));
     zoom_->setToolTip(tr("Zoom: choose a size or type a percentage"));
     zoom_->addItems({tr("Fit Width"), tr("Fit Page"), tr("Actual Size")});
     for (int step : zoomSteps)
         zoom_->addItem(tr("%1 %").arg(step));
     zoom_->setMinimumContentsLength(5);
+    zoom_->lineEdit()->setAccessibleName(tr("Zoom"));
     zoom_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
 
     auto *row = new QHBoxLayout(this);

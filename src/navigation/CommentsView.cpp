@@ -10,6 +10,8 @@
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QListView>
+#include <QLocale>
+#include <QStyledItemDelegate>
 #include <QVBoxLayout>
 
 #include <functional>
@@ -46,6 +48,25 @@ void refill(QComboBox *box, const QString &all, const QStringList &values, const
     box->setCurrentIndex(std::max(0, box->findData(chosen)));
 }
 
+// Two lines a row: the comment's first line, then its kind, page, author and date.
+class CommentDelegate : public QStyledItemDelegate {
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+protected:
+    void initStyleOption(QStyleOptionViewItem *option, const QModelIndex &index) const override
+    {
+        QStyledItemDelegate::initStyleOption(option, index);
+        QStringList details{kindName(index.data(CommentsModel::KindRole).toString()),
+                            CommentsView::tr("Page %1").arg(index.data(CommentsModel::PageIndexRole).toInt() + 1)};
+        if (const QString author = index.data(CommentsModel::AuthorRole).toString(); !author.isEmpty())
+            details << author;
+        if (const QDateTime date = index.data(CommentsModel::DateRole).toDateTime(); date.isValid())
+            details << QLocale().toString(date.toLocalTime(), QLocale::ShortFormat);
+        option->text += QChar::LineSeparator + details.join(QStringLiteral(" \u00b7 "));
+    }
+};
+
 } // namespace
 
 CommentsView::CommentsView(DocumentModel *model, PdfView *view, QWidget *parent)
@@ -60,9 +81,11 @@ CommentsView::CommentsView(DocumentModel *model, PdfView *view, QWidget *parent)
     authorBox_->setToolTip(tr("Show the comments of one author"));
     list_->setAccessibleName(tr("Comments List"));
     list_->setModel(filter_);
+    list_->setItemDelegate(new CommentDelegate(list_));
     list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
     list_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     list_->setUniformItemSizes(true);
+    list_->setSpacing(2);
     list_->setTextElideMode(Qt::ElideRight);
     list_->installEventFilter(this);
 

@@ -5,8 +5,10 @@
 #include "Native.h"
 #include "PdfPage.h"
 
+#include <QTimeZone>
 #include <QUuid>
 
+#include <cctype>
 #include <cmath>
 
 const QString PdfAnnotation::Square = QStringLiteral("Square");
@@ -98,7 +100,66 @@ DefaultAppearance parseDefaultAppearance(const QByteArray &da)
     return out;
 }
 
+// A date as a PDF date string, in local time with its offset from UTC.
+QByteArray pdfDate(const QDateTime &when)
+{
+    const QDateTime local = when.toLocalTime();
+    const int offset = local.offsetFromUtc() / 60;
+    const QByteArray zone = offset == 0 ? QByteArray("Z")
+                                        : QByteArray(offset < 0 ? "-" : "+") +
+                                              QByteArray::number(std::abs(offset) / 60).rightJustified(2, '0') + '\'' +
+                                              QByteArray::number(std::abs(offset) % 60).rightJustified(2, '0') + '\'';
+    return "D:" + local.toString(QStringLiteral("yyyyMMddHHmmss")).toLatin1() + zone;
+}
+
 } // namespace
+
+QDateTime PdfAnnotation::dateFromString(const QByteArray &text)
+{
+    QByteArray s = text.trimmed();
+    if (s.startsWith("D:"))
+        s = s.mid(2);
+    qsizetype at = 0;
+    // The next `width` digits as a number, or `otherwise` when the string ends there.
+    auto field = [&](int width, int otherwise) -> std::optional<int> {
+        if (at >= s.size() || !std::isdigit(static_cast<unsigned char>(s[at])))
+            return otherwise;
+        if (at + width > s.size())
+            return std::nullopt;
+        int value = 0;
+        for (int i = 0; i < width; ++i, ++at) {
+            if (!std::isdigit(static_cast<unsigned char>(s[at])))
+                return std::nullopt;
+            value = value * 10 + (s[at] - '0');
+        }
+        return value;
+    };
+    if (s.size() < 4)
+        return {};
+    const auto year = field(4, -1), month = field(2, 1), day = field(2, 1), hour = field(2, 0), minute = field(2, 0),
+               second = field(2, 0);
+    if (!year || *year < 0 || !month || !day || !hour || !minute || !second)
+        return {};
+    const QDate date(*year, *month, *day);
+    const QTime time(*hour, *minute, std::min(*second, 59));
+    if (!date.isValid() || !time.isValid())
+        return {};
+    if (at >= s.size())
+        return QDateTime(date, time); // no zone given: local time
+    const char sign = s[at++];
+    if (sign == 'Z')
+        return QDateTime(date, time, QTimeZone::utc());
+    if (sign != '+' && sign != '-')
+        return QDateTime(date, time);
+    const auto hours = field(2, 0);
+    if (at < s.size() && s[at] == '\'')
+        ++at;
+    const auto minutes = field(2, 0);
+    if (!hours || !minutes || *hours > 23 || *minutes > 59)
+        return QDateTime(date, time);
+    const int offset = (*hours * 60 + *minutes) * 60 * (sign == '-' ? -1 : 1);
+    return QDateTime(date, time, QTimeZone(offset));
+}
 
 PdfAnnotation::PdfAnnotation(const QRectF &bounds, const QString &type)
     : type_(type), bounds_(bounds.normalized()), native_(std::make_unique<Native>())
@@ -142,12 +203,18 @@ void PdfAnnotation::readFromFile()
     const char *subtype = "";
     const char *contents = "";
     const char *da = "";
+    const char *author = "";
+    const char *modified = "";
     fz_rect rect{};
     mu::tryGuard([&](fz_context *c) {
         pdf_obj *d = native_->obj;
         subtype = pdf_to_name(c, pdf_dict_get(c, d, PDF_NAME(Subtype)));
         contents = pdf_dict_get_text_string(c, d, PDF_NAME(Contents));
         da = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(DA)));
+        author = pdf_dict_get_text_string(c, d, PDF_NAME(T));
+        modified = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(M)));
+        if (!*modified)
+            modified = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(CreationDate)));
         rect = pdf_to_rect(c, pdf_dict_get(c, d, PDF_NAME(Rect)));
         const bool freeText = !strcmp(subtype, "FreeText");
         pdf_obj *ca = pdf_dict_get(c, d, PDF_NAME(CA));
@@ -183,6 +250,8 @@ void PdfAnnotation::readFromFile()
     });
     type_ = QString::fromLatin1(subtype);
     contents_ = QString::fromUtf8(contents);
+    author_ = QString::fromUtf8(author);
+    modified_ = dateFromString(QByteArray(modified));
     bounds_ = QRectF(QPointF(std::min(rect.x0, rect.x1), std::min(rect.y0, rect.y1)),
                      QPointF(std::max(rect.x0, rect.x1), std::max(rect.y0, rect.y1)));
     if (*da) {
@@ -231,6 +300,9 @@ void PdfAnnotation::writeDictionary()
              " rg";
     }
     const bool freeText = type_ == FreeText;
+    modified_ = QDateTime::currentDateTime();
+    const QByteArray author = author_.toUtf8();
+    const QByteArray modified = pdfDate(modified_);
     mu::guard([&](fz_context *c) {
         pdf_obj *d = native_->obj;
         pdf_dict_put(c, d, PDF_NAME(Type), PDF_NAME(Annot));
@@ -240,6 +312,11 @@ void PdfAnnotation::writeDictionary()
         if (!pdf_dict_gets(c, d, "NM"))
             mu::putsDrop(c, d, "NM", pdf_new_text_string(c, id.constData()));
         pdf_dict_put_int(c, d, PDF_NAME(F), 4); // printable
+        if (author.isEmpty())
+            pdf_dict_del(c, d, PDF_NAME(T));
+        else
+            pdf_dict_put_text_string(c, d, PDF_NAME(T), author.constData());
+        pdf_dict_put_string(c, d, PDF_NAME(M), modified.constData(), size_t(modified.size()));
         if (freeText) {
             // A transparent background is written as no background.
             putColor(c, d, PDF_NAME(C), color_.isValid() && color_.alpha() > 0 ? color_ : QColor());
@@ -421,10 +498,34 @@ void PdfAnnotation::setContents(const QString &text)
     contents_ = text;
     if (native_->obj && !ownLook_ && type_ != FreeText) {
         const QByteArray utf8 = text.toUtf8();
-        mu::tryGuard([&](fz_context *c) { pdf_dict_put_text_string(c, native_->obj, PDF_NAME(Contents), utf8.constData()); });
+        modified_ = QDateTime::currentDateTime();
+        const QByteArray date = pdfDate(modified_);
+        mu::tryGuard([&](fz_context *c) {
+            pdf_dict_put_text_string(c, native_->obj, PDF_NAME(Contents), utf8.constData());
+            pdf_dict_put_string(c, native_->obj, PDF_NAME(M), date.constData(), size_t(date.size()));
+        });
+        announce({});
         return;
     }
     changed(type_ == FreeText);
+}
+
+void PdfAnnotation::setAuthor(const QString &author)
+{
+    author_ = author;
+    if (native_->obj && !ownLook_) {
+        // Another program's annotation keeps its look: only the entries change.
+        const QByteArray utf8 = author.toUtf8();
+        modified_ = QDateTime::currentDateTime();
+        const QByteArray date = pdfDate(modified_);
+        mu::tryGuard([&](fz_context *c) {
+            pdf_dict_put_text_string(c, native_->obj, PDF_NAME(T), utf8.constData());
+            pdf_dict_put_string(c, native_->obj, PDF_NAME(M), date.constData(), size_t(date.size()));
+        });
+        announce({});
+        return;
+    }
+    changed(false);
 }
 
 void PdfAnnotation::setFont(const std::optional<PdfFont> &font)

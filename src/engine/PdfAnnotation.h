@@ -6,6 +6,7 @@
 
 #include "PdfTypes.h"
 
+#include <QDateTime>
 #include <QImage>
 #include <QPointF>
 #include <QPolygonF>
@@ -47,6 +48,15 @@ public:
 
     QString contents() const { return contents_; }
     void setContents(const QString &text);
+    // Who wrote it (/T); empty when the file does not say.
+    QString author() const { return author_; }
+    void setAuthor(const QString &author);
+    // When it was last changed (/M, else /CreationDate); invalid when the
+    // file does not say. Each change of it written by us sets it to now.
+    QDateTime modified() const { return modified_; }
+    // A PDF date ("D:YYYYMMDDHHmmSS+HH'mm'", its tail from the month on
+    // optional) as a date and time; invalid when it is not one.
+    static QDateTime dateFromString(const QByteArray &text);
     // Font and text colour of free text.
     std::optional<PdfFont> font() const { return font_; }
     void setFont(const std::optional<PdfFont> &font);
@@ -102,6 +112,8 @@ private:
     QColor interiorColor_;
     std::optional<qreal> borderWidth_;
     QString contents_;
+    QString author_;
+    QDateTime modified_;
     std::optional<PdfFont> font_;
     QColor fontColor_;
     int rotation_ = 0;

@@ -3,9 +3,12 @@
 // step at a time and written so that another reader sees the edits, and the
 // panel as a user works it.
 #include "BookmarksView.h"
+#include "CommentsModel.h"
+#include "CommentsView.h"
 #include "DocumentModel.h"
 #include "FixtureBuilder.h"
 #include "OutlineModel.h"
+#include "PdfAnnotation.h"
 #include "PdfChangeChannel.h"
 #include "PdfDocument.h"
 #include "PdfInspect.h"
@@ -13,10 +16,13 @@
 #include "PdfView.h"
 
 #include <QAction>
+#include <QComboBox>
 #include <QHBoxLayout>
 #include <QLineEdit>
+#include <QListView>
 #include <QMimeData>
 #include <QTemporaryDir>
+#include <QTimeZone>
 #include <QtTest>
 
 using fixtures::OutlineSpec;
@@ -91,6 +97,7 @@ private slots:
     void readsTreeAndDestinations();
     void editsUndoRedoAndSave();
     void panelGoesMarksAddsAndEdits();
+    void commentsListFilterFollowAndDelete();
 };
 
 // Nested entries with explicit and named destinations (name tree and the
@@ -104,9 +111,9 @@ void TestNavigation::readsTreeAndDestinations()
         structure.namedDestinations = {{"chap2", 2}};
         structure.legacyDests = legacy;
         structure.outline = {{"Intro", 0},
-                        {"Part", 1, {}, {{"Named", -1, "chap2"}, {"Action", 3, {}, {}, true}}},
-                        {"Nowhere", -1},
-                        {"Broken", -1, "nosuch"}};
+                             {"Part", 1, {}, {{"Named", -1, "chap2"}, {"Action", 3, {}, {}, true}}},
+                             {"Nowhere", -1},
+                             {"Broken", -1, "nosuch"}};
         QByteArray bytes = fixtures::buildStructuredPdf(structure);
         patch(bytes, "/Title (Intro)", "/XYZ 0 792.00 0]", "/FitH 500      ]");
         const auto doc = openBytes("tree.pdf", bytes);
@@ -298,6 +305,103 @@ void TestNavigation::panelGoesMarksAddsAndEdits()
     QCoreApplication::processEvents();
     QVERIFY(!panel->addBookmarkAction()->isEnabled() && !panel->deleteBookmarkAction()->isEnabled());
     QVERIFY(!(outline.flags(find(outline, "One")) & Qt::ItemIsEditable));
+}
+
+// The Comments panel: every annotation but links in page order, down each
+// page, with author and date as the file has them; a highlight without
+// contents shows the text it marks, a huge note its first line cut. It
+// follows changes page by page, filters, selects and deletes undoably.
+void TestNavigation::commentsListFilterFollowAndDelete()
+{
+    std::vector<fixtures::PageSpec> pages = fixtures::numberedPages(2, 2);
+    const QByteArray huge = "Huge " + QByteArray(100000, 'w') + "\\nSecond line";
+    pages[0].annotations = {
+        {"<< /Type /Annot /Subtype /Square /Contents (A square) /T (Ann) /M (D:20240102030405+02'00')", {200, 300, 100, 60}, {}},
+        {"<< /Type /Annot /Subtype /Highlight /T (Bob) /QuadPoints [60 678 560 678 60 660 560 660]", {60, 660, 500, 18}, {}},
+        {"<< /Type /Annot /Subtype /Text /T (Ann) /CreationDate (D:2023050607Z) /Contents (" + huge + ")",
+         {100, 730, 20, 20},
+         {}},
+        {"<< /Type /Annot /Subtype /Link /Border [0 0 0]", {72, 100, 50, 20}, {}}};
+    pages[1].annotations = {
+        {"<< /Type /Annot /Subtype /FreeText /T (Bob) /Contents (Free words\\nmore)", {72, 400, 200, 40}, {}}};
+    QVERIFY(fixtures::writePdf(path("comments.pdf"), pages));
+    DocumentModel model;
+    model.setDocument(PdfDocument::open(path("comments.pdf")), path("comments.pdf"));
+    QWidget window;
+    auto *pdfView = new PdfView;
+    auto *panel = new CommentsView(&model, pdfView);
+    auto *layout = new QHBoxLayout(&window);
+    layout->addWidget(panel);
+    layout->addWidget(pdfView, 1);
+    pdfView->setDocument(model.pdfDocument());
+    window.resize(900, 600);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    const CommentsModel &comments = *panel->commentsModel();
+    const QAbstractItemModel &shown = *panel->list()->model();
+    auto describe = [](const QAbstractItemModel &list) {
+        QStringList rows;
+        for (int row = 0; row < list.rowCount(); ++row) {
+            const QModelIndex index = list.index(row, 0);
+            rows << QString("%1@%2 %3: %4")
+                        .arg(index.data(CommentsModel::KindRole).toString())
+                        .arg(index.data(CommentsModel::PageIndexRole).toInt())
+                        .arg(index.data(CommentsModel::AuthorRole).toString(), index.data().toString().left(12));
+        }
+        return rows.join(" | ");
+    };
+    QCOMPARE(describe(comments), "Text@0 Ann: Huge wwwwwww | Highlight@0 Bob: The quick br | Square@0 Ann: A square | "
+                                 "FreeText@1 Bob: Free words");
+    QCOMPARE(panel->accessibleName(), "Comments");
+    QCOMPARE(panel->kindBox()->accessibleName(), "Kind");
+    QCOMPARE(panel->authorBox()->accessibleName(), "Author");
+    QCOMPARE(comments.index(1).data().toString(), "The quick brown fox jumps over the lazy dog, line 2 of page 1.");
+    const QString cut = comments.index(0).data().toString();
+    QVERIFY(cut.size() <= CommentsModel::longestLine + 1 && cut.endsWith(QChar(0x2026)));
+    QCOMPARE(comments.index(0).data(CommentsModel::DateRole).toDateTime(), QDateTime({2023, 5, 6}, {7, 0}, QTimeZone::utc()));
+    QCOMPARE(comments.index(2).data(CommentsModel::DateRole).toDateTime(),
+             QDateTime({2024, 1, 2}, {3, 4, 5}, QTimeZone(7200)));
+
+    // The boxes filter by kind and by author.
+    panel->authorBox()->setCurrentIndex(panel->authorBox()->findData("Bob"));
+    QCOMPARE(describe(shown), "Highlight@0 Bob: The quick br | FreeText@1 Bob: Free words");
+    panel->kindBox()->setCurrentIndex(panel->kindBox()->findData("FreeText"));
+    QCOMPARE(describe(shown), "FreeText@1 Bob: Free words");
+    panel->kindBox()->setCurrentIndex(0);
+    panel->authorBox()->setCurrentIndex(0);
+
+    // A change on one page reads that page only; ours carry author and date.
+    QSignalSpy resets(&comments, &QAbstractItemModel::modelReset);
+    const auto square = comments.annotation(comments.index(2));
+    model.setAnnotationContents(square, "Changed\nmore", "A square");
+    auto mine = PdfAnnotation::create({300, 500, 50, 50}, PdfAnnotation::Circle);
+    mine->setAuthor("Cy");
+    model.addAnnotation(mine, model.pdfDocument()->page(1), true);
+    QTRY_COMPARE(describe(comments), "Text@0 Ann: Huge wwwwwww | Highlight@0 Bob: The quick br | Square@0 Ann: Changed | "
+                                     "Circle@1 Cy: (Circle) | FreeText@1 Bob: Free words");
+    QCOMPARE(resets.count(), 0);
+    QVERIFY(mine->modified().isValid() && panel->authorBox()->findData("Cy") > 0);
+    QVERIFY(model.pdfDocument()->write(path("comments-saved.pdf")));
+    DocumentModel reopened;
+    reopened.setDocument(PdfDocument::open(path("comments-saved.pdf")), path("comments-saved.pdf"));
+    const CommentsModel again(&reopened);
+    QCOMPARE(describe(again), describe(comments));
+    QCOMPARE(again.index(3).data(CommentsModel::DateRole).toDateTime().toSecsSinceEpoch(), mine->modified().toSecsSinceEpoch());
+
+    // A click selects the annotation; the list follows the selection; Delete removes, undo brings back.
+    const QModelIndex highlight = shown.index(1, 0);
+    QTest::mouseClick(panel->list()->viewport(), Qt::LeftButton, {}, panel->list()->visualRect(highlight).center());
+    QCOMPARE(model.selectedAnnotation(), comments.annotation(comments.index(1)));
+    model.setSelectedAnnotation(mine);
+    QCOMPARE(panel->list()->currentIndex().row(), 3);
+    QTest::keyClick(panel->list(), Qt::Key_Delete);
+    QTRY_COMPARE(comments.rowCount(), 4);
+    QVERIFY(!comments.indexOf(mine).isValid());
+    model.undo();
+    QTRY_COMPARE(comments.indexOf(mine).row(), 3);
+    // Pages removed: the rest is read again, with new page numbers.
+    model.deletePages({0});
+    QTRY_COMPARE(describe(comments), "Circle@0 Cy: (Circle) | FreeText@0 Bob: Free words");
 }
 
 QTEST_MAIN(TestNavigation)

@@ -57,6 +57,8 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     showThumbnails->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_1));
     showBookmarks = view->addAction(tr("Bookmarks"));
     showBookmarks->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_2));
+    showComments = view->addAction(tr("Comments"));
+    showComments->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_3));
     addBookmark = view->addAction(tr("Add Bookmark"));
     addBookmark->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_D));
 

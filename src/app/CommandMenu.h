@@ -1,7 +1,7 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
 // Selection, Find…, Find Next, Find Previous), File (New Window, Open...,
 // Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out,
-// Go to Page…, Thumbnails, Bookmarks, Add Bookmark). Enabling follows the model; the view
+// Go to Page…, Thumbnails, Bookmarks, Comments, Add Bookmark). Enabling follows the model; the view
 // commands act on the page view of the window the menu belongs to.
 #pragma once
 
@@ -40,6 +40,7 @@ public:
     QAction *goToPage = nullptr;
     QAction *showThumbnails = nullptr;
     QAction *showBookmarks = nullptr;
+    QAction *showComments = nullptr;
     QAction *addBookmark = nullptr;
     QMenu *openRecent = nullptr;
 

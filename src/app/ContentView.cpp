@@ -3,6 +3,7 @@
 #include "AnnotationToolbarItems.h"
 #include "BookmarksView.h"
 #include "CommandMenu.h"
+#include "CommentsView.h"
 #include "DocumentModel.h"
 #include "DrawingOverlayView.h"
 #include "ExtractPagesSheet.h"
@@ -340,14 +341,17 @@ void ContentView::addPanel(QWidget *panel, const QString &icon, const QString &n
     sidebarTabs_->tabBar()->setAccessibleTabName(index, name);
 }
 
-// The sidebar's panels, one tab each (View > Thumbnails, Bookmarks; Ctrl+1, Ctrl+2).
+// The sidebar's panels, one tab each (View > Thumbnails, Bookmarks, Comments; Ctrl+1..3).
 void ContentView::buildSidebarSwitcher()
 {
     bookmarks_ = new BookmarksView(model_, bridge_->pdfView());
     addPanel(bookmarks_, "bookmarks", tr("Bookmarks"));
+    comments_ = new CommentsView(model_, bridge_->pdfView());
+    addPanel(comments_, "comments", tr("Comments"));
     sidebarTabs_->setTabBarAutoHide(false);
     connect(commands_->showThumbnails, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentIndex(0); });
     connect(commands_->showBookmarks, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentWidget(bookmarks_); });
+    connect(commands_->showComments, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentWidget(comments_); });
     connect(commands_->addBookmark, &QAction::triggered, this, [this] {
         sidebarTabs_->setCurrentWidget(bookmarks_);
         bookmarks_->addBookmarkAction()->trigger();

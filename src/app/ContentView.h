@@ -14,6 +14,7 @@
 class AnnotationToolbarItems;
 class BookmarksView;
 class CommandMenu;
+class CommentsView;
 class DocumentModel;
 class FindBar;
 class PageZoomFields;
@@ -75,6 +76,7 @@ public:
     SearchResultsView *resultsView() const { return resultsView_; }
     QTabWidget *sidebarTabs() const { return sidebarTabs_; }
     BookmarksView *bookmarksView() const { return bookmarks_; }
+    CommentsView *commentsView() const { return comments_; }
     PagesMenu *pagesMenu() const { return pagesMenuButton_; }
 
     // For tests and accessibility: the pieces as they stand.
@@ -157,6 +159,7 @@ private:
     PageZoomFields *pageZoom_ = nullptr;
     SearchResultsView *resultsView_ = nullptr;
     BookmarksView *bookmarks_ = nullptr;
+    CommentsView *comments_ = nullptr;
     PagesMenu *pagesMenuButton_ = nullptr;
     QPointer<QDialog> mergeSheet_;
     QPointer<QDialog> splitSheet_;

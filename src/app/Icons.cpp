@@ -57,6 +57,17 @@ void draw(QPainter &p, const QString &name)
     } else if (name == "edit-find") {
         p.drawEllipse(QRectF(4, 4, 11, 11));
         p.drawLine(QPointF(13.5, 13.5), QPointF(20, 20));
+    } else if (name == "comments") {
+        QPainterPath bubble;
+        bubble.moveTo(4, 5);
+        bubble.lineTo(20, 5);
+        bubble.lineTo(20, 16);
+        bubble.lineTo(11, 16);
+        bubble.lineTo(6, 20);
+        bubble.lineTo(7, 16);
+        bubble.lineTo(4, 16);
+        bubble.closeSubpath();
+        p.drawPath(bubble);
     } else if (name == "bookmarks") {
         p.drawPolygon(QPolygonF({{7, 3}, {17, 3}, {17, 21}, {12, 16}, {7, 21}}));
     } else if (name == "view-preview") {

@@ -7,7 +7,6 @@
 #include "PdfView.h"
 
 #include <QComboBox>
-#include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QListView>
 #include <QLocale>
@@ -89,13 +88,11 @@ CommentsView::CommentsView(DocumentModel *model, PdfView *view, QWidget *parent)
     list_->setTextElideMode(Qt::ElideRight);
     list_->installEventFilter(this);
 
-    auto *boxes = new QHBoxLayout;
-    boxes->setContentsMargins(0, 0, 0, 0);
-    boxes->addWidget(kindBox_, 1);
-    boxes->addWidget(authorBox_, 1);
+    // One filter above the other: the sidebar is narrow.
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    layout->addLayout(boxes);
+    layout->addWidget(kindBox_);
+    layout->addWidget(authorBox_);
     layout->addWidget(list_, 1);
 
     connect(kindBox_, &QComboBox::currentIndexChanged, this, [this] {

@@ -79,6 +79,20 @@ QLineEdit *editorOf(QAbstractItemView *view)
     return nullptr;
 }
 
+// A panel beside the page view showing the model's document, in `window`.
+template <class Panel> Panel *showPanel(QWidget &window, DocumentModel &model, PdfView *&pdfView)
+{
+    pdfView = new PdfView;
+    auto *panel = new Panel(&model, pdfView);
+    auto *layout = new QHBoxLayout(&window);
+    layout->addWidget(panel);
+    layout->addWidget(pdfView, 1);
+    pdfView->setDocument(model.pdfDocument());
+    window.resize(900, 600);
+    window.show();
+    return panel;
+}
+
 } // namespace
 
 class TestNavigation : public QObject {
@@ -242,14 +256,8 @@ void TestNavigation::panelGoesMarksAddsAndEdits()
     DocumentModel model;
     model.setDocument(PdfDocument::open(path("panel.pdf")), path("panel.pdf"));
     QWidget window;
-    auto *pdfView = new PdfView;
-    auto *panel = new BookmarksView(&model, pdfView);
-    auto *layout = new QHBoxLayout(&window);
-    layout->addWidget(panel);
-    layout->addWidget(pdfView, 1);
-    pdfView->setDocument(model.pdfDocument());
-    window.resize(900, 600);
-    window.show();
+    PdfView *pdfView = nullptr;
+    auto *panel = showPanel<BookmarksView>(window, model, pdfView);
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     OutlineModel &outline = *panel->outlineModel();
     QCOMPARE(panel->accessibleName(), "Bookmarks");
@@ -328,14 +336,8 @@ void TestNavigation::commentsListFilterFollowAndDelete()
     DocumentModel model;
     model.setDocument(PdfDocument::open(path("comments.pdf")), path("comments.pdf"));
     QWidget window;
-    auto *pdfView = new PdfView;
-    auto *panel = new CommentsView(&model, pdfView);
-    auto *layout = new QHBoxLayout(&window);
-    layout->addWidget(panel);
-    layout->addWidget(pdfView, 1);
-    pdfView->setDocument(model.pdfDocument());
-    window.resize(900, 600);
-    window.show();
+    PdfView *pdfView = nullptr;
+    auto *panel = showPanel<CommentsView>(window, model, pdfView);
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     const CommentsModel &comments = *panel->commentsModel();
     const QAbstractItemModel &shown = *panel->list()->model();
@@ -359,8 +361,7 @@ void TestNavigation::commentsListFilterFollowAndDelete()
     const QString cut = comments.index(0).data().toString();
     QVERIFY(cut.size() <= CommentsModel::longestLine + 1 && cut.endsWith(QChar(0x2026)));
     QCOMPARE(comments.index(0).data(CommentsModel::DateRole).toDateTime(), QDateTime({2023, 5, 6}, {7, 0}, QTimeZone::utc()));
-    QCOMPARE(comments.index(2).data(CommentsModel::DateRole).toDateTime(),
-             QDateTime({2024, 1, 2}, {3, 4, 5}, QTimeZone(7200)));
+    QCOMPARE(comments.index(2).data(CommentsModel::DateRole).toDateTime(), QDateTime({2024, 1, 2}, {3, 4, 5}, QTimeZone(7200)));
 
     // The boxes filter by kind and by author.
     panel->authorBox()->setCurrentIndex(panel->authorBox()->findData("Bob"));

@@ -347,6 +347,8 @@ void ContentView::buildSidebarSwitcher()
     bookmarks_ = new BookmarksView(model_, bridge_->pdfView());
     addPanel(bookmarks_, "bookmarks", tr("Bookmarks"));
     comments_ = new CommentsView(model_, bridge_->pdfView());
+    comments_->setIconSource(&Icons::get);
+    connect(comments_, &CommentsView::replyRequested, bridge_->overlay(), &DrawingOverlayView::beginReply);
     addPanel(comments_, "comments", tr("Comments"));
     sidebarTabs_->setTabBarAutoHide(false);
     connect(commands_->showThumbnails, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentIndex(0); });

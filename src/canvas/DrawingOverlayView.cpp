@@ -106,7 +106,9 @@ void DrawingOverlayView::geometryChanged()
 {
     if (inlineEditor_)
         commitInlineEdit();
-    // A note's popup goes along with its icon.
+    // A note's popup goes along with its icon; scrolled out of sight, the text is kept.
+    if (notePopup_ && !noteIconRect().intersects(rect()))
+        commitNote();
     placeNotePopup();
     bridge_.reset();
     if (Drag *drag = activeDrag(); drag && drag->picture)

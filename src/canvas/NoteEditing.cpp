@@ -94,16 +94,12 @@ QRectF DrawingOverlayView::noteIconRect() const
 }
 
 // Beside the icon, on the right where there is room, else on the left; kept
-// inside the view. A note scrolled out of sight is kept as it is.
+// inside the view.
 void DrawingOverlayView::placeNotePopup()
 {
     if (!notePopup_)
         return;
     const QRectF icon = noteIconRect();
-    if (!icon.intersects(rect())) {
-        commitNote();
-        return;
-    }
     const QSize size = notePopup_->size();
     int x = int(icon.right()) + popupGap;
     if (x + size.width() > width())

@@ -65,7 +65,8 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
 
     sidebar_ = new QWidget;
     sidebar_->setMinimumWidth(140);
-    sidebar_->setMaximumWidth(240);
+    // Wide enough to read bookmarks and comments when the user drags it wider.
+    sidebar_->setMaximumWidth(420);
     auto *sidebarLayout = new QVBoxLayout(sidebar_);
     sidebarLayout->setContentsMargins(0, 0, 0, 0);
     thumbnailSidebar_ = new ThumbnailSidebarView(model_);

@@ -319,6 +319,19 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QCOMPARE(cancelled.outcome, CupsJobResult::Outcome::Cancelled);
     QVERIFY(cancelled.jobId > 0);
     QTRY_COMPARE_WITH_TIMEOUT(run("lpstat", {"-h", server_, "-o"}).trimmed(), QString(), 10000);
+    // An encrypted document goes to the local scheduler as a plain copy.
+    const QString locked = dir.filePath("locked.pdf");
+    QVERIFY(fixtures::writeEncrypted(locked, mixedPages(), "secret"));
+    auto encrypted = PdfDocument::open(locked);
+    QVERIFY(encrypted && encrypted->unlock("secret"));
+    model.setDocument(encrypted, locked);
+    QFile::remove(out);
+    printer.setPrintRange(QPrinter::AllPages);
+    QVERIFY(command.print(printer, PdfPrintLayout::Scaling::ShrinkOversized));
+    QTRY_VERIFY_WITH_TIMEOUT(run("pdfinfo", {out}).contains("Pages:           5"), 15000);
+    QVERIFY(run("pdfinfo", {out}).contains(QRegularExpression("Encrypted:\\s+no")));
+    QVERIFY(run("pdftotext", {out, "-"}).contains("Echo"));
+
     // A printer that is gone by the time the job is sent.
     const CupsJobResult gone = CupsPrinting::send("No-Such-Printer", spool, {});
     QCOMPARE(gone.outcome, CupsJobResult::Outcome::Failed);

@@ -16,6 +16,7 @@
 #include "PasswordSheet.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
+#include "PrintCommand.h"
 #include "SearchResultsModel.h"
 #include "SearchResultsView.h"
 #include "SignatureSheet.h"
@@ -108,6 +109,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     pageZoom_ = new PageZoomFields(bridge_->pdfView());
     pageZoomPlace_->layout()->addWidget(pageZoom_);
     connect(commands_->goToPage, &QAction::triggered, pageZoom_, &PageZoomFields::focusPage);
+    connect(commands_->print, &QAction::triggered, new PrintCommand(model_, bridge_->pdfView(), this), &PrintCommand::run);
     annotationItems_->setPdfView(bridge_->pdfView());
     // Escape drops a waiting signature wherever the keyboard focus is.
     auto *cancelSignature = new QShortcut(QKeySequence(Qt::Key_Escape), this);

@@ -2,10 +2,12 @@
 
 #include "CupsPrinting.h"
 #include "DocumentModel.h"
+#include "PageOperations.h"
 #include "PageWorkProgress.h"
 #include "PdfDocument.h"
 #include "PdfPage.h"
 #include "PdfView.h"
+#include "SplitSheet.h"
 
 #include <QComboBox>
 #include <QDir>
@@ -13,12 +15,14 @@
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMessageBox>
 #include <QPainter>
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QPrinterInfo>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -48,6 +52,42 @@ QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
     *choice = box;
     return tab;
 }
+
+// The print dialog, reading its free-text "Pages" field ("2-4, 7") itself:
+// the dialog's own check of that field refuses valid ranges, and what it
+// accepts would only reach the scheduler as an option the copy ignores.
+class PrintDialog : public QPrintDialog {
+public:
+    PrintDialog(QPrinter *printer, int pageCount, QWidget *parent) : QPrintDialog(printer, parent), pageCount_(pageCount) {}
+
+    // The pages typed there (0-based, in the order written), when that field was chosen.
+    std::optional<std::vector<int>> typedPages;
+
+    void accept() override
+    {
+        typedPages.reset();
+        auto *chosen = findChild<QRadioButton *>(QStringLiteral("pagesRadioButton"));
+        auto *field = findChild<QLineEdit *>(QStringLiteral("pagesLineEdit"));
+        auto *all = findChild<QRadioButton *>(QStringLiteral("printAll"));
+        if (chosen && field && all && chosen->isChecked()) {
+            const auto ranges = SplitSheet::parseRanges(field->text(), pageCount_);
+            if (!ranges || ranges->empty()) {
+                QMessageBox::warning(this, PrintCommand::tr("Print"), SplitSheet::rangesRejectedMessage(pageCount_));
+                return;
+            }
+            std::vector<int> pages;
+            for (const ::PageRange &range : *ranges)
+                for (qint64 page = range.lower; page <= range.upper; ++page)
+                    pages.push_back(int(page));
+            typedPages = std::move(pages);
+            all->setChecked(true);
+        }
+        QPrintDialog::accept();
+    }
+
+private:
+    int pageCount_;
+};
 
 QString sidesFor(const QPrinter &printer)
 {
@@ -96,7 +136,7 @@ void PrintCommand::run()
     }
     QPrinter printer(QPrinter::HighResolution);
     printer.setDocName(QFileInfo(document->path()).fileName());
-    QPrintDialog dialog(&printer, window_);
+    PrintDialog dialog(&printer, document->pageCount(), window_);
     dialog.setAccessibleName(tr("Print"));
     dialog.setOption(QAbstractPrintDialog::PrintCurrentPage, true);
     dialog.setOption(QAbstractPrintDialog::PrintSelection, !model_->selectedPageIndices().isEmpty());
@@ -108,7 +148,7 @@ void PrintCommand::run()
     if (dialog.exec() != QDialog::Accepted)
         return;
     scaling_ = PdfPrintLayout::Scaling(choice->currentData().toInt());
-    print(printer, scaling_);
+    print(printer, scaling_, dialog.typedPages);
 }
 
 std::optional<std::vector<int>> PrintCommand::pagesToPrint(const QPrinter &printer, int pageCount, int currentPage,
@@ -161,14 +201,15 @@ PdfPrintLayout PrintCommand::layoutFor(const QPrinter &printer, PdfPrintLayout::
     return print;
 }
 
-bool PrintCommand::print(QPrinter &printer, PdfPrintLayout::Scaling scaling)
+bool PrintCommand::print(QPrinter &printer, PdfPrintLayout::Scaling scaling, const std::optional<std::vector<int>> &typedPages)
 {
     const auto document = model_->pdfDocument();
     if (!document || document->isLocked())
         return false;
     QString error;
     const int current = view_ ? view_->currentPageIndex() : 0;
-    const auto pages = pagesToPrint(printer, document->pageCount(), current, model_->selectedPageIndices(), &error);
+    const auto pages =
+        typedPages ? typedPages : pagesToPrint(printer, document->pageCount(), current, model_->selectedPageIndices(), &error);
     if (!pages) {
         model_->setErrorMessage(error);
         return false;

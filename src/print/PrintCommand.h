@@ -27,9 +27,10 @@ public:
 
     // Shows the dialog and prints what it asks for.
     void run();
-    // Prints with the printer's settings as they are; false (with the
+    // Prints with the printer's settings as they are (or the pages typed in
+    // the dialog's "Pages" field, 0-based, when given); false (with the
     // model's error message set, unless cancelled) when nothing was printed.
-    bool print(QPrinter &printer, PdfPrintLayout::Scaling scaling);
+    bool print(QPrinter &printer, PdfPrintLayout::Scaling scaling, const std::optional<std::vector<int>> &typedPages = {});
 
     // The page indexes the printer's range asks for, or none with `error`
     // set when the range lies outside the document or nothing is selected.

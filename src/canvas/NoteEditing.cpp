@@ -89,8 +89,7 @@ QRectF DrawingOverlayView::noteIconRect() const
         return {};
     if (noteEdit_->note)
         return pdfView_->convertFromPage(noteEdit_->note->bounds(), noteEdit_->page);
-    const auto preview = AnnotationFactory::makeNote(noteEdit_->page, noteEdit_->centre, QString());
-    return pdfView_->convertFromPage(preview->bounds(), noteEdit_->page);
+    return pdfView_->convertFromPage(AnnotationFactory::noteBounds(noteEdit_->page, noteEdit_->centre), noteEdit_->page);
 }
 
 // Beside the icon, on the right where there is room, else on the left; kept
@@ -159,8 +158,8 @@ void DrawingOverlayView::drawPendingNote(QPainter &painter) const
     painter.save();
     painter.setPen(QPen(QColor(77, 77, 77), std::max<qreal>(1, pdfView_->scaleFactor())));
     painter.setBrush(QColor(255, 213, 79));
-    painter.drawPolygon(QPolygonF({r.topLeft(), r.topRight() - QPointF(fold, 0), r.topRight() + QPointF(0, fold), r.bottomRight(),
-                                   r.bottomLeft()}));
+    painter.drawPolygon(QPolygonF(
+        {r.topLeft(), r.topRight() - QPointF(fold, 0), r.topRight() + QPointF(0, fold), r.bottomRight(), r.bottomLeft()}));
     for (const qreal f : {0.38, 0.55, 0.72})
         painter.drawLine(QPointF(r.left() + r.width() * 0.2, r.top() + r.height() * f),
                          QPointF(r.right() - r.width() * 0.2, r.top() + r.height() * f));

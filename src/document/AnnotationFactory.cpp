@@ -46,7 +46,7 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     static const QStringList editable{QStringLiteral("Stamp"),  QStringLiteral("FreeText"), QStringLiteral("Ink"),
                                       QStringLiteral("Square"), QStringLiteral("Circle"),   QStringLiteral("Widget"),
-                                      QStringLiteral("Line"),  QStringLiteral("Text")};
+                                      QStringLiteral("Line"),   QStringLiteral("Text")};
     return annotation && editable.contains(annotation->type(), Qt::CaseSensitive);
 }
 
@@ -76,7 +76,7 @@ QString authorName()
     return qEnvironmentVariable("USER");
 }
 
-std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QPointF centre, const QString &text)
+QRectF noteBounds(const std::shared_ptr<PdfPage> &page, QPointF centre)
 {
     const qreal size = PdfAnnotation::noteIconSize;
     QRectF bounds(centre - QPointF(size / 2, size / 2), QSizeF(size, size));
@@ -85,7 +85,12 @@ std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QP
         bounds.moveLeft(std::clamp(bounds.left(), paper.left(), std::max(paper.left(), paper.right() - size)));
         bounds.moveTop(std::clamp(bounds.top(), paper.top(), std::max(paper.top(), paper.bottom() - size)));
     }
-    auto note = PdfAnnotation::create(bounds, PdfAnnotation::Text);
+    return bounds;
+}
+
+std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QPointF centre, const QString &text)
+{
+    auto note = PdfAnnotation::create(noteBounds(page, centre), PdfAnnotation::Text);
     note->setColor(QColor(255, 213, 79));
     note->setAuthor(authorName());
     note->setContents(text);

@@ -40,9 +40,10 @@ bool isResizable(const std::shared_ptr<PdfAnnotation> &annotation);
 // The name notes and replies are signed with: the account's full name, else
 // its login name.
 QString authorName();
-// A note icon centred on a page-space point and kept on the page, with the
-// user as its author and `text` as its contents, turned to read upright on
-// the page as it is shown.
+// The bounds of a note icon centred on a page-space point, kept on the page.
+QRectF noteBounds(const std::shared_ptr<PdfPage> &page, QPointF centre);
+// A note at noteBounds, with the user as its author and `text` as its
+// contents, turned to read upright on the page as it is shown.
 std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QPointF centre, const QString &text);
 // Where a reply to `parent` is placed: beside it (right, else left) and
 // below the replies it has.

@@ -159,7 +159,12 @@ void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj 
         }
         fz_append_string(c, content, "Q\n");
         paperPage = pdf_add_page(c, dst, paper, 0, resources, content);
-        pdf_insert_page(c, dst, -1, paperPage);
+        // Appended to the page tree's one list of kids directly: inserting at
+        // the end walks the whole list each time.
+        pdf_obj *tree = pdf_dict_getp(c, pdf_trailer(c, dst), "Root/Pages");
+        pdf_array_push(c, pdf_dict_get(c, tree, PDF_NAME(Kids)), paperPage);
+        pdf_dict_put(c, paperPage, PDF_NAME(Parent), tree);
+        pdf_dict_put_int(c, tree, PDF_NAME(Count), pdf_array_len(c, pdf_dict_get(c, tree, PDF_NAME(Kids))));
     }
     fz_always(c)
     {

@@ -14,8 +14,11 @@
 #include "PdfPrintCopy.h"
 #include "PrintCommand.h"
 
+#include <QDialog>
+#include <QLineEdit>
 #include <QPrinter>
 #include <QProcess>
+#include <QRadioButton>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -336,6 +339,22 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     const CupsJobResult gone = CupsPrinting::send("No-Such-Printer", spool, {});
     QCOMPARE(gone.outcome, CupsJobResult::Outcome::Failed);
     QVERIFY(gone.message.contains("No-Such-Printer"));
+
+    // File > Print… with pages typed in the dialog's Pages field, in the order typed.
+    QFile::remove(out);
+    QWidget window;
+    PrintCommand fromMenu(&model, nullptr, &window);
+    QTimer::singleShot(200, [] {
+        auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+        QVERIFY(dialog);
+        dialog->findChild<QRadioButton *>("pagesRadioButton")->setChecked(true);
+        dialog->findChild<QLineEdit *>("pagesLineEdit")->setText("4, 2");
+        dialog->accept();
+    });
+    fromMenu.run();
+    QTRY_VERIFY_WITH_TIMEOUT(run("pdfinfo", {out}).contains("Pages:           2"), 15000);
+    const QString typed = run("pdftotext", {out, "-"});
+    QVERIFY2(typed.indexOf("Delta") >= 0 && typed.indexOf("Delta") < typed.indexOf("Bravo"), qPrintable(typed));
 }
 
 QTEST_MAIN(TestPrint)

@@ -76,6 +76,8 @@ struct PdfForm::State {
     std::vector<std::shared_ptr<PdfFormField>> fields;
     // By the field dictionary (resolved), so a field keeps its object across readings.
     std::unordered_map<pdf_obj *, std::shared_ptr<PdfFormField>> byObject;
+    // Topmost fields of widgets that the form's list of fields leaves out.
+    std::vector<Obj> unlisted;
     QMetaObject::Connection pageList;
 };
 
@@ -761,6 +763,7 @@ void PdfFieldEdit::put(bool after)
         native_->put(after);
     } catch (const mu::Error &) {
     }
+    form->state_->stale = true; // the list of fields may be as it was
     form->announce(*native_);
 }
 
@@ -783,16 +786,21 @@ void PdfForm::read()
 {
     State &s = *state_;
     s.stale = false;
+    s.unlisted.clear();
     auto doc = document_.lock();
     if (!doc)
         return;
     // The page each widget is on, by the page's annotation list.
     std::unordered_map<pdf_obj *, std::shared_ptr<PdfPage>> pageOf;
+    std::vector<pdf_obj *> listed; // in page order
     for (const std::shared_ptr<PdfPage> &page : doc->pages_) {
         pdf_obj *annots = mu::call([&](fz_context *c) { return pdf_dict_get(c, page->native_->obj, PDF_NAME(Annots)); });
         const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, annots); });
-        for (int i = 0; i < n; ++i)
-            pageOf.emplace(mu::call([&](fz_context *c) { return pdf_resolve_indirect(c, pdf_array_get(c, annots, i)); }), page);
+        for (int i = 0; i < n; ++i) {
+            pdf_obj *annot = mu::call([&](fz_context *c) { return pdf_resolve_indirect(c, pdf_array_get(c, annots, i)); });
+            if (pageOf.emplace(annot, page).second)
+                listed.push_back(annot);
+        }
     }
     std::vector<std::shared_ptr<PdfFormField>> found;
     std::unordered_set<pdf_obj *> seen;
@@ -854,6 +862,25 @@ void PdfForm::read()
         const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, fields); });
         for (int i = 0; i < n; ++i)
             walk(mu::call([&](fz_context *c) { return pdf_array_get(c, fields, i); }), QString(), 0);
+        // Widgets of fields the form does not list (some producers leave the
+        // list empty) are fields all the same, from their topmost field on.
+        for (pdf_obj *annot : listed) {
+            if (seen.count(annot) || !mu::call([&](fz_context *c) {
+                    return pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Widget)) &&
+                           inherited(annot, PDF_NAME(FT)) != nullptr;
+                }))
+                continue;
+            pdf_obj *top = mu::call([&](fz_context *c) {
+                pdf_obj *node = annot;
+                for (int depth = 0; depth < maxDepth && pdf_is_dict(c, pdf_dict_get(c, node, PDF_NAME(Parent))); ++depth)
+                    node = pdf_resolve_indirect(c, pdf_dict_get(c, node, PDF_NAME(Parent)));
+                return node;
+            });
+            if (seen.count(top))
+                continue;
+            s.unlisted.emplace_back(mu::call([&](fz_context *c) { return pdf_keep_obj(c, top); }));
+            walk(top, QString(), 0);
+        }
     } catch (const mu::Error &) {
     }
     s.fields = std::move(found);
@@ -1070,6 +1097,24 @@ void PdfForm::recalculate(PdfFieldEdit::Native &edit)
 void PdfForm::settle(PdfFieldEdit::Native &edit)
 {
     pdf_obj *form = acroForm(*core_);
+    if (!state_->unlisted.empty()) {
+        // Fields the form does not list are listed, so other readers fill them too.
+        pdf_obj *root = mu::call([&](fz_context *c) { return pdf_dict_get(c, pdf_trailer(c, core_->doc), PDF_NAME(Root)); });
+        if (!form) {
+            edit.touch(root);
+            mu::guard([&](fz_context *c) { pdf_dict_put_drop(c, root, PDF_NAME(AcroForm), pdf_add_new_dict(c, core_->doc, 4)); });
+            form = acroForm(*core_);
+        }
+        edit.touch(form);
+        mu::guard([&](fz_context *c) {
+            if (!pdf_is_array(c, pdf_dict_get(c, form, PDF_NAME(Fields))))
+                pdf_dict_put_array(c, form, PDF_NAME(Fields), int(state_->unlisted.size()));
+        });
+        pdf_obj *list = mu::call([&](fz_context *c) { return pdf_dict_get(c, form, PDF_NAME(Fields)); });
+        for (const Obj &top : state_->unlisted)
+            mu::guard([&](fz_context *c) { pdf_array_push_drop(c, list, core_->reference(c, top.get())); });
+        state_->unlisted.clear();
+    }
     const bool needed = mu::call([&](fz_context *c) { return pdf_dict_gets(c, form, "NeedAppearances") != nullptr; });
     if (!needed)
         return;

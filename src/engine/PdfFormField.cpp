@@ -679,8 +679,12 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
     const QRectF rect = rectOf(widget);
     appearance::Input in;
     in.type = QStringLiteral("Widget");
-    in.size = rect.size();
     pdf_obj *mk = mu::call([&](fz_context *c) { return pdf_dict_get(c, widget, PDF_NAME(MK)); });
+    // A turned widget (/MK /R, counterclockwise) lays its text out in its own
+    // upright box, which the appearance's matrix turns onto the rectangle.
+    in.rotation = ((mu::call([&](fz_context *c) { return pdf_dict_get_int(c, mk, PDF_NAME(R)); }) % 360) + 360) % 360 / 90 * 90;
+    in.size = in.rotation % 180 ? rect.size().transposed() : rect.size();
+    const QSizeF box = in.size;
     in.interiorColor = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BG)); }));
     in.color = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BC)); }));
     const qreal border = in.color.isValid() ? mu::call([&](fz_context *c) {
@@ -709,11 +713,11 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
             std::clamp(mu::call([&](fz_context *c) { return pdf_dict_get_int(c, native_->field.get(), PDF_NAME(TI)); }), 0,
                        std::max(0, int(all.size()) - 1));
         for (int row = top; row < int(all.size()); ++row) {
-            const qreal rowTop = rect.height() - border - (row - top) * advance;
+            const qreal rowTop = box.height() - border - (row - top) * advance;
             if (rowTop < 0)
                 break;
             if (chosen.contains(all[size_t(row)].exportValue))
-                in.markedRows.push_back(QRectF(border, rowTop - advance, rect.width() - 2 * border, advance));
+                in.markedRows.push_back(QRectF(border, rowTop - advance, box.width() - 2 * border, advance));
             in.placedText.push_back({QPointF(pad, rowTop - fs.ascent(font) - (advance - fs.ascent(font) - fs.descent(font)) / 2),
                                      all[size_t(row)].displayValue});
         }
@@ -722,8 +726,8 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
         if (f & Password)
             shown = QString(shown.size(), QLatin1Char('*'));
         const bool comb = type_ == Type::Text && (f & Comb) && !(f & (MultiLine | Password)) && maxLength() > 0;
-        const TextLayout layout = layoutText(font, shown, rect.size(), border, alignment(),
-                                             type_ == Type::Text && (f & MultiLine), comb ? maxLength() : 0);
+        const TextLayout layout =
+            layoutText(font, shown, box, border, alignment(), type_ == Type::Text && (f & MultiLine), comb ? maxLength() : 0);
         font.size = layout.size;
         in.placedText = layout.lines;
     }

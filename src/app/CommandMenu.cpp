@@ -25,6 +25,9 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     // Some desktops define no standard key for Save As or Redo: bind them here.
     saveAs = add(file, tr("Save As…"), {QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S)}, &CommandMenu::performSaveAs);
     file->addSeparator();
+    print = file->addAction(tr("Print…"));
+    print->setShortcuts(QKeySequence::Print);
+    file->addSeparator();
     quit = add(file, tr("Quit"), {QKeySequence(Qt::CTRL | Qt::Key_Q)}, &CommandMenu::performQuit);
 
     QMenu *edit = bar->addMenu(tr("&Edit"));
@@ -87,6 +90,7 @@ void CommandMenu::update()
     deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr && !model_->changesRestricted());
     save->setEnabled(!model_->fileURL().isEmpty() && model_->isDirty());
     saveAs->setEnabled(hasDocument);
+    print->setEnabled(hasDocument && !model_->pdfDocument()->isLocked());
     for (QAction *action : {find, findNext, findPrevious})
         action->setEnabled(hasDocument && !model_->pdfDocument()->isLocked());
     actualSize->setEnabled(hasDocument);

@@ -1,6 +1,6 @@
 // The application's commands in a window's menu bar: Edit (Undo, Redo, Delete
 // Selection, Find…, Find Next, Find Previous), File (New Window, Open...,
-// Open Recent, Save, Save As…, Quit) and View (Actual Size, Zoom In, Zoom Out,
+// Open Recent, Save, Save As…, Print…, Quit) and View (Actual Size, Zoom In, Zoom Out,
 // Go to Page…, Thumbnails, Bookmarks, Comments, Add Bookmark). Enabling follows the model; the view
 // commands act on the page view of the window the menu belongs to.
 #pragma once
@@ -32,6 +32,8 @@ public:
     QAction *open = nullptr;
     QAction *save = nullptr;
     QAction *saveAs = nullptr;
+    // The window connects this to its print command.
+    QAction *print = nullptr;
     QAction *quit = nullptr;
     QAction *actualSize = nullptr;
     QAction *zoomIn = nullptr;

@@ -16,6 +16,7 @@
 #include "PasswordSheet.h"
 #include "PdfView.h"
 #include "PdfViewBridge.h"
+#include "PrintCommand.h"
 #include "SearchResultsModel.h"
 #include "SearchResultsView.h"
 #include "SignatureSheet.h"
@@ -65,7 +66,8 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
 
     sidebar_ = new QWidget;
     sidebar_->setMinimumWidth(140);
-    sidebar_->setMaximumWidth(240);
+    // Wide enough to read bookmarks and comments when the user drags it wider.
+    sidebar_->setMaximumWidth(420);
     auto *sidebarLayout = new QVBoxLayout(sidebar_);
     sidebarLayout->setContentsMargins(0, 0, 0, 0);
     thumbnailSidebar_ = new ThumbnailSidebarView(model_);
@@ -107,6 +109,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     pageZoom_ = new PageZoomFields(bridge_->pdfView());
     pageZoomPlace_->layout()->addWidget(pageZoom_);
     connect(commands_->goToPage, &QAction::triggered, pageZoom_, &PageZoomFields::focusPage);
+    connect(commands_->print, &QAction::triggered, new PrintCommand(model_, bridge_->pdfView(), this), &PrintCommand::run);
     annotationItems_->setPdfView(bridge_->pdfView());
     // Escape drops a waiting signature wherever the keyboard focus is.
     auto *cancelSignature = new QShortcut(QKeySequence(Qt::Key_Escape), this);
@@ -347,6 +350,8 @@ void ContentView::buildSidebarSwitcher()
     bookmarks_ = new BookmarksView(model_, bridge_->pdfView());
     addPanel(bookmarks_, "bookmarks", tr("Bookmarks"));
     comments_ = new CommentsView(model_, bridge_->pdfView());
+    comments_->setIconSource(&Icons::get);
+    connect(comments_, &CommentsView::replyRequested, bridge_->overlay(), &DrawingOverlayView::beginReply);
     addPanel(comments_, "comments", tr("Comments"));
     sidebarTabs_->setTabBarAutoHide(false);
     connect(commands_->showThumbnails, &QAction::triggered, this, [this] { sidebarTabs_->setCurrentIndex(0); });

@@ -113,6 +113,33 @@ void draw(QPainter &p, const QString &name)
         stroke.setAlphaF(0.45);
         p.setPen(QPen(stroke, 3, Qt::SolidLine, Qt::RoundCap));
         p.drawLine(QPointF(4, 21), QPointF(20, 21));
+    } else if (name == "annotation-note") {
+        // A sticky note with a folded corner and lines of writing.
+        p.drawPolygon(QPolygonF({{4, 4}, {20, 4}, {20, 15}, {15, 20}, {4, 20}}));
+        p.drawPolyline(QPolygonF({{15, 20}, {15, 15}, {20, 15}}));
+        for (int y : {9, 13})
+            p.drawLine(QPointF(8, y), QPointF(16, y));
+    } else if (name == "format-text-underline" || name == "format-text-strikethrough") {
+        // A capital U, underlined or struck through.
+        p.drawPolyline(QPolygonF({{7, 4}, {7, 12}}));
+        p.drawArc(QRectF(7, 8, 10, 9), 180 * 16, 180 * 16);
+        p.drawPolyline(QPolygonF({{17, 12}, {17, 4}}));
+        if (name == "format-text-underline")
+            p.drawLine(QPointF(5, 21), QPointF(19, 21));
+        else
+            p.drawLine(QPointF(4, 11), QPointF(20, 11));
+    } else if (name == "mail-reply-sender") {
+        // An arrow turning back to the left.
+        QPainterPath curve;
+        curve.moveTo(20, 19);
+        curve.cubicTo(20, 12, 16, 10, 5, 10);
+        p.drawPath(curve);
+        arrowHead({5, 10}, {10, 5}, {10, 15});
+    } else if (name == "insert-image") {
+        p.drawRect(QRectF(3, 5, 18, 14));
+        p.drawPolyline(QPolygonF({{3, 17}, {9, 11}, {14, 16}, {17, 13}, {21, 17}}));
+    } else if (name == "draw-line") {
+        p.drawLine(QPointF(4, 20), QPointF(20, 4));
     } else {
         // A page with lines of text: documents, and anything else.
         p.drawPolygon(QPolygonF({{6, 2}, {15, 2}, {19, 6}, {19, 22}, {6, 22}}));

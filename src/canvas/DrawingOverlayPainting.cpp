@@ -61,6 +61,8 @@ QRectF DrawingOverlayView::paintedArea() const
     }
     if (bridge_)
         area = area.united(pdfView_->convertFromPage(bridge_->area, bridge_->page));
+    if (noteEdit_ && !noteEdit_->note)
+        area = area.united(noteIconRect().adjusted(-pen, -pen, pen, pen));
     if (auto preview = signaturePreviewRect())
         area = area.united(preview->adjusted(-antialiasMargin, -antialiasMargin, antialiasMargin, antialiasMargin));
     return area;
@@ -155,8 +157,9 @@ void DrawingOverlayView::paintEvent(QPaintEvent *)
             painter.drawImage(pdfView_->convertFromPage(placedPicture(*drag->picture, drag->originalBounds, bounds), drag->page),
                               drag->picture->image);
         drawSelectionChrome(painter, pdfView_->convertFromPage(bounds, selected->page()),
-                            AnnotationFactory::isEditable(selected));
+                            AnnotationFactory::isResizable(selected));
     }
+    drawPendingNote(painter);
     drawSignaturePreview(painter);
 }
 

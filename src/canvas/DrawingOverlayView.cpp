@@ -5,6 +5,7 @@
 #include "FontService.h"
 #include "ImageStampAnnotation.h"
 #include "InlineTextView.h"
+#include "NotePopup.h"
 #include "PdfAnnotation.h"
 #include "PdfPage.h"
 #include "PdfView.h"
@@ -54,6 +55,7 @@ DrawingOverlayView::DrawingOverlayView(ToolSettings *toolSettings, DocumentModel
         toolSettings_, &ToolSettings::currentToolChanged, this,
         [this] {
             commitInlineEdit();
+            commitNote();
             if (toolSettings_->currentTool() != AnnotationTool::none)
                 deselect();
             refresh();
@@ -104,6 +106,10 @@ void DrawingOverlayView::geometryChanged()
 {
     if (inlineEditor_)
         commitInlineEdit();
+    // A note's popup goes along with its icon; scrolled out of sight, the text is kept.
+    if (notePopup_ && !noteIconRect().intersects(rect()))
+        commitNote();
+    placeNotePopup();
     bridge_.reset();
     if (Drag *drag = activeDrag(); drag && drag->picture)
         drag->picture = pictureOf(drag->annotation);
@@ -114,6 +120,7 @@ void DrawingOverlayView::geometryChanged()
 void DrawingOverlayView::finishInteraction()
 {
     commitInlineEdit();
+    commitNote();
     cancelManipulation();
     clearDrawing();
 }
@@ -145,7 +152,7 @@ bool DrawingOverlayView::takesPress(QPointF pv) const
     if (!pdfView_)
         return false;
     // With an editor open, presses on it are its own; any other ends the edit.
-    if (inlineEditor_)
+    if (inlineEditor_ || notePopup_)
         return true;
     if (!documentModel_->pendingSignatureImage().isNull())
         return true;
@@ -161,7 +168,7 @@ bool DrawingOverlayView::takesKey(const QKeyEvent *event) const
     const int key = event->key();
     const auto selected = selection();
     if (key == Qt::Key_Escape)
-        return inlineEditor_ || !documentModel_->pendingSignatureImage().isNull() || selected;
+        return inlineEditor_ || notePopup_ || !documentModel_->pendingSignatureImage().isNull() || selected;
     if (isDeleteKey(key))
         return selected != nullptr;
     if (isArrowKey(key))
@@ -174,7 +181,7 @@ bool DrawingOverlayView::takesKey(const QKeyEvent *event) const
 std::optional<Handle> DrawingOverlayView::handle(QPointF pv) const
 {
     const auto selected = selection();
-    if (!selected || !pdfView_ || !AnnotationFactory::isEditable(selected))
+    if (!selected || !pdfView_ || !AnnotationFactory::isResizable(selected))
         return std::nullopt;
     const auto page = selected->page();
     return overlayGeometry::handleAt(selected->bounds(), pv,
@@ -339,6 +346,10 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         commitInlineEdit();
         return;
     }
+    if (notePopup_) {
+        commitNote();
+        return;
+    }
     // A press starts a gesture afresh; a drag still held (its release never came) ends unapplied.
     cancelManipulation();
     switch (toolSettings_->currentTool()) {
@@ -361,6 +372,10 @@ void DrawingOverlayView::press(QMouseEvent *event, int clickCount)
         gesture_ = std::move(ink);
         break;
     }
+    case AnnotationTool::note:
+        if (auto page = pdfView_->pageAt(pv, true))
+            beginNewNote(page, pdfView_->convertToPage(pv, page));
+        break;
     case AnnotationTool::rectangle:
     case AnnotationTool::circle: {
         DrawingShape shape;
@@ -390,6 +405,10 @@ void DrawingOverlayView::handleSelectMouseDown(QPointF pv, int clickCount)
         select(annotation);
     if (clickCount == 2 && annotation->type() == PdfAnnotation::FreeText) {
         beginEditExisting(annotation);
+        return;
+    }
+    if (clickCount == 2 && annotation->type() == PdfAnnotation::Text) {
+        openNote(annotation);
         return;
     }
     // Text markup is selected to be deleted, not moved.
@@ -557,6 +576,7 @@ bool DrawingOverlayView::pointerMoved(QPointF pv)
     case AnnotationTool::ink:
     case AnnotationTool::rectangle:
     case AnnotationTool::circle:
+    case AnnotationTool::note:
         setCursor(Qt::CrossCursor);
         return true;
     case AnnotationTool::editText:
@@ -580,7 +600,7 @@ bool DrawingOverlayView::pointerMoved(QPointF pv)
         setCursor(Qt::ArrowCursor);
     else
         unsetCursor(); // the view's own: an arrow, or the I-beam over text and the hand over links
-    return annotation || selection() || inlineEditor_;
+    return annotation || selection() || inlineEditor_ || notePopup_;
 }
 
 void DrawingOverlayView::leaveEvent(QEvent *event)
@@ -612,6 +632,8 @@ void DrawingOverlayView::keyPressEvent(QKeyEvent *event)
         if (inlineEditor_) {
             removeInlineEditor();
             refresh();
+        } else if (notePopup_) {
+            closeNote();
         } else if (!documentModel_->pendingSignatureImage().isNull())
             documentModel_->setPendingSignatureImage(QImage());
         else if (didBeginDrag())

@@ -31,6 +31,7 @@
 
 class DocumentModel;
 class InlineTextView;
+class NotePopup;
 class PdfAnnotation;
 class PdfPage;
 class PdfView;
@@ -115,6 +116,17 @@ public:
     static QColor sampleBackgroundColor(const std::shared_ptr<PdfPage> &page, const QRectF &lineBox);
     // The system font at a size, as a page font.
     static PdfFont systemFont(qreal size);
+
+    // Notes. The popup editor opens for a new note centred on a page-space
+    // point, for a note on a page, or for a reply to any annotation (placed
+    // beside it). Committing keeps a new note or reply that has text (one
+    // undoable step) and changes an existing note's text (one step).
+    void beginNewNote(const std::shared_ptr<PdfPage> &page, QPointF centre);
+    void openNote(const std::shared_ptr<PdfAnnotation> &note);
+    void beginReply(const std::shared_ptr<PdfAnnotation> &parent);
+    void commitNote();
+    void closeNote();
+    NotePopup *notePopup() const;
 
     // Puts a signature image on the page as a stamp centred on the view point,
     // selected, with the select tool. It is 200 points wide, at most half the
@@ -246,6 +258,11 @@ private:
     void refresh();
     QRectF paintedArea() const;
     std::optional<QRectF> signaturePreviewRect() const;
+    // The icon of the note being typed, in view points: where it is or will go.
+    QRectF noteIconRect() const;
+    void placeNotePopup();
+    void openNotePopup(const QString &heading, const QString &text);
+    void drawPendingNote(QPainter &painter) const;
 
     void drawSelectionChrome(QPainter &painter, const QRectF &rect, bool handles) const;
     void drawShapePreview(QPainter &painter, const DrawingShape &shape) const;
@@ -268,6 +285,16 @@ private:
     PdfFont editingFont_;
     QColor editingFontColor_{Qt::black};
     QString editingOriginalText_;
+    // The note whose popup is open: an existing one, or a new note or reply
+    // (centred on `centre` of `page`) that is made on commit.
+    struct NoteEdit {
+        std::shared_ptr<PdfAnnotation> note;
+        std::shared_ptr<PdfAnnotation> replyTo;
+        std::shared_ptr<PdfPage> page;
+        QPointF centre;
+    };
+    std::optional<NoteEdit> noteEdit_;
+    QPointer<NotePopup> notePopup_;
     // What the last paint drew, so that the next frame repaints only around it.
     QRectF lastPainted_;
     bool observing_ = false;

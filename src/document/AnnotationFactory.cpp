@@ -5,6 +5,13 @@
 #include "PdfAnnotation.h"
 #include "PdfPage.h"
 
+#include <QColor>
+
+#include <algorithm>
+
+#include <pwd.h>
+#include <unistd.h>
+
 namespace AnnotationFactory {
 
 void applyMarkup(const QString &subtype, const PdfSelection &selection, const QColor &color, const AddStep &add)
@@ -39,7 +46,7 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation)
 {
     static const QStringList editable{QStringLiteral("Stamp"),  QStringLiteral("FreeText"), QStringLiteral("Ink"),
                                       QStringLiteral("Square"), QStringLiteral("Circle"),   QStringLiteral("Widget"),
-                                      QStringLiteral("Line")};
+                                      QStringLiteral("Line"),  QStringLiteral("Text")};
     return annotation && editable.contains(annotation->type(), Qt::CaseSensitive);
 }
 
@@ -49,6 +56,59 @@ bool isSelectable(const std::shared_ptr<PdfAnnotation> &annotation)
         return true;
     const QString type = annotation ? annotation->type() : QString();
     return type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut;
+}
+
+bool isResizable(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    return isEditable(annotation) && annotation->type() != PdfAnnotation::Text;
+}
+
+QString authorName()
+{
+    // The account's full name is the first field of its GECOS entry.
+    if (const passwd *account = getpwuid(getuid()); account) {
+        const QString full = QString::fromLocal8Bit(account->pw_gecos ? account->pw_gecos : "").section(QLatin1Char(','), 0, 0);
+        if (!full.trimmed().isEmpty())
+            return full.trimmed();
+        if (account->pw_name && *account->pw_name)
+            return QString::fromLocal8Bit(account->pw_name);
+    }
+    return qEnvironmentVariable("USER");
+}
+
+std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QPointF centre, const QString &text)
+{
+    const qreal size = PdfAnnotation::noteIconSize;
+    QRectF bounds(centre - QPointF(size / 2, size / 2), QSizeF(size, size));
+    if (page) {
+        const QRectF paper = page->bounds();
+        bounds.moveLeft(std::clamp(bounds.left(), paper.left(), std::max(paper.left(), paper.right() - size)));
+        bounds.moveTop(std::clamp(bounds.top(), paper.top(), std::max(paper.top(), paper.bottom() - size)));
+    }
+    auto note = PdfAnnotation::create(bounds, PdfAnnotation::Text);
+    note->setColor(QColor(255, 213, 79));
+    note->setAuthor(authorName());
+    note->setContents(text);
+    if (page)
+        note->setRotation(page->rotation());
+    return note;
+}
+
+QPointF replyPosition(const std::shared_ptr<PdfAnnotation> &parent)
+{
+    const auto page = parent ? parent->page() : nullptr;
+    if (!page)
+        return {};
+    const qreal size = PdfAnnotation::noteIconSize, gap = 2;
+    const QRectF of = parent->bounds();
+    int replies = 0;
+    for (const auto &annotation : page->annotations())
+        if (annotation->inReplyTo() == parent)
+            ++replies;
+    const bool roomRight = of.right() + gap + size <= page->bounds().right();
+    const qreal x = roomRight ? of.right() + gap + size / 2 : of.left() - gap - size / 2;
+    // Page space has y up: the first reply is level with the parent's top, the next ones below.
+    return {x, of.bottom() - size / 2 - replies * (size + gap)};
 }
 
 std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds)

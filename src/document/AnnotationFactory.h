@@ -33,6 +33,21 @@ bool isEditable(const std::shared_ptr<PdfAnnotation> &annotation);
 // moved or resized.
 bool isSelectable(const std::shared_ptr<PdfAnnotation> &annotation);
 
+// True when the overlay may also resize it: the editable kinds but notes,
+// whose icon keeps its size.
+bool isResizable(const std::shared_ptr<PdfAnnotation> &annotation);
+
+// The name notes and replies are signed with: the account's full name, else
+// its login name.
+QString authorName();
+// A note icon centred on a page-space point and kept on the page, with the
+// user as its author and `text` as its contents, turned to read upright on
+// the page as it is shown.
+std::shared_ptr<PdfAnnotation> makeNote(const std::shared_ptr<PdfPage> &page, QPointF centre, const QString &text);
+// Where a reply to `parent` is placed: beside it (right, else left) and
+// below the replies it has.
+QPointF replyPosition(const std::shared_ptr<PdfAnnotation> &parent);
+
 // The width, in points, a signature is placed at.
 constexpr qreal signatureWidth = 200;
 

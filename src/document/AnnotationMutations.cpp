@@ -10,6 +10,8 @@
 
 #include <QScopedValueRollback>
 
+#include <set>
+
 void DocumentModel::record(EditHistory::Edit edit)
 {
     history_.record(std::move(edit));
@@ -67,13 +69,43 @@ void DocumentModel::addAnnotation(const std::shared_ptr<PdfAnnotation> &annotati
 
 void DocumentModel::removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation)
 {
-    auto page = annotation ? annotation->page() : nullptr;
-    if (!page || changesRestricted_)
+    removeAnnotations({annotation});
+}
+
+void DocumentModel::removeAnnotations(const std::vector<std::shared_ptr<PdfAnnotation>> &annotations)
+{
+    if (changesRestricted_)
         return;
-    page->removeAnnotation(annotation);
-    deselectIfSelected(annotation);
-    auto [put, take] = placementActions(annotation, page);
-    record({put, take});
+    // The chosen annotations and, thread by thread, the replies to them.
+    std::vector<std::pair<std::shared_ptr<PdfAnnotation>, std::shared_ptr<PdfPage>>> taken;
+    std::set<const PdfAnnotation *> chosen;
+    for (const auto &annotation : annotations)
+        if (auto page = annotation ? annotation->page() : nullptr; page && chosen.insert(annotation.get()).second)
+            taken.emplace_back(annotation, page);
+    for (size_t i = 0; i < taken.size(); ++i)
+        for (const auto &other : taken[i].second->annotations())
+            if (other->isReply() && !chosen.contains(other.get()) && other->inReplyTo() == taken[i].first) {
+                chosen.insert(other.get());
+                taken.emplace_back(other, taken[i].second);
+            }
+    if (taken.empty())
+        return;
+    std::vector<std::function<void()>> puts, takes;
+    for (const auto &[annotation, page] : taken) {
+        auto [put, take] = placementActions(annotation, page);
+        take();
+        puts.push_back(std::move(put));
+        takes.push_back(std::move(take));
+    }
+    // Put back in the order they were taken: a reply after the annotation it answers.
+    record({[puts] {
+                for (const auto &put : puts)
+                    put();
+            },
+            [takes] {
+                for (const auto &take : takes)
+                    take();
+            }});
     changed();
 }
 

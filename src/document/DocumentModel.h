@@ -123,6 +123,8 @@ public:
     // Annotation and page mutations; each annotation change is one undoable step.
     void addAnnotation(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page, bool recordUndo);
     void removeAnnotation(const std::shared_ptr<PdfAnnotation> &annotation);
+    // Removes these annotations and the replies to them in one step.
+    void removeAnnotations(const std::vector<std::shared_ptr<PdfAnnotation>> &annotations);
     void setAnnotationBounds(const std::shared_ptr<PdfAnnotation> &annotation, const QRectF &newBounds, const QRectF &oldBounds);
     void commitAnnotationDrag(const std::shared_ptr<PdfAnnotation> &annotation, const std::shared_ptr<PdfPage> &page,
                               const QRectF &newBounds, const QRectF &oldBounds);

@@ -19,6 +19,7 @@ const QString PdfAnnotation::Underline = QStringLiteral("Underline");
 const QString PdfAnnotation::StrikeOut = QStringLiteral("StrikeOut");
 const QString PdfAnnotation::FreeText = QStringLiteral("FreeText");
 const QString PdfAnnotation::Stamp = QStringLiteral("Stamp");
+const QString PdfAnnotation::Text = QStringLiteral("Text");
 
 namespace {
 
@@ -27,7 +28,7 @@ bool drawnByUs(const QString &type)
 {
     return type == PdfAnnotation::Square || type == PdfAnnotation::Circle || type == PdfAnnotation::Ink ||
            type == PdfAnnotation::Highlight || type == PdfAnnotation::Underline || type == PdfAnnotation::StrikeOut ||
-           type == PdfAnnotation::FreeText;
+           type == PdfAnnotation::FreeText || type == PdfAnnotation::Text;
 }
 
 QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha)
@@ -216,6 +217,10 @@ void PdfAnnotation::readFromFile()
         if (!*modified)
             modified = pdf_to_str_buf(c, pdf_dict_get(c, d, PDF_NAME(CreationDate)));
         rect = pdf_to_rect(c, pdf_dict_get(c, d, PDF_NAME(Rect)));
+        pdf_obj *irt = pdf_dict_get(c, d, PDF_NAME(IRT));
+        // A reply (/RT /R, the default), not a group member (/RT /Group).
+        if (pdf_is_indirect(c, irt) && !pdf_name_eq(c, pdf_dict_gets(c, d, "RT"), PDF_NAME(Group)))
+            replyToObject_ = pdf_to_num(c, irt);
         const bool freeText = !strcmp(subtype, "FreeText");
         pdf_obj *ca = pdf_dict_get(c, d, PDF_NAME(CA));
         const qreal strokeAlpha = pdf_is_number(c, ca) ? pdf_to_real(c, ca) : 1.0;
@@ -303,6 +308,7 @@ void PdfAnnotation::writeDictionary()
     modified_ = QDateTime::currentDateTime();
     const QByteArray author = author_.toUtf8();
     const QByteArray modified = pdfDate(modified_);
+    const auto parent = inReplyTo_.lock();
     mu::guard([&](fz_context *c) {
         pdf_obj *d = native_->obj;
         pdf_dict_put(c, d, PDF_NAME(Type), PDF_NAME(Annot));
@@ -317,6 +323,17 @@ void PdfAnnotation::writeDictionary()
         else
             pdf_dict_put_text_string(c, d, PDF_NAME(T), author.constData());
         pdf_dict_put_string(c, d, PDF_NAME(M), modified.constData(), size_t(modified.size()));
+        if (!pdf_dict_get(c, d, PDF_NAME(CreationDate)))
+            pdf_dict_put_string(c, d, PDF_NAME(CreationDate), modified.constData(), size_t(modified.size()));
+        if (type_ == Text) {
+            if (!pdf_dict_get(c, d, PDF_NAME(Name)))
+                pdf_dict_put_drop(c, d, PDF_NAME(Name), pdf_new_name(c, "Note"));
+            pdf_dict_put_bool(c, d, PDF_NAME(Open), 0);
+        }
+        if (parent && parent->native_->obj && parent->core_ == core_) {
+            pdf_dict_put(c, d, PDF_NAME(IRT), parent->native_->obj);
+            mu::putsDrop(c, d, "RT", pdf_new_name(c, "R"));
+        }
         if (freeText) {
             // A transparent background is written as no background.
             putColor(c, d, PDF_NAME(C), color_.isValid() && color_.alpha() > 0 ? color_ : QColor());
@@ -379,8 +396,8 @@ void PdfAnnotation::writeAppearance()
         return;
     appearance::Input input{type_, bounds_.size(), color_,      interiorColor_, borderWidth_, contents_,
                             font_, fontColor_,     quadPoints_, inkPaths_,      stampImage_};
-    if (type_ == FreeText && rotation_) {
-        // The text is set in its own upright box, which the appearance turns onto the bounds.
+    if ((type_ == FreeText || type_ == Text) && rotation_) {
+        // The text (or a note's icon) is set in its own upright box, which the appearance turns onto the bounds.
         input.rotation = rotation_;
         if (rotation_ % 180)
             input.size.transpose();
@@ -556,6 +573,34 @@ void PdfAnnotation::addInkPath(const QPolygonF &path)
 {
     inkPaths_.append(path);
     changed(true);
+}
+
+std::shared_ptr<PdfAnnotation> PdfAnnotation::inReplyTo() const
+{
+    if (auto parent = inReplyTo_.lock())
+        return parent;
+    const auto page = page_.lock();
+    if (replyToObject_ <= 0 || !page)
+        return nullptr;
+    const auto candidates = page->annotations();
+    size_t found = candidates.size();
+    mu::tryGuard([&](fz_context *c) {
+        for (size_t i = 0; i < candidates.size() && found == candidates.size(); ++i)
+            if (candidates[i].get() != this && candidates[i]->native_->obj &&
+                pdf_to_num(c, candidates[i]->native_->obj) == replyToObject_)
+                found = i;
+    });
+    if (found == candidates.size())
+        return nullptr;
+    inReplyTo_ = candidates[found];
+    return candidates[found];
+}
+
+void PdfAnnotation::setInReplyTo(const std::shared_ptr<PdfAnnotation> &annotation)
+{
+    inReplyTo_ = annotation;
+    replyToObject_ = 0;
+    changed(false);
 }
 
 void PdfAnnotation::setStampImage(const QImage &image)

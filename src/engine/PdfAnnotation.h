@@ -23,6 +23,10 @@ class PdfAnnotation : public std::enable_shared_from_this<PdfAnnotation> {
 public:
     // Subtype names of the kinds the system creates.
     static const QString Square, Circle, Ink, Highlight, Underline, StrikeOut, FreeText, Stamp;
+    // A note: an icon on the page whose contents open in a popup ("Text").
+    static const QString Text;
+    // The size of a note's icon, in points.
+    static constexpr qreal noteIconSize = 20;
 
     // A new annotation that is on no page yet. `type` is a subtype name such as "Square".
     static std::shared_ptr<PdfAnnotation> create(const QRectF &bounds, const QString &type);
@@ -62,8 +66,8 @@ public:
     void setFont(const std::optional<PdfFont> &font);
     QColor fontColor() const { return fontColor_; }
     void setFontColor(const QColor &color);
-    // How far free text is turned, in degrees clockwise (0, 90, 180 or 270):
-    // on a page shown turned as far, it reads upright. Written as /Rotate.
+    // How far free text (or a note's icon) is turned, in degrees clockwise (0, 90, 180 or 270):
+    // on a page shown turned as far, it reads upright. Free text writes it as /Rotate.
     int rotation() const { return rotation_; }
     void setRotation(int degrees);
 
@@ -74,6 +78,13 @@ public:
     // Ink: paths relative to the bounds' origin.
     QVector<QPolygonF> inkPaths() const { return inkPaths_; }
     void addInkPath(const QPolygonF &path);
+
+    // The annotation this one answers (/IRT, a reply to it): a reply is a
+    // note on the same page. Set before the reply is put on a page; read back
+    // from the file as the annotation of its page it refers to, or none.
+    std::shared_ptr<PdfAnnotation> inReplyTo() const;
+    void setInReplyTo(const std::shared_ptr<PdfAnnotation> &annotation);
+    bool isReply() const { return !inReplyTo_.expired() || replyToObject_ > 0; }
 
     // The image a stamp shows; its saved look is made once, at the size the
     // stamp has when it is first put on a page, and scaled when it is resized.
@@ -120,6 +131,9 @@ private:
     QVector<QPointF> quadPoints_;
     QVector<QPolygonF> inkPaths_;
     QImage stampImage_;
+    mutable std::weak_ptr<PdfAnnotation> inReplyTo_;
+    // The object number /IRT names in the file, until it is matched to an annotation.
+    mutable int replyToObject_ = 0;
 
     // The look of an annotation read from a file is its own until a change
     // asks for a new one; annotations made here always get their look from us.

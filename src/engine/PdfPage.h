@@ -117,6 +117,7 @@ private:
     friend class PdfSelection;
     friend class PdfContentEdit;
     friend class PdfForm;
+    friend class PdfPrintCopy;
     struct Text;
 
     struct Native;

@@ -11,6 +11,7 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <map>
 
 namespace {
 
@@ -117,7 +118,67 @@ std::vector<CommentsModel::Entry> CommentsModel::entriesOf(const std::shared_ptr
         const QRectF ra = a.annotation->bounds(), rb = b.annotation->bounds();
         return ra.bottom() != rb.bottom() ? ra.bottom() > rb.bottom() : ra.left() < rb.left();
     });
-    return entries;
+    return threaded(std::move(entries));
+}
+
+// Each reply right after what it answers (replies in the order they were
+// written), one level deeper; a reply whose annotation is not listed, or a
+// loop of replies, stays where it is.
+std::vector<CommentsModel::Entry> CommentsModel::threaded(std::vector<Entry> entries)
+{
+    std::map<const PdfAnnotation *, size_t> position;
+    for (size_t i = 0; i < entries.size(); ++i)
+        position.emplace(entries[i].annotation.get(), i);
+    std::map<size_t, std::vector<size_t>> replies;
+    std::vector<bool> isReply(entries.size(), false);
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (!entries[i].annotation->isReply())
+            continue;
+        const auto parent = position.find(entries[i].annotation->inReplyTo().get());
+        if (parent != position.end() && parent->second != i) {
+            replies[parent->second].push_back(i);
+            isReply[i] = true;
+        }
+    }
+    if (replies.empty())
+        return entries;
+    for (auto &[parent, list] : replies)
+        std::stable_sort(list.begin(), list.end(), [&entries](size_t a, size_t b) { return entries[a].date < entries[b].date; });
+    std::vector<Entry> ordered;
+    ordered.reserve(entries.size());
+    std::vector<bool> placed(entries.size(), false);
+    // Depth first, with a stack of its own: a thread may be deep.
+    const auto place = [&](size_t root) {
+        std::vector<std::pair<size_t, int>> stack{{root, 0}};
+        while (!stack.empty()) {
+            const auto [at, depth] = stack.back();
+            stack.pop_back();
+            if (placed[at])
+                continue;
+            placed[at] = true;
+            entries[at].depth = depth;
+            ordered.push_back(std::move(entries[at]));
+            if (const auto found = replies.find(at); found != replies.end())
+                for (auto it = found->second.rbegin(); it != found->second.rend(); ++it)
+                    stack.emplace_back(*it, depth + 1);
+        }
+    };
+    for (size_t i = 0; i < entries.size(); ++i)
+        if (!isReply[i])
+            place(i);
+    for (size_t i = 0; i < entries.size(); ++i)
+        if (!placed[i])
+            place(i);
+    return ordered;
+}
+
+void CommentsModel::setActive(bool active)
+{
+    if (active == active_)
+        return;
+    active_ = active;
+    if (active_ && stale_)
+        reload();
 }
 
 void CommentsModel::reload()
@@ -126,7 +187,8 @@ void CommentsModel::reload()
     pendingPages_.clear();
     beginResetModel();
     entries_.clear();
-    if (document_) {
+    stale_ = !active_;
+    if (document_ && active_) {
         const int count = document_->pageCount();
         for (int i = 0; i < count; ++i)
             if (const auto page = document_->page(i)) {
@@ -150,8 +212,13 @@ void CommentsModel::scheduleReload()
 
 void CommentsModel::pageChanged(const std::shared_ptr<PdfPage> &page)
 {
-    if (!page)
+    if (!page || stale_)
         return;
+    if (!active_) {
+        // Read again when shown; until then the rows left are not shown either.
+        scheduleReload();
+        return;
+    }
     pendingPages_.push_back(page);
     if (std::exchange(refreshPending_, true))
         return;
@@ -254,8 +321,7 @@ QStringList CommentsModel::authors() const
 {
     std::set<QString> authors;
     for (const Entry &entry : entries_)
-        if (!entry.author.isEmpty())
-            authors.insert(entry.author);
+        authors.insert(entry.author);
     return QStringList(authors.begin(), authors.end());
 }
 
@@ -294,6 +360,8 @@ QVariant CommentsModel::data(const QModelIndex &index, int role) const
         return entry.author;
     case DateRole:
         return entry.date;
+    case DepthRole:
+        return entry.depth;
     default:
         return {};
     }
@@ -307,7 +375,7 @@ void CommentsFilter::setKind(const QString &kind)
     invalidateFilter();
 }
 
-void CommentsFilter::setAuthor(const QString &author)
+void CommentsFilter::setAuthor(const std::optional<QString> &author)
 {
     if (author == author_)
         return;
@@ -319,5 +387,5 @@ bool CommentsFilter::filterAcceptsRow(int sourceRow, const QModelIndex &sourcePa
 {
     const QModelIndex index = sourceModel()->index(sourceRow, 0, sourceParent);
     return (kind_.isEmpty() || index.data(CommentsModel::KindRole).toString() == kind_) &&
-           (author_.isEmpty() || index.data(CommentsModel::AuthorRole).toString() == author_);
+           (!author_ || index.data(CommentsModel::AuthorRole).toString() == *author_);
 }

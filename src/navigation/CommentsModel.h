@@ -1,7 +1,8 @@
 // Every annotation of the document as a list, for reviewers: in page order
 // (down each page), each with its kind, page, author, date and the first
 // line of its contents, or, for a text markup without contents, the text it
-// marks. Links, form fields and popups are not listed. It follows the
+// marks; replies follow what they answer, one level deeper. Links, form
+// fields and popups are not listed. It follows the
 // document of a DocumentModel: a change of a page's annotations reads that
 // page again (one pass of the main loop later); a change of the page list
 // reads them all. CommentsFilter narrows the list by kind and by author.
@@ -12,6 +13,7 @@
 #include <QSortFilterProxyModel>
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -28,6 +30,7 @@ public:
         PageIndexRole,               // the index of its page
         AuthorRole,                  // QString, empty when unknown
         DateRole,                    // QDateTime, invalid when unknown
+        DepthRole,                   // 0, or how deep a reply is in its thread
     };
 
     // A line longer than this is cut (at a word where it can be).
@@ -39,11 +42,16 @@ public:
     std::shared_ptr<PdfDocument> document() const { return document_; }
     // Reads every page's annotations again now.
     void reload();
+    // An inactive list (its panel hidden) reads nothing: it is empty, and
+    // lists the document when it becomes active again.
+    bool isActive() const { return active_; }
+    void setActive(bool active);
 
     std::shared_ptr<PdfAnnotation> annotation(const QModelIndex &index) const;
     std::shared_ptr<PdfPage> page(const QModelIndex &index) const;
     QModelIndex indexOf(const std::shared_ptr<PdfAnnotation> &annotation) const;
-    // The kinds and the authors listed, each once, sorted.
+    // The kinds and the authors listed, each once, sorted; an empty author
+    // stands for the comments that name none.
     QStringList kinds() const;
     QStringList authors() const;
 
@@ -67,6 +75,7 @@ private:
         QString kind;
         QString author;
         QDateTime date;
+        int depth = 0;
         // The first line; for a markup without contents read when first shown.
         mutable QString line;
         mutable bool lineRead = false;
@@ -78,6 +87,7 @@ private:
     void refreshPages();
     void refreshPage(const std::shared_ptr<PdfPage> &page);
     std::vector<Entry> entriesOf(const std::shared_ptr<PdfPage> &page, int pageIndex) const;
+    static std::vector<Entry> threaded(std::vector<Entry> entries);
     const QString &lineOf(const Entry &entry) const;
 
     DocumentModel *model_;
@@ -88,9 +98,13 @@ private:
     std::vector<std::weak_ptr<PdfPage>> pendingPages_;
     bool refreshPending_ = false;
     bool reloadPending_ = false;
+    bool active_ = true;
+    // The list does not show the document as it is (it was inactive).
+    bool stale_ = false;
 };
 
-// Keeps the rows of one kind and of one author; an empty one keeps all.
+// Keeps the rows of one kind (an empty one keeps all) and of one author
+// (none keeps all; an empty one keeps the comments that name no author).
 class CommentsFilter : public QSortFilterProxyModel {
     Q_OBJECT
 public:
@@ -98,13 +112,13 @@ public:
 
     QString kind() const { return kind_; }
     void setKind(const QString &kind);
-    QString author() const { return author_; }
-    void setAuthor(const QString &author);
+    std::optional<QString> author() const { return author_; }
+    void setAuthor(const std::optional<QString> &author);
 
 protected:
     bool filterAcceptsRow(int sourceRow, const QModelIndex &sourceParent) const override;
 
 private:
     QString kind_;
-    QString author_;
+    std::optional<QString> author_;
 };

@@ -27,6 +27,8 @@ const Description &describe(AnnotationTool tool)
          QT_TRANSLATE_NOOP("AnnotationTool", "Drag to draw a rectangle")},
         {"circle", QT_TRANSLATE_NOOP("AnnotationTool", "Circle"), "draw-ellipse",
          QT_TRANSLATE_NOOP("AnnotationTool", "Drag to draw an ellipse")},
+        {"note", QT_TRANSLATE_NOOP("AnnotationTool", "Note"), "annotation-note",
+         QT_TRANSLATE_NOOP("AnnotationTool", "Click to pin a note to the page")},
     };
     return descriptions[static_cast<int>(tool)];
 }

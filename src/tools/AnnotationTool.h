@@ -6,13 +6,14 @@
 #include <array>
 #include <optional>
 
-enum class AnnotationTool { none, editText, freeText, ink, rectangle, circle };
+enum class AnnotationTool { none, editText, freeText, ink, rectangle, circle, note };
 
 namespace annotationTool {
 
 // Every tool, in the order of the toolbar.
-constexpr std::array<AnnotationTool, 6> allCases{AnnotationTool::none,      AnnotationTool::editText, AnnotationTool::freeText,
-                                                 AnnotationTool::ink,       AnnotationTool::rectangle, AnnotationTool::circle};
+constexpr std::array<AnnotationTool, 7> allCases{AnnotationTool::none,      AnnotationTool::editText,  AnnotationTool::freeText,
+                                                 AnnotationTool::ink,       AnnotationTool::rectangle, AnnotationTool::circle,
+                                                 AnnotationTool::note};
 
 // The stored name of a tool ("none", "editText", ...), which is also its identity.
 QString rawValue(AnnotationTool tool);

@@ -1,6 +1,7 @@
 // The drawing overlay over a real page view: geometry, which events it takes,
 // its interaction states, the annotations it makes and what they look like,
 // on screen and in another reader's rendering of the saved file.
+#include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "DrawingOverlayView.h"
 #include "EditHistory.h"
@@ -8,6 +9,7 @@
 #include "FontService.h"
 #include "ImageStampAnnotation.h"
 #include "InlineTextView.h"
+#include "NotePopup.h"
 #include "OverlayGeometry.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -16,6 +18,7 @@
 #include "ToolSettings.h"
 
 #include <QPainter>
+#include <QPlainTextEdit>
 #include <QProcess>
 #include <QScrollBar>
 #include <QTemporaryDir>
@@ -97,6 +100,7 @@ private slots:
     void editorFontFollowsTheZoom();
     void placingSignatures();
     void placedSignatureInAnotherReader();
+    void notes();
 
 private:
     std::shared_ptr<PdfPage> page(int index) const { return model_->pdfDocument()->page(index); }
@@ -977,6 +981,73 @@ void TestCanvas::placedSignatureInAnotherReader()
     const QImage second(prefix + "2.png");
     QVERIFY(qGray(second.pixel(310, 792 - 300)) < 60);
     QVERIFY(qGray(second.pixel(310, 792 - 400)) > 150);
+}
+
+// The Note tool: a press opens the popup (Escape leaves nothing behind);
+// the typed text becomes a note with the user as author, in one step, kept
+// on the page and upright on a turned page; a double click opens it again.
+void TestCanvas::notes()
+{
+    const auto count = [this](int index) { return page(index)->annotations().size(); };
+    const size_t before = count(0);
+    const int steps = undoSteps();
+    tools_->setCurrentTool(AnnotationTool::note);
+    QTest::qWait(10);
+    click(pv(QPointF(300, 500)));
+    QVERIFY(overlay_->notePopup() && overlay_->notePopup()->isVisible());
+    key(overlay_->notePopup()->editor(), Qt::Key_Escape);
+    QVERIFY(!overlay_->notePopup());
+    QCOMPARE(count(0), before);
+
+    click(pv(QPointF(300, 500)));
+    QVERIFY(overlay_->notePopup());
+    QPlainTextEdit *editor = overlay_->notePopup()->editor();
+    QTest::keyClicks(editor, "Call Ann");
+    QTest::keyClick(editor, Qt::Key_Return);
+    editor->insertPlainText(QString::fromUtf8("Żółw"));
+    QCOMPARE(count(0), before);
+    QTest::keyClick(editor, Qt::Key_Return, Qt::ControlModifier);
+    QVERIFY(!overlay_->notePopup());
+    const auto note = page(0)->annotations().back();
+    QCOMPARE(note->type(), PdfAnnotation::Text);
+    QCOMPARE(note->contents(), QString::fromUtf8("Call Ann\nŻółw"));
+    QCOMPARE(note->bounds(), QRectF(290, 490, 20, 20));
+    QCOMPARE(note->author(), AnnotationFactory::authorName());
+    QCOMPARE(model_->selectedAnnotation(), note);
+    QCOMPARE(tools_->currentTool(), AnnotationTool::none);
+    QCOMPARE(undoSteps(), steps + 1);
+    // Its icon is on the page, in its colour.
+    const QImage icon = page(0)->render(4, page(0)->pageToDisplay().mapRect(note->bounds()), {});
+    const QColor paperOfNote = icon.pixelColor(8, icon.height() / 2);
+    QVERIFY2(paperOfNote.red() > 250 && qAbs(paperOfNote.green() - 213) < 4 && qAbs(paperOfNote.blue() - 79) < 4,
+             qPrintable(paperOfNote.name()));
+
+    // A double click opens it; a press elsewhere keeps the change, one step.
+    const QPointF onIcon = pv(QPointF(300, 500));
+    sendMouse(overlay_, QEvent::MouseButtonPress, onIcon, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, onIcon);
+    sendMouse(overlay_, QEvent::MouseButtonDblClick, onIcon, Qt::LeftButton);
+    sendMouse(overlay_, QEvent::MouseButtonRelease, onIcon);
+    QVERIFY(overlay_->notePopup());
+    QCOMPARE(overlay_->notePopup()->text(), note->contents());
+    QTest::keyClicks(overlay_->notePopup()->editor(), " today");
+    click(pv(QPointF(100, 100)));
+    QCOMPARE(note->contents(), QString::fromUtf8("Call Ann\nŻółw today"));
+    QCOMPARE(undoSteps(), steps + 2);
+    model_->undo();
+    QCOMPARE(note->contents(), QString::fromUtf8("Call Ann\nŻółw"));
+
+    // At the paper's edge it stays on the page; on a turned page it reads upright.
+    page(1)->setRotation(90);
+    view_->goToPage(page(1));
+    const QRectF paper = page(1)->bounds();
+    overlay_->beginNewNote(page(1), paper.topRight());
+    QVERIFY(overlay_->notePopup());
+    QTest::keyClicks(overlay_->notePopup()->editor(), "corner");
+    overlay_->commitNote();
+    const auto turned = page(1)->annotations().back();
+    QVERIFY(paper.contains(turned->bounds()));
+    QCOMPARE(turned->rotation(), 90);
 }
 
 QTEST_MAIN(TestCanvas)

@@ -2,6 +2,7 @@
 // destination leads, loops and broken destinations), edited one undoable
 // step at a time and written so that another reader sees the edits, and the
 // panel as a user works it.
+#include "AnnotationFactory.h"
 #include "BookmarksView.h"
 #include "CommentsModel.h"
 #include "CommentsView.h"
@@ -23,6 +24,7 @@
 #include <QMimeData>
 #include <QTemporaryDir>
 #include <QTimeZone>
+#include <QToolButton>
 #include <QtTest>
 
 using fixtures::OutlineSpec;
@@ -317,8 +319,9 @@ void TestNavigation::panelGoesMarksAddsAndEdits()
 
 // The Comments panel: every annotation but links in page order, down each
 // page, with author and date as the file has them; a highlight without
-// contents shows the text it marks, a huge note its first line cut. It
-// follows changes page by page, filters, selects and deletes undoably.
+// contents shows the text it marks, a huge note its first line cut; a reply
+// under what it answers, written so that qpdf reads it as one. It follows
+// changes page by page, filters, selects and deletes undoably, replies along.
 void TestNavigation::commentsListFilterFollowAndDelete()
 {
     std::vector<fixtures::PageSpec> pages = fixtures::numberedPages(2, 2);
@@ -352,6 +355,11 @@ void TestNavigation::commentsListFilterFollowAndDelete()
         }
         return rows.join(" | ");
     };
+    // Hidden, the panel reads nothing; shown, it lists the document.
+    panel->hide();
+    model.setDocument(PdfDocument::open(path("comments.pdf")), path("comments.pdf"));
+    QCOMPARE(comments.rowCount(), 0);
+    panel->show();
     QCOMPARE(describe(comments), "Text@0 Ann: Huge wwwwwww | Highlight@0 Bob: The quick br | Square@0 Ann: A square | "
                                  "FreeText@1 Bob: Free words");
     QCOMPARE(panel->accessibleName(), "Comments");
@@ -382,27 +390,61 @@ void TestNavigation::commentsListFilterFollowAndDelete()
                                      "Circle@1 Cy: (Circle) | FreeText@1 Bob: Free words");
     QCOMPARE(resets.count(), 0);
     QVERIFY(mine->modified().isValid() && panel->authorBox()->findData("Cy") > 0);
+
+    // A reply (here one naming no author) follows what it answers, one level in.
+    const auto page0 = model.pdfDocument()->page(0);
+    auto reply = AnnotationFactory::makeNote(page0, AnnotationFactory::replyPosition(square), "Agreed");
+    reply->setAuthor({});
+    reply->setInReplyTo(square);
+    model.addAnnotation(reply, page0, true);
+    QTRY_COMPARE(describe(comments), "Text@0 Ann: Huge wwwwwww | Highlight@0 Bob: The quick br | Square@0 Ann: Changed | "
+                                     "Text@0 : Agreed | Circle@1 Cy: (Circle) | FreeText@1 Bob: Free words");
+    QCOMPARE(comments.index(3).data(CommentsModel::DepthRole).toInt(), 1);
+    panel->authorBox()->setCurrentIndex(panel->authorBox()->findText("No Author"));
+    QCOMPARE(describe(shown), "Text@0 : Agreed");
+    panel->authorBox()->setCurrentIndex(0);
+
     QVERIFY(model.pdfDocument()->write(path("comments-saved.pdf")));
+    const inspect::PdfObjects saved(path("comments-saved.pdf"));
+    QJsonObject written, answered;
+    for (const QString &ref : saved.annots(saved.pages().at(0)))
+        if (inspect::text(saved.dict(ref).value("/Contents")) == "Agreed")
+            written = saved.dict(ref);
+    answered = saved.dict(written.value("/IRT").toString());
+    QCOMPARE(inspect::text(written.value("/Subtype")), "Text");
+    QCOMPARE(inspect::text(written.value("/RT")), "R");
+    QCOMPARE(inspect::text(answered.value("/Contents")), "Changed\nmore");
+    QVERIFY(written.contains("/CreationDate") && written.contains("/AP") && written.value("/F").toInt() & 4);
     DocumentModel reopened;
     reopened.setDocument(PdfDocument::open(path("comments-saved.pdf")), path("comments-saved.pdf"));
     const CommentsModel again(&reopened);
     QCOMPARE(describe(again), describe(comments));
-    QCOMPARE(again.index(3).data(CommentsModel::DateRole).toDateTime().toSecsSinceEpoch(), mine->modified().toSecsSinceEpoch());
+    QCOMPARE(again.index(3).data(CommentsModel::DepthRole).toInt(), 1);
+    QCOMPARE(again.index(4).data(CommentsModel::DateRole).toDateTime().toSecsSinceEpoch(), mine->modified().toSecsSinceEpoch());
 
     // A click selects the annotation; the list follows the selection; Delete removes, undo brings back.
     const QModelIndex highlight = shown.index(1, 0);
     QTest::mouseClick(panel->list()->viewport(), Qt::LeftButton, {}, panel->list()->visualRect(highlight).center());
     QCOMPARE(model.selectedAnnotation(), comments.annotation(comments.index(1)));
     model.setSelectedAnnotation(mine);
-    QCOMPARE(panel->list()->currentIndex().row(), 3);
+    QCOMPARE(panel->list()->currentIndex().row(), 4);
     QTest::keyClick(panel->list(), Qt::Key_Delete);
-    QTRY_COMPARE(comments.rowCount(), 4);
+    QTRY_COMPARE(comments.rowCount(), 5);
     QVERIFY(!comments.indexOf(mine).isValid());
     model.undo();
-    QTRY_COMPARE(comments.indexOf(mine).row(), 3);
+    QTRY_COMPARE(comments.indexOf(mine).row(), 4);
+    // Two chosen, and the reply to one of them, go in one step.
+    panel->list()->selectionModel()->select(shown.index(2, 0), QItemSelectionModel::ClearAndSelect);
+    panel->list()->selectionModel()->select(shown.index(4, 0), QItemSelectionModel::Select);
+    panel->deleteButton()->click();
+    QTRY_COMPARE(describe(comments), "Text@0 Ann: Huge wwwwwww | Highlight@0 Bob: The quick br | FreeText@1 Bob: Free words");
+    model.undo();
+    QTRY_COMPARE(comments.rowCount(), 6);
+    QCOMPARE(comments.index(3).data(CommentsModel::DepthRole).toInt(), 1);
     // Pages removed: the rest is read again, with new page numbers.
     model.deletePages({0});
     QTRY_COMPARE(describe(comments), "Circle@0 Cy: (Circle) | FreeText@0 Bob: Free words");
+    QVERIFY(!panel->replyButton()->isEnabled());
 }
 
 QTEST_MAIN(TestNavigation)

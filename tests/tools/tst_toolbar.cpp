@@ -120,7 +120,7 @@ void TestAnnotationToolbar::segmentsSetAndFollowTheTool()
     };
     AnnotationToolbarItems items(model_.get(), settings_.get(), {}, icon);
     QCOMPARE(iconNames, QStringList({"edit-select", "edit-rename", "insert-text", "draw-freehand", "draw-rectangle",
-                                     "draw-ellipse", "color-management", "document-sign", "draw-highlight"}));
+                                     "draw-ellipse", "annotation-note", "color-management", "document-sign", "draw-highlight"}));
     model_->open(fixtures::numberedFile(dir_.path(), "segments.pdf", 1));
     QCOMPARE(items.toolSelector()->accessibleName(), QString("Tool"));
     QCOMPARE(items.toolSelector()->width(), 250);
@@ -131,7 +131,7 @@ void TestAnnotationToolbar::segmentsSetAndFollowTheTool()
         QVERIFY(segment && segment->isCheckable() && segment->text().isEmpty() && !segment->icon().isNull());
         names << segment->accessibleName();
     }
-    QCOMPARE(names, QStringList({"Select", "Edit Text", "Add Text", "Draw", "Rectangle", "Circle"}));
+    QCOMPARE(names, QStringList({"Select", "Edit Text", "Add Text", "Draw", "Rectangle", "Circle", "Note"}));
     QCOMPARE(items.toolButton(AnnotationTool::ink)->toolTip(), QString("Draw freehand"));
     QCOMPARE(items.toolButton(AnnotationTool::none)->toolTip(),
              QString("Select, move, resize, or delete anything you've placed"));

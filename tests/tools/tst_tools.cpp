@@ -16,7 +16,7 @@ void TestTools::toolsAndTheirNames()
     QStringList raw;
     for (AnnotationTool tool : annotationTool::allCases)
         raw << annotationTool::rawValue(tool);
-    QCOMPARE(raw, QStringList({"none", "editText", "freeText", "ink", "rectangle", "circle"}));
+    QCOMPARE(raw, QStringList({"none", "editText", "freeText", "ink", "rectangle", "circle", "note"}));
     for (AnnotationTool tool : annotationTool::allCases) {
         QCOMPARE(annotationTool::fromRawValue(annotationTool::rawValue(tool)), tool);
         QVERIFY(!annotationTool::title(tool).isEmpty());

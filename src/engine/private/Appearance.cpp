@@ -150,6 +150,21 @@ QByteArray shapeContent(const Input &in, Resources &res)
     return s + "Q\n";
 }
 
+// A note's icon: a sheet in its colour with a folded corner and three lines of writing.
+QByteArray noteContent(const Input &in)
+{
+    const qreal w = in.size.width(), h = in.size.height();
+    const qreal fold = std::min(w, h) / 4, e = 0.5;
+    auto pt = [](qreal x, qreal y) { return number(x) + ' ' + number(y) + ' '; };
+    QByteArray s = "q\n" + colorOperator(in.color.isValid() ? in.color : QColor(255, 213, 79), "rg") + "0.3 0.3 0.3 RG 1 w 1 j\n";
+    s += pt(e, e) + "m " + pt(w - e, e) + "l " + pt(w - e, h - fold) + "l " + pt(w - fold, h - e) + "l " + pt(e, h - e) +
+         "l h B\n";
+    s += pt(w - fold, h - e) + "m " + pt(w - fold, h - fold) + "l " + pt(w - e, h - fold) + "l S\n";
+    for (const qreal y : {0.62, 0.45, 0.28})
+        s += pt(w * 0.2, h * y) + "m " + pt(w * 0.8, h * y) + "l S\n";
+    return s + "Q\n";
+}
+
 QByteArray inkContent(const Input &in, Resources &res)
 {
     if (!in.color.isValid())
@@ -384,6 +399,8 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
         content = stampContent(input, res);
     else if (type == QLatin1String("Widget"))
         content = widgetContent(input, res);
+    else if (type == QLatin1String("Text"))
+        content = noteContent(input);
     else
         return;
 

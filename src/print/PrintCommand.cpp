@@ -1,0 +1,273 @@
+#include "PrintCommand.h"
+
+#include "CupsPrinting.h"
+#include "DocumentModel.h"
+#include "PageWorkProgress.h"
+#include "PdfDocument.h"
+#include "PdfPage.h"
+#include "PdfView.h"
+
+#include <QComboBox>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QFormLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPainter>
+#include <QPrintDialog>
+#include <QPrinter>
+#include <QPrinterInfo>
+#include <QPushButton>
+#include <QTemporaryDir>
+
+#include <algorithm>
+
+namespace {
+
+// The dialog's tab with the page-scaling choice (and, when the scheduler
+// cannot be reached, the note that pages go as pictures).
+QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
+{
+    auto *tab = new QWidget;
+    tab->setWindowTitle(PrintCommand::tr("Page Scaling"));
+    auto *form = new QFormLayout(tab);
+    auto *box = new QComboBox;
+    box->setAccessibleName(PrintCommand::tr("Page Scaling"));
+    box->addItem(PrintCommand::tr("Fit to Printable Area"), int(PdfPrintLayout::Scaling::FitToPrintableArea));
+    box->addItem(PrintCommand::tr("Actual Size"), int(PdfPrintLayout::Scaling::ActualSize));
+    box->addItem(PrintCommand::tr("Shrink Oversized Pages"), int(PdfPrintLayout::Scaling::ShrinkOversized));
+    box->setCurrentIndex(box->findData(int(current)));
+    form->addRow(PrintCommand::tr("Scaling:"), box);
+    if (!CupsPrinting::serverReachable()) {
+        auto *note = new QLabel(PrintCommand::noServiceNote());
+        note->setWordWrap(true);
+        note->setAccessibleName(note->text());
+        form->addRow(note);
+    }
+    *choice = box;
+    return tab;
+}
+
+QString sidesFor(const QPrinter &printer)
+{
+    switch (printer.duplex()) {
+    case QPrinter::DuplexNone:
+        return QStringLiteral("one-sided");
+    case QPrinter::DuplexLongSide:
+        return QStringLiteral("two-sided-long-edge");
+    case QPrinter::DuplexShortSide:
+        return QStringLiteral("two-sided-short-edge");
+    case QPrinter::DuplexAuto:
+        break;
+    }
+    return printer.pageLayout().orientation() == QPageLayout::Landscape ? QStringLiteral("two-sided-short-edge")
+                                                                        : QStringLiteral("two-sided-long-edge");
+}
+
+} // namespace
+
+PrintCommand::PrintCommand(DocumentModel *model, PdfView *view, QWidget *window)
+    : QObject(window), model_(model), view_(view), window_(window)
+{
+}
+
+QString PrintCommand::noPrinterMessage()
+{
+    return tr("No printer is set up on this computer. Add a printer in the system's printer settings, or print to a PDF file.");
+}
+
+QString PrintCommand::noServiceNote()
+{
+    return tr("The print service cannot be reached: pages are sent to the printer as pictures at its resolution.");
+}
+
+void PrintCommand::run()
+{
+    const auto document = model_->pdfDocument();
+    if (!document || document->isLocked() || document->pageCount() == 0)
+        return;
+    if (QPrinterInfo::availablePrinterNames().isEmpty()) {
+        QMessageBox box(QMessageBox::Information, tr("Print"), noPrinterMessage(), QMessageBox::Cancel, window_);
+        QPushButton *toFile = box.addButton(tr("Print to File…"), QMessageBox::AcceptRole);
+        box.exec();
+        if (box.clickedButton() != toFile)
+            return;
+    }
+    QPrinter printer(QPrinter::HighResolution);
+    printer.setDocName(QFileInfo(document->path()).fileName());
+    QPrintDialog dialog(&printer, window_);
+    dialog.setAccessibleName(tr("Print"));
+    dialog.setOption(QAbstractPrintDialog::PrintCurrentPage, true);
+    dialog.setOption(QAbstractPrintDialog::PrintSelection, !model_->selectedPageIndices().isEmpty());
+    dialog.setOption(QAbstractPrintDialog::PrintPageRange, true);
+    dialog.setOption(QAbstractPrintDialog::PrintCollateCopies, true);
+    dialog.setMinMax(1, document->pageCount());
+    QComboBox *choice = nullptr;
+    dialog.setOptionTabs({scalingTab(scaling_, &choice)});
+    if (dialog.exec() != QDialog::Accepted)
+        return;
+    scaling_ = PdfPrintLayout::Scaling(choice->currentData().toInt());
+    print(printer, scaling_);
+}
+
+std::optional<std::vector<int>> PrintCommand::pagesToPrint(const QPrinter &printer, int pageCount, int currentPage,
+                                                           const QSet<int> &selected, QString *error)
+{
+    std::vector<int> pages;
+    switch (printer.printRange()) {
+    case QPrinter::AllPages:
+        for (int i = 0; i < pageCount; ++i)
+            pages.push_back(i);
+        break;
+    case QPrinter::CurrentPage:
+        if (currentPage >= 0 && currentPage < pageCount)
+            pages.push_back(currentPage);
+        break;
+    case QPrinter::Selection:
+        pages.assign(selected.begin(), selected.end());
+        std::sort(pages.begin(), pages.end());
+        pages.erase(std::remove_if(pages.begin(), pages.end(), [&](int i) { return i < 0 || i >= pageCount; }), pages.end());
+        if (pages.empty())
+            *error = tr("No pages are selected in the thumbnails.");
+        return pages.empty() ? std::nullopt : std::optional(pages);
+    case QPrinter::PageRange:
+        for (const QPageRanges::Range &range : printer.pageRanges().toRangeList()) {
+            if (range.from < 1 || range.to > pageCount || range.from > range.to) {
+                *error = tr("Pages %1–%2 are outside the document, which has %n page(s).", nullptr, pageCount)
+                             .arg(range.from)
+                             .arg(range.to);
+                return std::nullopt;
+            }
+            for (int page = range.from; page <= range.to; ++page)
+                pages.push_back(page - 1);
+        }
+        break;
+    }
+    if (pages.empty()) {
+        *error = tr("There are no pages to print.");
+        return std::nullopt;
+    }
+    return pages;
+}
+
+PdfPrintLayout PrintCommand::layoutFor(const QPrinter &printer, PdfPrintLayout::Scaling scaling)
+{
+    const QPageLayout layout = printer.pageLayout();
+    PdfPrintLayout print;
+    print.paper = layout.fullRectPoints().size();
+    print.printable = layout.paintRectPoints();
+    print.scaling = scaling;
+    return print;
+}
+
+bool PrintCommand::print(QPrinter &printer, PdfPrintLayout::Scaling scaling)
+{
+    const auto document = model_->pdfDocument();
+    if (!document || document->isLocked())
+        return false;
+    QString error;
+    const int current = view_ ? view_->currentPageIndex() : 0;
+    const auto pages = pagesToPrint(printer, document->pageCount(), current, model_->selectedPageIndices(), &error);
+    if (!pages) {
+        model_->setErrorMessage(error);
+        return false;
+    }
+    const PdfPrintLayout layout = layoutFor(printer, scaling);
+    if (printer.outputFormat() == QPrinter::PdfFormat && !printer.outputFileName().isEmpty())
+        return printToFile(*pages, layout, printer.outputFileName());
+    if (CupsPrinting::serverReachable())
+        return printThroughScheduler(printer, *pages, layout);
+    return printAsPictures(printer, *pages, layout);
+}
+
+bool PrintCommand::printToFile(const std::vector<int> &pages, const PdfPrintLayout &layout, const QString &target)
+{
+    // Written beside the target and put in its place only when whole.
+    const QString part = target + QStringLiteral(".part");
+    PageWorkProgress progress(window_);
+    progress.begin(tr("Writing the pages…"), true);
+    const auto result = PdfPrintCopy::write(model_->pdfDocument(), pages, layout, part,
+                                            [&](int done, int total) { return progress.step(done, total); });
+    if (result == PdfPrintCopy::Result::Cancelled)
+        return false;
+    if (result != PdfPrintCopy::Result::Written || (QFile::exists(target) && !QFile::remove(target)) ||
+        !QFile::rename(part, target)) {
+        QFile::remove(part);
+        model_->setErrorMessage(tr("The file “%1” could not be written.").arg(QFileInfo(target).fileName()));
+        return false;
+    }
+    return true;
+}
+
+bool PrintCommand::printThroughScheduler(QPrinter &printer, const std::vector<int> &pages, const PdfPrintLayout &layout)
+{
+    const auto document = model_->pdfDocument();
+    // The copy for the printer carries no password: it goes to a scheduler on
+    // this computer only, never across the network.
+    if (document->isEncrypted() && !CupsPrinting::serverIsLocal()) {
+        model_->setErrorMessage(
+            tr("This document is encrypted, so it is printed only through a print service on this computer."));
+        return false;
+    }
+    QTemporaryDir spool;
+    const QString path = spool.filePath(QStringLiteral("print.pdf"));
+    PageWorkProgress progress(window_);
+    progress.begin(tr("Preparing the pages for printing…"), true);
+    const auto written =
+        PdfPrintCopy::write(document, pages, layout, path, [&](int done, int total) { return progress.step(done, total); });
+    if (written == PdfPrintCopy::Result::Cancelled)
+        return false;
+    if (!spool.isValid() || written != PdfPrintCopy::Result::Written) {
+        model_->setErrorMessage(tr("The pages could not be prepared for printing."));
+        return false;
+    }
+    CupsJobOptions options;
+    options.title = printer.docName().isEmpty() ? QFileInfo(document->path()).fileName() : printer.docName();
+    options.copies = printer.copyCount();
+    options.collate = printer.collateCopies();
+    options.sides = sidesFor(printer);
+    options.media = printer.pageLayout().pageSize().key();
+    progress.begin(tr("Sending the pages to “%1”…").arg(printer.printerName()), true);
+    const CupsJobResult sent = CupsPrinting::send(printer.printerName(), path, options,
+                                                  [&](qint64 done, qint64 total) { return progress.step(done, total); });
+    if (sent.outcome == CupsJobResult::Outcome::Failed)
+        model_->setErrorMessage(sent.message);
+    return sent.outcome == CupsJobResult::Outcome::Sent;
+}
+
+bool PrintCommand::printAsPictures(QPrinter &printer, const std::vector<int> &pages, const PdfPrintLayout &layout)
+{
+    const auto document = model_->pdfDocument();
+    printer.setFullPage(true);
+    QPainter painter;
+    if (!painter.begin(&printer)) {
+        model_->setErrorMessage(tr("The printer “%1” cannot be used.").arg(printer.printerName()));
+        return false;
+    }
+    // Device pixels per point; pictures are drawn at no more than 300 dots per inch.
+    const qreal device = printer.resolution() / 72.0;
+    const qreal pixels = std::min<qreal>(printer.resolution(), 300) / 72.0;
+    PageWorkProgress progress(window_);
+    progress.begin(tr("Printing the pages…"), true);
+    for (size_t i = 0; i < pages.size(); ++i) {
+        if (!progress.step(qint64(i), qint64(pages.size()))) {
+            painter.end();
+            return false;
+        }
+        if (i > 0)
+            printer.newPage();
+        const auto page = document->page(pages[i]);
+        const QSizeF shown = page->displaySize();
+        const PdfPrintPlacement placement = PdfPrintCopy::place(shown, layout);
+        const QImage picture = page->render(pixels * placement.scale);
+        painter.save();
+        painter.translate(placement.area.center() * device);
+        if (placement.turned)
+            painter.rotate(-90);
+        const QSizeF size = shown * placement.scale * device;
+        painter.drawImage(QRectF(QPointF(-size.width() / 2, -size.height() / 2), size), picture);
+        painter.restore();
+    }
+    return painter.end();
+}

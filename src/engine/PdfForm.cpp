@@ -38,6 +38,7 @@ void PdfFieldEdit::put(bool after)
     if (!form)
         return;
     try {
+        form->reattach();
         native_->put(after);
     } catch (const mu::Error &) {
     }
@@ -104,17 +105,18 @@ void PdfForm::read()
         if (n == 0)
             widgets.push_back(resolved);
         if (!widgets.empty()) {
-            std::shared_ptr<PdfFormField> &field = s.byObject[resolved];
-            if (!field) {
-                auto native = std::make_unique<PdfFormField::Native>();
-                native->field = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, resolved); }));
-                field.reset(new PdfFormField(self, std::move(native)));
-            }
+            const int num = numberOf(core_->doc, resolved);
+            std::shared_ptr<PdfFormField> &field = s.byObject[num > 0 ? std::uintptr_t(num) : std::uintptr_t(resolved)];
+            if (!field)
+                field.reset(new PdfFormField(self, std::make_unique<PdfFormField::Native>()));
+            field->native_->field = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, resolved); }));
+            field->native_->fieldNum = num;
             field->name_ = name;
             field->native_->widgets.clear();
             for (pdf_obj *w : widgets) {
                 PdfFormField::Native::WidgetObj widget;
                 widget.obj = Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, w); }));
+                widget.num = numberOf(core_->doc, w);
                 if (auto it = pageOf.find(w); it != pageOf.end())
                     widget.page = it->second;
                 field->native_->widgets.push_back(std::move(widget));
@@ -188,18 +190,25 @@ std::vector<PdfForm::Stop> PdfForm::tabOrder(const std::shared_ptr<PdfPage> &pag
         QRectF bounds;
         int listed;
     };
-    std::unordered_map<pdf_obj *, int> listed; // each widget's place in the page's list
+    // Each widget's place in the page's list, by its object number (its
+    // address when it has none), which holds while MuPDF shows it from a copy.
+    std::unordered_map<std::uintptr_t, int> listed;
     pdf_obj *annots = mu::call([&](fz_context *c) { return pdf_dict_get(c, page->native_->obj, PDF_NAME(Annots)); });
     const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, annots); });
-    for (int i = 0; i < n; ++i)
-        listed.emplace(mu::call([&](fz_context *c) { return pdf_resolve_indirect(c, pdf_array_get(c, annots, i)); }), i);
+    for (int i = 0; i < n; ++i) {
+        pdf_obj *ref = mu::call([&](fz_context *c) { return pdf_array_get(c, annots, i); });
+        const int num = mu::call([&](fz_context *c) { return pdf_is_indirect(c, ref) ? pdf_to_num(c, ref) : 0; });
+        listed.emplace(num > 0 ? std::uintptr_t(num)
+                               : std::uintptr_t(mu::call([&](fz_context *c) { return pdf_resolve_indirect(c, ref); })),
+                       i);
+    }
     std::vector<Placed> placed;
     for (const auto &field : fields())
         for (size_t i = 0; i < field->native_->widgets.size(); ++i) {
             const auto &w = field->native_->widgets[i];
             if (w.page.lock() != page)
                 continue;
-            const auto at = listed.find(w.obj.get());
+            const auto at = listed.find(w.num > 0 ? std::uintptr_t(w.num) : std::uintptr_t(w.obj.get()));
             placed.push_back({{field, int(i)}, rectOf(w.obj.get()), at == listed.end() ? n : at->second});
         }
     const QByteArray tabs = mu::call([&](fz_context *c) {
@@ -242,7 +251,8 @@ std::vector<std::shared_ptr<PdfFormField>> PdfForm::calculationOrder()
     const int n = mu::call([&](fz_context *c) { return pdf_array_len(c, order); });
     for (int i = 0; i < n; ++i) {
         pdf_obj *entry = mu::call([&](fz_context *c) { return pdf_resolve_indirect(c, pdf_array_get(c, order, i)); });
-        const auto it = state_->byObject.find(entry);
+        const int num = numberOf(core_->doc, entry);
+        const auto it = state_->byObject.find(num > 0 ? std::uintptr_t(num) : std::uintptr_t(entry));
         if (it != state_->byObject.end() && taken.insert(it->second.get()).second)
             out.push_back(it->second);
     }
@@ -333,7 +343,9 @@ std::shared_ptr<PdfFieldEdit> PdfForm::reset()
 std::shared_ptr<PdfFieldEdit> PdfForm::change(const std::function<void(PdfFieldEdit::Native &)> &make)
 {
     auto native = std::make_unique<PdfFieldEdit::Native>();
+    native->doc = core_->doc;
     try {
+        reattach();
         make(*native);
         if (native->entries.empty())
             return nullptr;
@@ -403,6 +415,31 @@ void PdfForm::settle(PdfFieldEdit::Native &edit)
                 field->writeLook(edit, i);
     edit.touch(form);
     mu::guard([&](fz_context *c) { pdf_dict_dels(c, form, "NeedAppearances"); });
+}
+
+// MuPDF makes a look for a widget that has none only to show it, in a local
+// section of the document's objects that the file never gets: the widget's
+// dictionary moves there (the file keeps a copy) and is dropped with the
+// page. A change made to it would reach neither the file nor the page. So
+// before a change that section is dropped, with the pages loaded from it,
+// and the form reads the file's own dictionaries anew where it held others.
+void PdfForm::reattach()
+{
+    pdf_document *doc = core_->doc;
+    bool moved = doc->local_xref != nullptr;
+    if (moved) {
+        mu::guard([&](fz_context *c) { pdf_drop_local_xref_and_resources(c, doc); });
+        core_->unloadPages();
+    }
+    auto detached = [&](const Obj &held, int num) { return num > 0 && numberOf(doc, held.get()) != num; };
+    for (size_t f = 0; !moved && !state_->stale && f < state_->fields.size(); ++f) {
+        const PdfFormField::Native &n = *state_->fields[f]->native_;
+        moved = detached(n.field, n.fieldNum);
+        for (size_t w = 0; !moved && w < n.widgets.size(); ++w)
+            moved = detached(n.widgets[w].obj, n.widgets[w].num);
+    }
+    if (moved || state_->stale)
+        read();
 }
 
 void PdfForm::announce(const PdfFieldEdit::Native &edit)

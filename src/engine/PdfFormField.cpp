@@ -12,6 +12,19 @@ using namespace formnative;
 
 namespace formnative {
 
+int numberOf(pdf_document *doc, pdf_obj *obj)
+{
+    return mu::call([&](fz_context *c) {
+        const int num = pdf_obj_parent_num(c, obj);
+        if (num <= 0 || num >= pdf_xref_len(c, doc))
+            return 0;
+        pdf_obj *filed = pdf_load_object(c, doc, num);
+        const bool own = filed == obj;
+        pdf_drop_obj(c, filed);
+        return own ? num : 0;
+    });
+}
+
 QString text(pdf_obj *obj)
 {
     return QString::fromUtf8(mu::call([&](fz_context *c) { return std::string(pdf_to_text_string(c, obj)); }));

@@ -234,6 +234,8 @@ private:
     void recalculate(PdfFieldEdit::Native &edit);
     void settle(PdfFieldEdit::Native &edit);
     void announce(const PdfFieldEdit::Native &edit);
+    // Before a change: the form holds the file's own dictionaries (see PdfForm.cpp).
+    void reattach();
 
     std::shared_ptr<DocCore> core_;
     std::weak_ptr<PdfDocument> document_;

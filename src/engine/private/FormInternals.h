@@ -11,10 +11,18 @@
 #include <unordered_map>
 #include <unordered_set>
 
+namespace formnative {
+// The object number of `obj` when it is an object of the file's own (not
+// one inside another), else 0.
+int numberOf(pdf_document *doc, pdf_obj *obj);
+} // namespace formnative
+
 struct PdfFormField::Native {
-    mu::Obj field; // the terminal field's dictionary
+    mu::Obj field;    // the terminal field's dictionary
+    int fieldNum = 0; // its object number, 0 when it is not an object of its own
     struct WidgetObj {
         mu::Obj obj;
+        int num = 0;
         std::weak_ptr<PdfPage> page;
     };
     std::vector<WidgetObj> widgets;
@@ -22,8 +30,10 @@ struct PdfFormField::Native {
 
 // The dictionaries a change touched, as they were before it and after it.
 struct PdfFieldEdit::Native {
+    pdf_document *doc = nullptr;
     struct Entry {
         mu::Obj live;
+        int num = 0; // its object number, when it is an object of its own
         mu::Obj before;
         mu::Obj after;
     };
@@ -40,6 +50,7 @@ struct PdfFieldEdit::Native {
             return;
         Entry entry;
         entry.live = mu::Obj(mu::call([&](fz_context *c) { return pdf_keep_obj(c, resolved); }));
+        entry.num = formnative::numberOf(doc, resolved);
         entry.before = mu::Obj(mu::call([&](fz_context *c) { return pdf_deep_copy_obj(c, resolved); }));
         touched.insert(resolved);
         entries.push_back(std::move(entry));
@@ -54,14 +65,16 @@ struct PdfFieldEdit::Native {
     {
         mu::guard([&](fz_context *c) {
             for (const Entry &e : entries) {
-                pdf_obj *live = e.live.get();
                 pdf_obj *from = after ? e.after.get() : e.before.get();
                 if (!from)
                     continue;
+                // The file's own object of that number, should MuPDF have replaced it since.
+                pdf_obj *live = e.num > 0 ? pdf_load_object(c, doc, e.num) : pdf_keep_obj(c, e.live.get());
                 for (int n = pdf_dict_len(c, live); n > 0; n = pdf_dict_len(c, live))
                     pdf_dict_del(c, live, pdf_dict_get_key(c, live, n - 1));
                 for (int i = 0; i < pdf_dict_len(c, from); ++i)
                     pdf_dict_put_drop(c, live, pdf_dict_get_key(c, from, i), pdf_deep_copy_obj(c, pdf_dict_get_val(c, from, i)));
+                pdf_drop_obj(c, live);
             }
         });
     }
@@ -71,7 +84,8 @@ struct PdfForm::State {
     bool stale = true;
     std::vector<std::shared_ptr<PdfFormField>> fields;
     // By the field dictionary (resolved), so a field keeps its object across readings.
-    std::unordered_map<pdf_obj *, std::shared_ptr<PdfFormField>> byObject;
+    // By the field's object number (its dictionary's address when it has none).
+    std::unordered_map<std::uintptr_t, std::shared_ptr<PdfFormField>> byObject;
     // Topmost fields of widgets that the form's list of fields leaves out.
     std::vector<mu::Obj> unlisted;
     QMetaObject::Connection pageList;

@@ -46,6 +46,15 @@ bool isTabKey(const QKeyEvent *key)
            !(key->modifiers() & (Qt::ControlModifier | Qt::AltModifier));
 }
 
+// Whether the focus is in `editor` or in a popup it opened (its list).
+bool holdsFocus(QWidget *editor)
+{
+    for (QWidget *w = QApplication::focusWidget(); w; w = w->parentWidget())
+        if (w == editor)
+            return true;
+    return false;
+}
+
 bool isReturnKey(const QKeyEvent *key)
 {
     return key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter;
@@ -293,13 +302,12 @@ bool FormFieldsLayer::eventFilter(QObject *watched, QEvent *event)
             return true;
         }
     } else if (event->type() == QEvent::FocusOut) {
+        // Leaving the editor keeps its value; its own list popping up, or
+        // the window losing the focus, does not.
         const auto reason = static_cast<QFocusEvent *>(event)->reason();
-        const bool away = reason != Qt::PopupFocusReason && reason != Qt::ActiveWindowFocusReason;
-        QWidget *focus = QApplication::focusWidget();
-        if (away && !committing_ && !(focus && (focus == editor_ || editor_->isAncestorOf(focus))))
+        if (reason != Qt::PopupFocusReason && reason != Qt::ActiveWindowFocusReason && !committing_)
             QTimer::singleShot(0, this, [this, editor = editor_] {
-                if (editor_ == editor && !editor->hasFocus() && !editor->isAncestorOf(QApplication::focusWidget()) &&
-                    !commitEditor())
+                if (editor_ == editor && !holdsFocus(editor) && !commitEditor())
                     dropEditor();
             });
     }
@@ -518,7 +526,7 @@ void FormFieldsLayer::dropEditor()
         return;
     editor_ = nullptr;
     editor->removeEventFilter(this);
-    const bool hadFocus = editor->hasFocus() || editor->isAncestorOf(QApplication::focusWidget());
+    const bool hadFocus = holdsFocus(editor);
     editor->hide();
     editor->deleteLater();
     if (hadFocus && current_)

@@ -36,6 +36,9 @@ CommandMenu::CommandMenu(DocumentModel *model, QMainWindow *window, std::functio
     edit->addSeparator();
     deleteSelection = add(edit, tr("Delete Selection"), {QKeySequence(Qt::Key_Backspace), QKeySequence(Qt::Key_Delete)},
                           &CommandMenu::performDelete);
+    resetForm = edit->addAction(tr("Reset Form"));
+    resetForm->setToolTip(tr("Set every field of the form back to its default value"));
+    connect(resetForm, &QAction::triggered, model_, &DocumentModel::resetForm);
     edit->addSeparator();
     find = edit->addAction(tr("Find…"));
     find->setShortcuts(QKeySequence::Find);
@@ -88,6 +91,7 @@ void CommandMenu::update()
     undo->setEnabled(!model_->history().undoStack().empty());
     redo->setEnabled(!model_->history().redoStack().empty());
     deleteSelection->setEnabled(model_->selectedAnnotation() != nullptr && !model_->changesRestricted());
+    resetForm->setEnabled(!model_->changesRestricted() && model_->hasFormFields());
     save->setEnabled(!model_->fileURL().isEmpty() && model_->isDirty());
     saveAs->setEnabled(hasDocument);
     print->setEnabled(hasDocument && !model_->pdfDocument()->isLocked());

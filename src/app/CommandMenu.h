@@ -24,6 +24,7 @@ public:
     QAction *undo = nullptr;
     QAction *redo = nullptr;
     QAction *deleteSelection = nullptr;
+    QAction *resetForm = nullptr;
     // The window connects these to its find bar.
     QAction *find = nullptr;
     QAction *findNext = nullptr;

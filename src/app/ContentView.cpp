@@ -8,6 +8,7 @@
 #include "DrawingOverlayView.h"
 #include "ExtractPagesSheet.h"
 #include "FindBar.h"
+#include "FormFieldsLayer.h"
 #include "Icons.h"
 #include "InsertPagesSheet.h"
 #include "MergeSheet.h"
@@ -87,6 +88,14 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
     findBar_->installEventFilter(this);
     paneLayout->addWidget(findBar_);
     paneLayout->addWidget(bridge_);
+    // The fields of a form take clicks first, except while an annotation tool works.
+    formFields_ = new FormFieldsLayer(model_, bridge_->pdfView());
+    auto suspendFields = [this] {
+        formFields_->setSuspended(toolSettings_->currentTool() != AnnotationTool::none ||
+                                  !model_->pendingSignatureImage().isNull());
+    };
+    connect(toolSettings_, &ToolSettings::currentToolChanged, formFields_, suspendFields);
+    connect(model_, &DocumentModel::pendingSignatureImageChanged, formFields_, suspendFields);
     banner_ = buildBanner();
     banner_->setParent(documentPane_);
     documentPane_->installEventFilter(this);
@@ -140,6 +149,7 @@ ContentView::ContentView(DocumentModel *model, std::function<void()> newWindow, 
         connect(model_, signal, this, &ContentView::updateBanner);
     connect(model_, &DocumentModel::errorMessageChanged, this, &ContentView::updateErrorAlert);
     connect(model_, &DocumentModel::lockedURLChanged, this, &ContentView::updatePasswordSheet);
+    connect(formFields_, &FormFieldsLayer::fieldsChanged, this, &ContentView::updateBanner);
     connect(this, &ContentView::sheetFlagsChanged, this, &ContentView::updateSheets);
     updateTitle();
     updateDocumentArea();
@@ -259,12 +269,20 @@ QWidget *ContentView::buildBanner()
     bannerEditAnyway_->setAccessibleName(bannerEditAnyway_->text());
     bannerEditAnyway_->setToolTip(tr("Turn on the editing tools for this document"));
     connect(bannerEditAnyway_, &QPushButton::clicked, this, [this] { model_->setChangesRestricted(false); });
+    bannerHighlight_ = new QPushButton(tr("Highlight Fields"));
+    bannerHighlight_->setFlat(true);
+    bannerHighlight_->setCheckable(true);
+    bannerHighlight_->setChecked(true);
+    bannerHighlight_->setAccessibleName(bannerHighlight_->text());
+    bannerHighlight_->setToolTip(tr("Tint the fields you can fill in"));
+    connect(bannerHighlight_, &QPushButton::toggled, this, [this](bool on) { formFields_->setHighlightsFields(on); });
     auto *row = new QHBoxLayout(banner);
     row->setContentsMargins(8, 8, 8, 8);
     row->addWidget(bannerIcon_);
     row->addWidget(bannerLabel_, 1);
     row->addWidget(bannerCancel_);
     row->addWidget(bannerEditAnyway_);
+    row->addWidget(bannerHighlight_);
     return banner;
 }
 
@@ -294,7 +312,7 @@ void ContentView::updateBanner()
 {
     const bool document = model_->pdfDocument() != nullptr;
     QString icon, text;
-    bool cancel = false, editAnyway = false;
+    bool cancel = false, editAnyway = false, highlight = false;
     if (!model_->pendingSignatureImage().isNull()) {
         icon = "document-sign";
         text = tr("Click to drop your signature — then drag to move, drag a corner to resize. Esc to cancel.");
@@ -314,6 +332,13 @@ void ContentView::updateBanner()
         text = tr("This document is signed. Changes you save are added after the signatures, which stay valid.");
         if (model_->retypedText())
             text += QLatin1Char(' ') + tr("Its signed revision still holds the old text of the lines you retyped.");
+    } else if (document && formFields_->hasFields()) {
+        icon = "edit-rename";
+        text = tr("This document has fields you can fill in.");
+        if (formFields_->hasScriptsNotRun())
+            text += QLatin1Char(' ') + tr("Its scripts are not run here, so checks or sums they make beyond the common "
+                                          "formats and totals do not happen.");
+        highlight = true;
     }
     bannerLabel_->setText(text);
     banner_->setAccessibleName(text.isEmpty() ? QString() : tr("Notice"));
@@ -323,6 +348,7 @@ void ContentView::updateBanner()
         bannerIcon_->setPixmap(Icons::get(icon).pixmap(16, 16));
     bannerCancel_->setVisible(cancel);
     bannerEditAnyway_->setVisible(editAnyway);
+    bannerHighlight_->setVisible(highlight);
     placeBanner();
 }
 

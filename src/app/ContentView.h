@@ -17,6 +17,7 @@ class CommandMenu;
 class CommentsView;
 class DocumentModel;
 class FindBar;
+class FormFieldsLayer;
 class PageZoomFields;
 class PagesMenu;
 class PasswordSheet;
@@ -89,6 +90,8 @@ public:
     QString bannerText() const;
     QPushButton *bannerCancelButton() const { return bannerCancel_; }
     QPushButton *bannerEditAnywayButton() const { return bannerEditAnyway_; }
+    QPushButton *bannerHighlightFieldsButton() const { return bannerHighlight_; }
+    FormFieldsLayer *formFields() const { return formFields_; }
     QMessageBox *errorAlert() const { return alert_; }
     PasswordSheet *passwordSheet() const { return passwordSheet_; }
     // The page and signature dialogs on show, or none.
@@ -145,6 +148,8 @@ private:
     QLabel *bannerLabel_ = nullptr;
     QPushButton *bannerCancel_ = nullptr;
     QPushButton *bannerEditAnyway_ = nullptr;
+    QPushButton *bannerHighlight_ = nullptr;
+    FormFieldsLayer *formFields_ = nullptr;
     QAction *tbOpen_ = nullptr;
     QAction *tbSave_ = nullptr;
     QAction *tbUndo_ = nullptr;

@@ -1,9 +1,10 @@
-// The document model's operations that change annotations, pages and bookmarks.
+// The document model's operations that change annotations, pages, bookmarks and form fields.
 #include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "FilePanel.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
+#include "PdfFormField.h"
 #include "PdfOutline.h"
 #include "PdfPage.h"
 #include "PdfSelection.h"
@@ -205,6 +206,28 @@ bool DocumentModel::retypeText(const std::shared_ptr<PdfPage> &page, const QRect
     }
     changed();
     return true;
+}
+
+bool DocumentModel::changeFields(const std::function<std::shared_ptr<PdfFieldEdit>()> &edit)
+{
+    if (!pdfDocument_ || !edit || changesRestricted_)
+        return false;
+    const std::shared_ptr<PdfFieldEdit> made = edit();
+    if (!made)
+        return false;
+    record({[made] { made->undo(); }, [made] { made->redo(); }});
+    changed();
+    return true;
+}
+
+void DocumentModel::resetForm()
+{
+    changeFields([this] { return pdfDocument_->form()->reset(); });
+}
+
+bool DocumentModel::hasFormFields() const
+{
+    return pdfDocument_ && !pdfDocument_->isLocked() && !pdfDocument_->formFields().empty();
 }
 
 bool DocumentModel::mayChangePages()

@@ -22,6 +22,7 @@
 #include <QSet>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -33,6 +34,7 @@ class PdfAnnotation;
 class PdfOutline;
 struct PdfOutlineChange;
 class PdfDocument;
+class PdfFieldEdit;
 class PdfPage;
 class PdfSelection;
 
@@ -135,6 +137,15 @@ public:
     // undoable step; false, with nothing changed, where the content cannot be
     // edited there (the caller covers the line instead) or changes are refused.
     bool retypeText(const std::shared_ptr<PdfPage> &page, const QRectF &run, const QString &text);
+    // Runs `edit`, a change of form fields (PdfFormField::setValue and its
+    // kin), and records the change it answers as one undoable step; false,
+    // with nothing changed, when it answers none (the value was refused or
+    // is the same) or changes are refused.
+    bool changeFields(const std::function<std::shared_ptr<PdfFieldEdit>()> &edit);
+    // Sets every field of the form back to its default, one undoable step.
+    void resetForm();
+    // Whether the document has form fields (Reset Form is offered then).
+    bool hasFormFields() const;
     // Marks the selected text with one markup annotation per page, one undoable step each.
     void applyMarkup(const QString &subtype, const QColor &color, const PdfSelection &selection);
 

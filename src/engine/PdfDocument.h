@@ -11,6 +11,8 @@
 
 struct DocCore;
 class PdfChangeChannel;
+class PdfForm;
+class PdfFormField;
 class PdfPage;
 
 struct PdfWriteOptions {
@@ -132,8 +134,14 @@ public:
     // annotations (and it was not opened with the owner password).
     bool allowsChanges() const;
 
+    // The document's form (PdfFormField.h), made on first use and kept.
+    std::shared_ptr<PdfForm> form();
+    // Its terminal fields, in the order of the form's field tree.
+    std::vector<std::shared_ptr<PdfFormField>> formFields();
+
 private:
     friend class PdfCopyBatch;
+    friend class PdfForm;
     friend class PdfOutline;
     friend class PdfPage;
     PdfDocument() = default;
@@ -153,4 +161,5 @@ private:
     bool locked_ = false;
     // The pages in order.
     std::vector<std::shared_ptr<PdfPage>> pages_;
+    std::shared_ptr<PdfForm> form_;
 };

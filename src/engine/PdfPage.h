@@ -116,6 +116,7 @@ private:
     friend class PdfAnnotation;
     friend class PdfSelection;
     friend class PdfContentEdit;
+    friend class PdfForm;
     friend class PdfPrintCopy;
     struct Text;
 

@@ -52,6 +52,8 @@ PdfView::~PdfView()
 {
     if (overlay_)
         overlay_->removeEventFilter(this);
+    // Deleted while the view is whole, as it may be one of its decorations.
+    delete priorityOverlay_.data();
 }
 
 // ---- Document and pages --------------------------------------------------
@@ -224,8 +226,7 @@ void PdfView::relayout(const Anchor &anchor, std::optional<qreal> scale)
             break;
     }
     relayingOut_ = false;
-    if (overlay_)
-        overlay_->setGeometry(viewport()->rect());
+    placeOverlays();
     updateCurrentPage();
     pictureTimer_.start();
     viewport()->update();
@@ -320,8 +321,7 @@ void PdfView::scrollContentsBy(int, int dy)
 bool PdfView::viewportEvent(QEvent *event)
 {
     if (event->type() == QEvent::Resize) {
-        if (overlay_)
-            overlay_->setGeometry(viewport()->rect());
+        placeOverlays();
         relayout(anchorAt(QPointF(viewport()->width() / 2.0, 0)));
     }
     return QAbstractScrollArea::viewportEvent(event);

@@ -111,6 +111,14 @@ public:
     // without a parent; none removes the overlay.
     void setOverlay(QWidget *overlay);
     QWidget *overlay() const { return overlay_; }
+    // A second overlay, for editors that come first where they want input
+    // (the fields of a form): laid over the visible area under the overlay,
+    // like it a child of the viewport, and asked first for each press and
+    // pointer move, whichever of the two it reached; what it declines goes to
+    // the overlay, then to the view. Keys go to the one that has the focus.
+    // It is deleted with the view; none removes it.
+    void setPriorityOverlay(QWidget *overlay);
+    QWidget *priorityOverlay() const { return priorityOverlay_; }
 
     // An annotation the pages are drawn without (the overlay draws it while
     // it is dragged); none draws every annotation again. Pictures already on
@@ -204,7 +212,10 @@ private:
     void updateCompleteness();
 
     // Input (PdfViewInput.cpp).
-    bool routeOverlayEvent(QEvent *event);
+    enum class MouseOwner { None, View, Priority, Overlay };
+    bool routeOverlayEvent(QWidget *watched, QEvent *event);
+    MouseOwner takerOf(QEvent *event) const;
+    void placeOverlays();
     void selectTo(QPointF viewPoint);
     void selectUnit(QPointF viewPoint, bool line);
     std::optional<PdfLink> linkAt(QPointF viewPoint);
@@ -249,6 +260,7 @@ private:
     std::vector<PdfPageDecoration *> decorations_;
 
     QPointer<QWidget> overlay_;
-    bool overlayHasMouse_ = false;
-    bool viewHasMouse_ = false;
+    QPointer<QWidget> priorityOverlay_;
+    MouseOwner mouseOwner_ = MouseOwner::None;
+    bool forwarding_ = false;
 };

@@ -41,7 +41,7 @@ void PdfView::setOverlay(QWidget *overlay)
         overlay_->setParent(nullptr);
     }
     overlay_ = overlay;
-    overlayHasMouse_ = viewHasMouse_ = false;
+    mouseOwner_ = MouseOwner::None;
     if (!overlay)
         return;
     overlay->setParent(viewport());
@@ -51,27 +51,84 @@ void PdfView::setOverlay(QWidget *overlay)
     overlay->raise();
 }
 
+void PdfView::setPriorityOverlay(QWidget *overlay)
+{
+    if (priorityOverlay_ == overlay)
+        return;
+    if (priorityOverlay_) {
+        priorityOverlay_->removeEventFilter(this);
+        priorityOverlay_->hide();
+        priorityOverlay_->setParent(nullptr);
+    }
+    priorityOverlay_ = overlay;
+    mouseOwner_ = MouseOwner::None;
+    if (!overlay)
+        return;
+    overlay->setParent(viewport());
+    overlay->setGeometry(viewport()->rect());
+    overlay->installEventFilter(this);
+    overlay->show();
+    if (overlay_)
+        overlay->stackUnder(overlay_);
+    else
+        overlay->raise();
+}
+
+void PdfView::placeOverlays()
+{
+    for (QWidget *layer : {overlay_.data(), priorityOverlay_.data()})
+        if (layer)
+            layer->setGeometry(viewport()->rect());
+}
+
 bool PdfView::eventFilter(QObject *watched, QEvent *event)
 {
-    if (overlay_ && watched == overlay_)
-        return routeOverlayEvent(event);
+    if (watched && (watched == overlay_ || watched == priorityOverlay_))
+        return routeOverlayEvent(static_cast<QWidget *>(watched), event);
     return QAbstractScrollArea::eventFilter(watched, event);
 }
 
-// Input that reaches the overlay goes on to the view when the overlay does not
-// want it; true means the view took it.
-bool PdfView::routeOverlayEvent(QEvent *event)
+// The first layer that wants a press or a pointer move: the priority
+// overlay, the overlay, else the view. A layer that is not a PdfViewOverlay
+// wants everything.
+PdfView::MouseOwner PdfView::takerOf(QEvent *event) const
 {
-    auto *client = dynamic_cast<PdfViewOverlay *>(overlay_.data());
-    auto declined = [&] { return client && !client->wantsEvent(event); };
+    auto wants = [event](QWidget *layer) {
+        auto *client = dynamic_cast<PdfViewOverlay *>(layer);
+        return !client || client->wantsEvent(event);
+    };
+    if (priorityOverlay_ && priorityOverlay_->isVisible() && wants(priorityOverlay_))
+        return MouseOwner::Priority;
+    if (overlay_ && wants(overlay_))
+        return MouseOwner::Overlay;
+    return MouseOwner::View;
+}
+
+// Input that reaches an overlay goes to the layer that wants it (both lie
+// over the whole viewport, so positions hold for either), else to the view;
+// true means it was handled here.
+bool PdfView::routeOverlayEvent(QWidget *watched, QEvent *event)
+{
+    if (forwarding_)
+        return false;
+    // To a layer: the one it reached just takes it; the other is sent it.
+    auto forward = [&](MouseOwner owner) {
+        QWidget *layer = owner == MouseOwner::Priority ? priorityOverlay_.data() : overlay_.data();
+        if (!layer || layer == watched)
+            return false;
+        forwarding_ = true;
+        QCoreApplication::sendEvent(layer, event);
+        forwarding_ = false;
+        return true;
+    };
     switch (event->type()) {
     case QEvent::MouseButtonPress:
     case QEvent::MouseButtonDblClick: {
+        if (mouseOwner_ == MouseOwner::None)
+            mouseOwner_ = takerOf(event);
+        if (mouseOwner_ != MouseOwner::View)
+            return forward(mouseOwner_);
         auto *mouse = static_cast<QMouseEvent *>(event);
-        if (!overlayHasMouse_ && !viewHasMouse_)
-            (declined() ? viewHasMouse_ : overlayHasMouse_) = true;
-        if (!viewHasMouse_)
-            return false;
         if (event->type() == QEvent::MouseButtonPress)
             mousePressEvent(mouse);
         else
@@ -79,31 +136,47 @@ bool PdfView::routeOverlayEvent(QEvent *event)
         return true;
     }
     case QEvent::MouseMove: {
-        auto *mouse = static_cast<QMouseEvent *>(event);
-        if (overlayHasMouse_ || (!viewHasMouse_ && !declined()))
-            return false;
-        mouseMoveEvent(mouse);
-        return true;
+        const MouseOwner owner = mouseOwner_ == MouseOwner::None ? takerOf(event) : mouseOwner_;
+        if (owner == MouseOwner::View) {
+            mouseMoveEvent(static_cast<QMouseEvent *>(event));
+            return true;
+        }
+        const bool forwarded = forward(owner);
+        // The pointer shows the shape that the layer that took the move chose.
+        if (forwarded && mouseOwner_ == MouseOwner::None) {
+            QWidget *layer = owner == MouseOwner::Priority ? priorityOverlay_.data() : overlay_.data();
+            if (layer->testAttribute(Qt::WA_SetCursor))
+                watched->setCursor(layer->cursor());
+            else
+                watched->unsetCursor();
+        }
+        return forwarded;
     }
     case QEvent::MouseButtonRelease: {
         auto *mouse = static_cast<QMouseEvent *>(event);
-        const bool toView = viewHasMouse_;
-        if (mouse->buttons() == Qt::NoButton)
-            overlayHasMouse_ = viewHasMouse_ = false;
-        if (toView)
+        const MouseOwner owner = mouseOwner_;
+        if (mouseOwner_ != MouseOwner::None && mouse->buttons() == Qt::NoButton)
+            mouseOwner_ = MouseOwner::None;
+        if (owner == MouseOwner::View) {
             mouseReleaseEvent(mouse);
-        return toView;
+            return true;
+        }
+        return owner != MouseOwner::None && forward(owner);
     }
-    case QEvent::Wheel:
-        if (!declined())
-            return false;
+    case QEvent::Wheel: {
+        const MouseOwner owner = takerOf(event);
+        if (owner != MouseOwner::View)
+            return forward(owner);
         wheelEvent(static_cast<QWheelEvent *>(event));
         return true;
-    case QEvent::KeyPress:
-        if (!declined())
+    }
+    case QEvent::KeyPress: {
+        auto *client = dynamic_cast<PdfViewOverlay *>(watched);
+        if (!client || client->wantsEvent(event))
             return false;
         keyPressEvent(static_cast<QKeyEvent *>(event));
         return true;
+    }
     default:
         return false;
     }

@@ -6,6 +6,7 @@ int runEngineTests(int argc, char **argv);
 int runIntegrityTests(int argc, char **argv);
 int runProducerTests(int argc, char **argv);
 int runFontTests(int argc, char **argv);
+int runFormTests(int argc, char **argv);
 int runSaveWorker(const QString &path);
 
 int main(int argc, char **argv)
@@ -18,5 +19,6 @@ int main(int argc, char **argv)
     failures += runIntegrityTests(argc, argv);
     failures += runProducerTests(argc, argv);
     failures += runFontTests(argc, argv);
+    failures += runFormTests(argc, argv);
     return failures;
 }

@@ -576,4 +576,71 @@ bool writeTruncated(const QString &path, double fraction)
     return writeFile(path, whole.left(qsizetype(whole.size() * fraction)));
 }
 
+QByteArray widgetObject(const QByteArray &rect, const QByteArray &more)
+{
+    return "<< /Type /Annot /Subtype /Widget /P 3 0 R /F 4 /Rect [" + rect + "] " + more + " >>";
+}
+
+QByteArray javaScript(const QByteArray &js)
+{
+    return "<< /S /JavaScript /JS (" + js + ") >>";
+}
+
+// A form of every kind of field on one page laid out in rows (/Tabs /R),
+// listed out of their order. Objects: 1 catalog, 2 pages, 3 page, 4 form,
+// 5 font, 6/7 check box on/off looks, then the fields from 8 on.
+QByteArray formOfEveryKind()
+{
+    const QByteArray money = "/AA << /F " + javaScript("AFNumber_Format(2, 0, 0, 0, \"$\", true);") + " /K " +
+                             javaScript("AFNumber_Keystroke(2, 0, 0, 0, \"$\", true);");
+    std::vector<QByteArray> fields{
+        // 8 total, 9 amount1, 10 amount2
+        widgetObject("450 650 560 670", "/FT /Tx /T (total) /Ff 1 " + money + " /C " +
+                                            javaScript("AFSimple_Calculate(\"SUM\", new Array (\"amount1\", \"amount2\"));") +
+                                            " >>"),
+        widgetObject("50 650 200 670", "/FT /Tx /T (amount1) /DV (5) /MK << /BC [0 0 1] >> " + money + " >>"),
+        widgetObject("250 650 400 670", "/FT /Tx /T (amount2) " + money + " >>"),
+        // 11 name: blue 12 pt; 12 comb of five; 13 comb without a length; 14 auto-sized
+        widgetObject("50 700 300 720", "/FT /Tx /T (name) /DA (/Helv 12 Tf 0 0 1 rg)"),
+        widgetObject("50 600 150 620", "/FT /Tx /T (comb) /Ff 16777216 /MaxLen 5"),
+        widgetObject("200 600 300 620", "/FT /Tx /T (plain) /Ff 16777216"),
+        widgetObject("50 560 120 575", "/FT /Tx /T (small)"),
+        // 15 check box whose on state is "Ja"
+        widgetObject("350 600 365 615", "/FT /Btn /T (agree) /AS /Off /AP << /N << /Ja 6 0 R /Off 7 0 R >> >>"),
+        // 16 radio group in unison (kids 17-20: A, B, A again, one without an on state)
+        "<< /FT /Btn /T (choice) /Ff 33603584 /Kids [17 0 R 18 0 R 19 0 R 20 0 R] >>",
+        widgetObject("350 560 365 575", "/Parent 16 0 R /AS /Off /AP << /N << /A 6 0 R /Off 7 0 R >> >>"),
+        widgetObject("380 560 395 575", "/Parent 16 0 R /AS /Off /AP << /N << /B 6 0 R /Off 7 0 R >> >>"),
+        widgetObject("410 560 425 575", "/Parent 16 0 R /AS /Off /AP << /N << /A 6 0 R /Off 7 0 R >> >>"),
+        widgetObject("440 560 455 575", "/Parent 16 0 R /AS /Off"),
+        // 21 multi-line; 22 multi-select list; 23 signature; 24 date; 25/26 a calculation loop
+        widgetObject("50 400 300 540", "/FT /Tx /T (notes) /Ff 4096 /DA (/Helv 10 Tf 0 g)"),
+        widgetObject("350 400 450 460", "/FT /Ch /T (list) /Ff 2097152 /Opt [(one) [(two) (Two)] (three)]"),
+        widgetObject("350 300 450 330", "/FT /Sig /T (sign)"),
+        widgetObject("50 350 200 370", "/FT /Tx /T (date) /AA << /F " + javaScript("AFDate_FormatEx(\"mm/dd/yyyy\");") + " >>"),
+        widgetObject("50 300 100 320",
+                     "/FT /Tx /T (loopA) /AA << /C " + javaScript("AFSimple_Calculate(\"SUM\", \"loopB, amount1\");") + " >>"),
+        widgetObject("150 300 200 320",
+                     "/FT /Tx /T (loopB) /AA << /C " + javaScript("AFSimple_Calculate(\"SUM\", \"loopA\");") + " >>"),
+    };
+    QByteArray annots, top;
+    for (int n : {8, 9, 10, 11, 12, 13, 14, 15, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26})
+        annots += QByteArray::number(n) + " 0 R ";
+    for (int n : {8, 9, 10, 11, 12, 13, 14, 15, 16, 21, 22, 23, 24, 25, 26})
+        top += QByteArray::number(n) + " 0 R ";
+    std::vector<QByteArray> objects{
+        "<< /Type /Catalog /Pages 2 0 R /AcroForm 4 0 R >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Tabs /R /Annots [" + annots + "] >>",
+        "<< /Fields [" + top +
+            "] /DR << /Font << /Helv 5 0 R >> >> /DA (/Helv 0 Tf 0 g) /NeedAppearances true"
+            " /CO [8 0 R 25 0 R 26 0 R 25 0 R] >>",
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+        streamObject("/Type /XObject /Subtype /Form /BBox [0 0 15 15]", "0 g 2 2 11 11 re f"),
+        streamObject("/Type /XObject /Subtype /Form /BBox [0 0 15 15]", ""),
+    };
+    objects.insert(objects.end(), fields.begin(), fields.end());
+    return fixtures::buildFromObjects(objects);
+}
+
 } // namespace fixtures

@@ -99,6 +99,17 @@ bool writePdf(const QString &path, const std::vector<PageSpec> &pages);
 QByteArray buildFromObjects(const std::vector<QByteArray> &objects);
 QByteArray streamObject(const QByteArray &dictionary, const QByteArray &content);
 
+// A widget annotation of page object 3 (`more` ends the field's dictionary),
+// and a JavaScript action.
+QByteArray widgetObject(const QByteArray &rect, const QByteArray &more);
+QByteArray javaScript(const QByteArray &js);
+// A form of every kind of field on one page laid out in rows (/Tabs /R),
+// listed out of their order: a total of two currency amounts, text (blue
+// 12 pt, comb, auto-sized, multi-line, date), a check box whose on state is
+// "Ja", a radio group in unison, a multi-select list, a signature field and
+// a calculation loop.
+QByteArray formOfEveryKind();
+
 // `count` letter-size pages; page i says "Page <i+1>" at (72, 720) and holds
 // `linesPerPage` lines of words below it.
 std::vector<PageSpec> numberedPages(int count, int linesPerPage = 3);

@@ -215,6 +215,35 @@ QByteArray markupContent(const Input &in, Resources &res)
     return s + "Q\n";
 }
 
+// Adds the glyphs of `line` to the text object under way in `s`, each run
+// with the font (the face, or a fallback face) that has its glyphs; the codes
+// are written once the fonts are embedded.
+void showText(QByteArray &s, Resources &res, const PdfFont &font, const QString &line)
+{
+    std::optional<size_t> currentFont; // each line sets its font anew
+    GlyphRun run;
+    auto flush = [&] {
+        if (run.glyphs.empty())
+            return;
+        res.pieces.push_back(s + '<');
+        res.runs.push_back(std::move(run));
+        s = "> Tj\n";
+        run = {};
+    };
+    for (const fontfaces::Glyph &glyph : fontfaces::glyphs(font, line)) {
+        const auto index = size_t(fontIndex(res, glyph.font));
+        if (index != currentFont) {
+            flush();
+            s += '/' + fontResourceName(res, index) + ' ' + number(font.size) + " Tf\n";
+            currentFont = index;
+        }
+        run.font = index;
+        run.glyphs.push_back(glyph.id);
+        res.glyphs[index].try_emplace(glyph.id, fontembedding::UsedGlyph{glyph.width, glyph.character});
+    }
+    flush();
+}
+
 QByteArray freeTextContent(const Input &in, Resources &res)
 {
     QByteArray s = "q\n";
@@ -258,30 +287,40 @@ QByteArray freeTextContent(const Input &in, Resources &res)
     for (int i = 0; i < lines.size(); ++i) {
         const qreal baseline = h - inset - ascender * font.size - i * lineHeight;
         s += "1 0 0 1 " + number(inset) + ' ' + number(baseline) + " Tm\n";
-        std::optional<size_t> currentFont; // each line sets its font anew
-        GlyphRun run;
-        auto flush = [&] {
-            if (run.glyphs.empty())
-                return;
-            res.pieces.push_back(s + '<');
-            res.runs.push_back(std::move(run));
-            s = "> Tj\n";
-            run = {};
-        };
-        for (const fontfaces::Glyph &glyph : fontfaces::glyphs(font, lines[i])) {
-            const auto index = size_t(fontIndex(res, glyph.font));
-            if (index != currentFont) {
-                flush();
-                s += '/' + fontResourceName(res, index) + ' ' + number(font.size) + " Tf\n";
-                currentFont = index;
-            }
-            run.font = index;
-            run.glyphs.push_back(glyph.id);
-            res.glyphs[index].try_emplace(glyph.id, fontembedding::UsedGlyph{glyph.width, glyph.character});
-        }
-        flush();
+        showText(s, res, font, lines[i]);
     }
     return s + "ET\nQ\n";
+}
+
+// A form field's look: its background and border, then its text, clipped to
+// the inside of the border and marked as the field's variable text.
+QByteArray widgetContent(const Input &in, Resources &res)
+{
+    const qreal w = in.size.width(), h = in.size.height();
+    QByteArray s;
+    if (in.interiorColor.isValid() && in.interiorColor.alpha() > 0)
+        s += "q " + colorOperator(in.interiorColor, "rg") + "0 0 " + number(w) + ' ' + number(h) + " re f Q\n";
+    const qreal border = in.color.isValid() && in.color.alpha() > 0 ? in.borderWidth.value_or(1) : 0;
+    if (border > 0)
+        s += "q " + colorOperator(in.color, "RG") + number(border) + " w " + number(border / 2) + ' ' + number(border / 2) + ' ' +
+             number(w - border) + ' ' + number(h - border) + " re S Q\n";
+    const PdfFont font = freeTextFont(in.font);
+    res.primaryFontName = in.fontResource.isEmpty() ? fontNameToken(font.name) : in.fontResource;
+    fontIndex(res, fontfaces::mupdfFont(font));
+    s += "/Tx BMC\nq\n" + number(border) + ' ' + number(border) + ' ' + number(std::max<qreal>(0, w - 2 * border)) + ' ' +
+         number(std::max<qreal>(0, h - 2 * border)) + " re W n\n";
+    for (const QRectF &row : in.markedRows)
+        s += "q 0.6 0.75 0.86 rg " + number(row.x()) + ' ' + number(row.y()) + ' ' + number(row.width()) + ' ' +
+             number(row.height()) + " re f Q\n";
+    if (!in.placedText.isEmpty()) {
+        s += "BT\n" + colorOperator(in.fontColor.isValid() ? in.fontColor : QColor(Qt::black), "rg");
+        for (const Input::PlacedText &line : in.placedText) {
+            s += "1 0 0 1 " + number(line.origin.x()) + ' ' + number(line.origin.y()) + " Tm\n";
+            showText(s, res, font, line.text);
+        }
+        s += "ET\n";
+    }
+    return s + "Q\nEMC\n";
 }
 
 QByteArray stampContent(const Input &in, Resources &res)
@@ -358,6 +397,8 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
         content = freeTextContent(input, res);
     else if (type == QLatin1String("Stamp"))
         content = stampContent(input, res);
+    else if (type == QLatin1String("Widget"))
+        content = widgetContent(input, res);
     else if (type == QLatin1String("Text"))
         content = noteContent(input);
     else

@@ -30,12 +30,23 @@ struct Input {
     QString contents;
     std::optional<PdfFont> font;
     QColor fontColor;
-    QVector<QPointF> quadPoints;  // relative to the bounds' origin
-    QVector<QPolygonF> inkPaths;  // relative to the bounds' origin
+    QVector<QPointF> quadPoints; // relative to the bounds' origin
+    QVector<QPolygonF> inkPaths; // relative to the bounds' origin
     QImage stampImage;
     // Free text: the turn of its text, degrees clockwise as the page is shown;
     // `size` is then the text's own box, before it is turned.
     int rotation = 0;
+    // Form field widgets ("Widget"): lines of text laid out by the caller,
+    // each from a baseline origin relative to the bounds' origin, in `font`
+    // at its size; the rows a list box shows as chosen; and the resource name
+    // the field's default appearance gives its font ("Helv").
+    struct PlacedText {
+        QPointF origin;
+        QString text;
+    };
+    QVector<PlacedText> placedText{};
+    QVector<QRectF> markedRows{};
+    QByteArray fontResource{};
 };
 
 // Writes the normal appearance of `annot` (a dictionary in core's document),

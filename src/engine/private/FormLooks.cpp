@@ -1,0 +1,189 @@
+// The looks of text and choice fields' widgets: where a value's lines go
+// (comb cells, auto-size, wrapping, alignment) and the appearance written
+// from them.
+#include "Appearance.h"
+#include "DocCore.h"
+#include "FontService.h"
+#include "FormInternals.h"
+
+#include <algorithm>
+#include <cmath>
+
+using mu::Obj;
+using namespace formnative;
+
+namespace {
+
+// Where the lines of a text field's value go.
+struct TextLayout {
+    qreal size = 12;
+    QVector<appearance::Input::PlacedText> lines;
+};
+
+qreal alignedX(PdfFormField::Alignment align, qreal width, qreal pad, qreal textWidth)
+{
+    switch (align) {
+    case PdfFormField::Alignment::Center:
+        return (width - textWidth) / 2;
+    case PdfFormField::Alignment::Right:
+        return width - pad - textWidth;
+    default:
+        return pad;
+    }
+}
+
+// The size that fits one line of `shown` in a box `width` × `height` (inside
+// its padding): as high as the box allows, as narrow as the text needs.
+qreal fittedSize(PdfFont font, const QString &shown, qreal width, qreal height)
+{
+    FontService &fs = FontService::instance();
+    font.size = 1;
+    const qreal unitHeight = std::max<qreal>(0.5, fs.ascent(font) + fs.descent(font));
+    qreal size = height / unitHeight;
+    const qreal unitWidth = fs.textWidth(font, shown);
+    if (unitWidth > 0)
+        size = std::min(size, width / unitWidth);
+    return std::clamp<qreal>(size, 2, 72);
+}
+
+TextLayout layoutText(PdfFont font, const QString &shown, QSizeF box, qreal border, PdfFormField::Alignment align, bool multiLine,
+                      int combCells)
+{
+    FontService &fs = FontService::instance();
+    const qreal w = box.width(), h = box.height();
+    const qreal pad = border + FontService::TextInset;
+    TextLayout out;
+    if (combCells > 0) {
+        const QString cells = shown.left(combCells);
+        const qreal cell = w / combCells;
+        if (font.size <= 0) {
+            QString widest; // the size is fitted so the widest character fills a cell
+            qreal most = -1;
+            PdfFont unit = font;
+            unit.size = 1;
+            for (QChar ch : cells)
+                if (const qreal cw = fs.textWidth(unit, QString(ch)); cw > most)
+                    most = cw, widest = QString(ch);
+            font.size = std::min<qreal>(12, fittedSize(font, widest, cell - 1, h - 2 * border - 2));
+        }
+        const qreal baseline = (h - (fs.ascent(font) + fs.descent(font))) / 2 + fs.descent(font);
+        for (int i = 0; i < cells.size(); ++i) {
+            const QString ch = cells.mid(i, 1);
+            out.lines.push_back({QPointF(i * cell + (cell - fs.textWidth(font, ch)) / 2, baseline), ch});
+        }
+        out.size = font.size;
+        return out;
+    }
+    if (!multiLine) {
+        const QString line =
+            QString(shown).replace(QLatin1Char('\n'), QLatin1Char(' ')).replace(QLatin1Char('\r'), QLatin1Char(' '));
+        // Long values: only what the box can show is measured.
+        const QString visible = line.left(2000);
+        if (font.size <= 0)
+            font.size = fittedSize(font, visible, w - 2 * pad, h - 2 * border - 2);
+        const qreal baseline = (h - (fs.ascent(font) + fs.descent(font))) / 2 + fs.descent(font);
+        out.lines.push_back({QPointF(alignedX(align, w, pad, fs.textWidth(font, visible)), baseline), visible});
+        out.size = font.size;
+        return out;
+    }
+    // Only what the box can show is laid out: the lines that start in it,
+    // from no more text than fills them with the narrowest glyphs.
+    auto wrapped = [&](const PdfFont &f) {
+        const int shownLines = int(std::clamp(std::floor((h - pad) / fs.lineAdvance(f)) + 1, 1.0, 10000.0));
+        const qreal perLine = std::clamp((w - 2 * pad) / (f.size * 0.1) + 2, 2.0, 10000.0);
+        QStringList lines = fs.wrap(f, shown.left(qsizetype(shownLines * perLine)), w - 2 * pad);
+        return lines;
+    };
+    QStringList lines;
+    if (font.size <= 0) {
+        for (font.size = 12; font.size > 4; font.size -= 0.5) {
+            lines = wrapped(font);
+            if (lines.size() * fs.lineAdvance(font) <= h - 2 * pad)
+                break;
+        }
+        if (font.size <= 4)
+            font.size = 4;
+    }
+    lines = wrapped(font);
+    const qreal top = h - pad - fs.ascent(font);
+    for (int i = 0; i < lines.size(); ++i) {
+        const qreal baseline = top - i * fs.lineAdvance(font);
+        if (baseline + fs.ascent(font) < 0)
+            break;
+        out.lines.push_back({QPointF(alignedX(align, w, pad, fs.textWidth(font, lines[i].trimmed())), baseline), lines[i]});
+    }
+    out.size = font.size;
+    return out;
+}
+
+} // namespace
+
+void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
+{
+    auto form = form_.lock();
+    if (!form || index >= native_->widgets.size() || type_ == Type::CheckBox || type_ == Type::RadioButton ||
+        type_ == Type::PushButton || type_ == Type::Signature)
+        return;
+    pdf_obj *widget = native_->widgets[index].obj.get();
+    const QRectF rect = rectOf(widget);
+    appearance::Input in;
+    in.type = QStringLiteral("Widget");
+    pdf_obj *mk = mu::call([&](fz_context *c) { return pdf_dict_get(c, widget, PDF_NAME(MK)); });
+    // A turned widget (/MK /R, counterclockwise) lays its text out in its own
+    // upright box, which the appearance's matrix turns onto the rectangle.
+    in.rotation = ((mu::call([&](fz_context *c) { return pdf_dict_get_int(c, mk, PDF_NAME(R)); }) % 360) + 360) % 360 / 90 * 90;
+    in.size = in.rotation % 180 ? rect.size().transposed() : rect.size();
+    const QSizeF box = in.size;
+    in.interiorColor = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BG)); }));
+    in.color = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BC)); }));
+    const qreal border = in.color.isValid() ? mu::call([&](fz_context *c) {
+        pdf_obj *bs = pdf_dict_get(c, widget, PDF_NAME(BS));
+        pdf_obj *width = pdf_dict_get(c, bs, PDF_NAME(W));
+        return width ? pdf_to_real(c, width) : 1.0f;
+    })
+                                            : 0;
+    in.borderWidth = border;
+    const DefaultAppearance da = readDefaultAppearance(defaultAppearanceOf(*form->core_, native_->field.get()));
+    in.fontResource = da.font;
+    PdfFont font = this->font();
+    const Flags f = flags();
+    const QString value = this->value();
+    in.fontColor = format().showsRed(value) ? QColor(Qt::red) : da.color;
+
+    if (type_ == Type::ListBox) {
+        if (font.size <= 0)
+            font.size = 12;
+        FontService &fs = FontService::instance();
+        const qreal pad = border + FontService::TextInset;
+        const qreal advance = fs.lineAdvance(font);
+        const std::vector<Option> all = choiceOptions();
+        const QStringList chosen = values();
+        const int top =
+            std::clamp(mu::call([&](fz_context *c) { return pdf_dict_get_int(c, native_->field.get(), PDF_NAME(TI)); }), 0,
+                       std::max(0, int(all.size()) - 1));
+        for (int row = top; row < int(all.size()); ++row) {
+            const qreal rowTop = box.height() - border - (row - top) * advance;
+            if (rowTop < 0)
+                break;
+            if (chosen.contains(all[size_t(row)].exportValue))
+                in.markedRows.push_back(QRectF(border, rowTop - advance, box.width() - 2 * border, advance));
+            in.placedText.push_back({QPointF(pad, rowTop - fs.ascent(font) - (advance - fs.ascent(font) - fs.descent(font)) / 2),
+                                     all[size_t(row)].displayValue});
+        }
+    } else {
+        QString shown = displayValue();
+        if (f & Password)
+            shown = QString(shown.size(), QLatin1Char('*'));
+        const bool comb = type_ == Type::Text && (f & Comb) && !(f & (MultiLine | Password)) && maxLength() > 0;
+        const TextLayout layout =
+            layoutText(font, shown, box, border, alignment(), type_ == Type::Text && (f & MultiLine), comb ? maxLength() : 0);
+        font.size = layout.size;
+        in.placedText = layout.lines;
+    }
+    in.font = font;
+    edit.touch(widget);
+    pdf_obj *stream = nullptr;
+    appearance::write(*form->core_, widget, in, &stream);
+    mu::release([&](fz_context *c) { pdf_drop_obj(c, stream); });
+    edit.areas.emplace_back(native_->widgets[index].page, rect);
+}

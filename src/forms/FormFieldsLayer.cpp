@@ -246,6 +246,15 @@ void FormFieldsLayer::mousePressEvent(QMouseEvent *event)
     activate(stop, false);
     if (spot->editable && isButton(spot->field->type()))
         toggle(stop);
+    // The press that opens a list box also picks the row under it, as a click on an open list does.
+    if (auto *list = qobject_cast<QListWidget *>(editor_); list && view_) {
+        const QPoint at = list->viewport()->mapFromGlobal(event->globalPosition().toPoint());
+        if (QListWidgetItem *row = list->itemAt(at)) {
+            list->setCurrentItem(row, list->selectionMode() == QAbstractItemView::MultiSelection
+                                          ? QItemSelectionModel::Toggle
+                                          : QItemSelectionModel::ClearAndSelect);
+        }
+    }
 }
 
 bool FormFieldsLayer::event(QEvent *event)

@@ -31,22 +31,6 @@ bool drawnByUs(const QString &type)
            type == PdfAnnotation::FreeText || type == PdfAnnotation::Text;
 }
 
-QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha)
-{
-    const int n = pdf_array_len(c, array);
-    auto at = [&](int i) { return std::clamp<qreal>(pdf_array_get_real(c, array, i), 0, 1); };
-    QColor color;
-    if (n == 1)
-        color = QColor::fromRgbF(at(0), at(0), at(0));
-    else if (n == 3)
-        color = QColor::fromRgbF(at(0), at(1), at(2));
-    else if (n == 4)
-        color = QColor::fromRgbF((1 - at(0)) * (1 - at(3)), (1 - at(1)) * (1 - at(3)), (1 - at(2)) * (1 - at(3)));
-    if (color.isValid())
-        color.setAlphaF(std::clamp<qreal>(alpha, 0, 1));
-    return color;
-}
-
 void putColor(fz_context *c, pdf_obj *dict, pdf_obj *key, const QColor &color)
 {
     if (!color.isValid()) {
@@ -226,10 +210,10 @@ void PdfAnnotation::readFromFile()
         const qreal strokeAlpha = pdf_is_number(c, ca) ? pdf_to_real(c, ca) : 1.0;
         pdf_obj *fillCa = pdf_dict_get(c, d, PDF_NAME(ca));
         const qreal fillAlpha = pdf_is_number(c, fillCa) ? pdf_to_real(c, fillCa) : strokeAlpha;
-        color_ = colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(C)), freeText ? fillAlpha : strokeAlpha);
+        color_ = appearance::colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(C)), freeText ? fillAlpha : strokeAlpha);
         if (freeText && !color_.isValid())
             color_ = QColor(0, 0, 0, 0);
-        interiorColor_ = colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(IC)), fillAlpha);
+        interiorColor_ = appearance::colorFromArray(c, pdf_dict_get(c, d, PDF_NAME(IC)), fillAlpha);
 
         pdf_obj *bs = pdf_dict_get(c, d, PDF_NAME(BS));
         pdf_obj *border = pdf_dict_get(c, d, PDF_NAME(Border));

@@ -1,5 +1,7 @@
 #include "PdfFormField.h"
 
+#include "Appearance.h"
+
 #include "DocCore.h"
 #include "FormInternals.h"
 #include "PdfPage.h"
@@ -99,16 +101,7 @@ DefaultAppearance readDefaultAppearance(const QByteArray &da)
 QColor colorOf(pdf_obj *array)
 {
     QColor color;
-    mu::tryGuard([&](fz_context *c) {
-        const int n = pdf_array_len(c, array);
-        auto at = [&](int i) { return std::clamp<qreal>(pdf_array_get_real(c, array, i), 0, 1); };
-        if (n == 1)
-            color = QColor::fromRgbF(at(0), at(0), at(0));
-        else if (n == 3)
-            color = QColor::fromRgbF(at(0), at(1), at(2));
-        else if (n == 4)
-            color = QColor::fromRgbF((1 - at(0)) * (1 - at(3)), (1 - at(1)) * (1 - at(3)), (1 - at(2)) * (1 - at(3)));
-    });
+    mu::tryGuard([&](fz_context *c) { color = appearance::colorFromArray(c, array); });
     return color;
 }
 

@@ -215,6 +215,8 @@ private:
     enum class MouseOwner { None, View, Priority, Overlay };
     bool routeOverlayEvent(QWidget *watched, QEvent *event);
     MouseOwner takerOf(QEvent *event) const;
+    // Puts `overlay` in `slot` over the pages; true when a new layer is now in place.
+    bool attachOverlay(QPointer<QWidget> &slot, QWidget *overlay);
     void placeOverlays();
     void selectTo(QPointF viewPoint);
     void selectUnit(QPointF viewPoint, bool line);

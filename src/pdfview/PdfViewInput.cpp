@@ -31,43 +31,37 @@ bool isOpenableUrl(const QUrl &url)
 
 // ---- Overlay -----------------------------------------------------------------
 
-void PdfView::setOverlay(QWidget *overlay)
+// Puts `overlay` over the pages in `slot`, taking the place of the one there.
+bool PdfView::attachOverlay(QPointer<QWidget> &slot, QWidget *overlay)
 {
-    if (overlay_ == overlay)
-        return;
-    if (overlay_) {
-        overlay_->removeEventFilter(this);
-        overlay_->hide();
-        overlay_->setParent(nullptr);
+    if (slot == overlay)
+        return false;
+    if (slot) {
+        slot->removeEventFilter(this);
+        slot->hide();
+        slot->setParent(nullptr);
     }
-    overlay_ = overlay;
+    slot = overlay;
     mouseOwner_ = MouseOwner::None;
     if (!overlay)
-        return;
+        return false;
     overlay->setParent(viewport());
     overlay->setGeometry(viewport()->rect());
     overlay->installEventFilter(this);
     overlay->show();
-    overlay->raise();
+    return true;
+}
+
+void PdfView::setOverlay(QWidget *overlay)
+{
+    if (attachOverlay(overlay_, overlay))
+        overlay->raise();
 }
 
 void PdfView::setPriorityOverlay(QWidget *overlay)
 {
-    if (priorityOverlay_ == overlay)
+    if (!attachOverlay(priorityOverlay_, overlay))
         return;
-    if (priorityOverlay_) {
-        priorityOverlay_->removeEventFilter(this);
-        priorityOverlay_->hide();
-        priorityOverlay_->setParent(nullptr);
-    }
-    priorityOverlay_ = overlay;
-    mouseOwner_ = MouseOwner::None;
-    if (!overlay)
-        return;
-    overlay->setParent(viewport());
-    overlay->setGeometry(viewport()->rect());
-    overlay->installEventFilter(this);
-    overlay->show();
     if (overlay_)
         overlay->stackUnder(overlay_);
     else

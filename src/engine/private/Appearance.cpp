@@ -13,6 +13,22 @@
 
 namespace appearance {
 
+QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha)
+{
+    const int n = pdf_array_len(c, array);
+    auto at = [&](int i) { return std::clamp<qreal>(pdf_array_get_real(c, array, i), 0, 1); };
+    QColor color;
+    if (n == 1)
+        color = QColor::fromRgbF(at(0), at(0), at(0));
+    else if (n == 3)
+        color = QColor::fromRgbF(at(0), at(1), at(2));
+    else if (n == 4)
+        color = QColor::fromRgbF((1 - at(0)) * (1 - at(3)), (1 - at(1)) * (1 - at(3)), (1 - at(2)) * (1 - at(3)));
+    if (color.isValid())
+        color.setAlphaF(std::clamp<qreal>(alpha, 0, 1));
+    return color;
+}
+
 QByteArray number(qreal value)
 {
     if (!std::isfinite(value) || std::abs(value) < 0.0005)

@@ -18,6 +18,7 @@
 
 struct DocCore;
 typedef struct pdf_obj pdf_obj;
+typedef struct fz_context fz_context;
 
 namespace appearance {
 
@@ -52,6 +53,10 @@ struct Input {
 // Writes the normal appearance of `annot` (a dictionary in core's document),
 // reusing the stream `*stream` when it is set. Throws mu::Error.
 void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream);
+
+// The colour a dictionary's colour array gives (gray, RGB or CMYK), with
+// `alpha`; invalid for an array of any other length.
+QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha = 1);
 
 // Formats a number the way content streams want it: short, no exponent.
 QByteArray number(qreal value);

@@ -10,7 +10,6 @@
 #include "PdfInspect.h"
 #include "PdfPage.h"
 
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>

@@ -227,8 +227,12 @@ bool FormFieldsLayer::wantsEvent(const QEvent *event)
     }
     case QEvent::KeyPress: {
         const auto *key = static_cast<const QKeyEvent *>(event);
-        return current_ && !editor_ &&
-               (isTabKey(key) || isReturnKey(key) || key->key() == Qt::Key_Space || key->key() == Qt::Key_Escape);
+        if (editor_)
+            return false;
+        // Tab from the page enters the fields.
+        if (isTabKey(key))
+            return current_ || !tabOrder().empty();
+        return current_ && (isReturnKey(key) || key->key() == Qt::Key_Space || key->key() == Qt::Key_Escape);
     }
     default:
         return false;
@@ -260,7 +264,7 @@ void FormFieldsLayer::mousePressEvent(QMouseEvent *event)
 bool FormFieldsLayer::event(QEvent *event)
 {
     // Tab moves through the fields, not through the window's controls.
-    if (event->type() == QEvent::KeyPress && current_ && isTabKey(static_cast<QKeyEvent *>(event))) {
+    if (event->type() == QEvent::KeyPress && isTabKey(static_cast<QKeyEvent *>(event)) && (current_ || !tabOrder().empty())) {
         const auto *key = static_cast<QKeyEvent *>(event);
         moveFocus(key->key() == Qt::Key_Tab && !(key->modifiers() & Qt::ShiftModifier));
         return true;
@@ -333,7 +337,24 @@ void FormFieldsLayer::moveFocus(bool forward)
         if (sameStop(order[size_t(i)], *current_))
             at = i;
     const int n = int(order.size());
-    const int next = at < 0 ? (forward ? 0 : n - 1) : ((at + (forward ? 1 : -1)) % n + n) % n;
+    int next = ((at + (forward ? 1 : -1)) % n + n) % n;
+    if (at < 0) {
+        // Entering the fields: the first (or last) one from the page in view on.
+        const int page = view_ ? view_->currentPageIndex() : 0;
+        const auto pageOf = [&](int i) {
+            const auto widgets = order[size_t(i)].field->widgets();
+            const size_t widget = size_t(order[size_t(i)].widget);
+            return widget < widgets.size() && widgets[widget].page ? widgets[widget].page->index() : -1;
+        };
+        next = forward ? 0 : n - 1;
+        for (int i = 0; i < n; ++i) {
+            const int candidate = forward ? i : n - 1 - i;
+            if (forward ? pageOf(candidate) >= page : pageOf(candidate) <= page) {
+                next = candidate;
+                break;
+            }
+        }
+    }
     activate(order[size_t(next)], true);
 }
 

@@ -166,6 +166,7 @@ protected:
     void mouseReleaseEvent(QMouseEvent *event) override;
     void wheelEvent(QWheelEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
+    bool focusNextPrevChild(bool next) override;
 
 private:
     // A page and a point of it in display space (points, y down): what must
@@ -215,6 +216,7 @@ private:
     enum class MouseOwner { None, View, Priority, Overlay };
     bool routeOverlayEvent(QWidget *watched, QEvent *event);
     MouseOwner takerOf(QEvent *event) const;
+    bool forwardKey(QWidget *layer, QKeyEvent *event);
     // Puts `overlay` in `slot` over the pages; true when a new layer is now in place.
     bool attachOverlay(QPointer<QWidget> &slot, QWidget *overlay);
     void placeOverlays();

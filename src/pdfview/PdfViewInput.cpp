@@ -168,12 +168,40 @@ bool PdfView::routeOverlayEvent(QWidget *watched, QEvent *event)
         auto *client = dynamic_cast<PdfViewOverlay *>(watched);
         if (!client || client->wantsEvent(event))
             return false;
+        // A key the focused layer does not take may be the other one's (Tab into a form's fields).
+        if (forwardKey(watched == overlay_ ? priorityOverlay_.data() : overlay_.data(), static_cast<QKeyEvent *>(event)))
+            return true;
         keyPressEvent(static_cast<QKeyEvent *>(event));
         return true;
     }
     default:
         return false;
     }
+}
+
+// Hands a key to a layer that wants it; false when it does not.
+bool PdfView::forwardKey(QWidget *layer, QKeyEvent *event)
+{
+    auto *client = dynamic_cast<PdfViewOverlay *>(layer);
+    if (!layer || !layer->isVisible() || !client || !client->wantsEvent(event))
+        return false;
+    forwarding_ = true;
+    QCoreApplication::sendEvent(layer, event);
+    forwarding_ = false;
+    return true;
+}
+
+// Tab on the view itself (not in an editor laid over it) goes to a layer
+// that takes it before it moves the focus on through the window.
+bool PdfView::focusNextPrevChild(bool next)
+{
+    const QWidget *focus = QApplication::focusWidget();
+    if (focus == this || focus == viewport() || focus == overlay_ || focus == priorityOverlay_) {
+        QKeyEvent tab(QEvent::KeyPress, next ? Qt::Key_Tab : Qt::Key_Backtab, next ? Qt::NoModifier : Qt::ShiftModifier);
+        if (forwardKey(priorityOverlay_, &tab) || forwardKey(overlay_, &tab))
+            return true;
+    }
+    return QAbstractScrollArea::focusNextPrevChild(next);
 }
 
 // ---- Pointer -------------------------------------------------------------------

@@ -101,6 +101,13 @@ void TestFormFields::fillingInPlace()
     QVERIFY(window_->commands()->resetForm->isEnabled());
     const int start = steps();
 
+    // Tab on the page enters the fields at the first one.
+    click({550, 300});
+    QVERIFY(!layer_->currentStop());
+    key(Qt::Key_Tab);
+    QVERIFY(layer_->currentStop() && layer_->currentStop()->field == field("name"));
+    key(Qt::Key_Escape);
+
     // Typed in place, in any script; Tab keeps it and moves on in the rows' order.
     click({100, 710});
     auto *line = qobject_cast<QLineEdit *>(layer_->editor());

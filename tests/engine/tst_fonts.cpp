@@ -3,8 +3,8 @@
 // them (checked against fc-match and the standard fonts' published widths),
 // and saved text boxes embed only the glyphs they draw, which poppler and
 // MuPDF's own tools show and give back as text.
-#include "FixtureBuilder.h"
 #include "EngineTestHelpers.h"
+#include "FixtureBuilder.h"
 #include "FontService.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
@@ -26,15 +26,6 @@
 
 namespace {
 
-QString run(const QString &program, const QStringList &args)
-{
-    QProcess p;
-    p.start(program, args);
-    if (!p.waitForFinished(60000))
-        return {};
-    return QString::fromUtf8(p.readAllStandardOutput());
-}
-
 QByteArray readAll(const QString &path)
 {
     QFile f(path);
@@ -44,11 +35,11 @@ QByteArray readAll(const QString &path)
 // The file fontconfig's own tool picks for a pattern ("Arial:bold").
 QString fcFile(const QString &pattern)
 {
-    return run("fc-match", {"-f", "%{file}", pattern});
+    return fixtures::toolOutput("fc-match", {"-f", "%{file}", pattern});
 }
 QString fcFamily(const QString &pattern)
 {
-    return run("fc-match", {"-f", "%{family}", pattern});
+    return fixtures::toolOutput("fc-match", {"-f", "%{family}", pattern});
 }
 
 // The advance of `text` in thousandths of the font size.
@@ -122,7 +113,7 @@ QJsonObject resolved(const inspect::PdfObjects &file, const QJsonValue &value)
 std::vector<EmbeddedFont> freeTextFonts(const QString &path)
 {
     const inspect::PdfObjects file(path);
-    const QString fonts = run("pdffonts", {path});
+    const QString fonts = fixtures::toolOutput("pdffonts", {path});
     std::vector<EmbeddedFont> out;
     for (const QString &ref : file.annots(file.pages().value(0))) {
         const QJsonObject annot = file.dict(ref);
@@ -150,12 +141,14 @@ std::vector<EmbeddedFont> freeTextFonts(const QString &path)
     return out;
 }
 
-
 // The font descriptors of a file that carry a font program.
 int fontPrograms(const QString &path)
 {
     const QJsonObject objects =
-        QJsonDocument::fromJson(run("qpdf", {"--json=2", "--json-key=qpdf", path}).toUtf8())["qpdf"].toArray().at(1).toObject();
+        QJsonDocument::fromJson(fixtures::toolOutput("qpdf", {"--json=2", "--json-key=qpdf", path}).toUtf8())["qpdf"]
+            .toArray()
+            .at(1)
+            .toObject();
     int count = 0;
     for (const QJsonValue &value : objects) {
         const QJsonObject o = value.toObject()["value"].toObject();
@@ -324,8 +317,8 @@ void TestFonts::freeTextEmbedsOnlyTheGlyphsItDraws()
     // Both readers give the text back and draw it, in letters about as tall as
     // the font (18 pt is 36 px here; a missing glyph drawn as a dot or a box
     // would be a few pixels or the full height of a line).
-    const QString text = run("pdftotext", {"-enc", "UTF-8", saved, "-"}).simplified();
-    const QString mupdfText = run("mutool", {"draw", "-q", "-F", "txt", "-o", "-", saved, "1"}).simplified();
+    const QString text = fixtures::toolOutput("pdftotext", {"-enc", "UTF-8", saved, "-"}).simplified();
+    const QString mupdfText = fixtures::toolOutput("mutool", {"draw", "-q", "-F", "txt", "-o", "-", saved, "1"}).simplified();
     const QImage poppler = popplerImage(saved, dir_.path());
     const QImage mupdf = mupdfImage(saved, dir_.path());
     QVERIFY(!poppler.isNull() && !mupdf.isNull());
@@ -398,7 +391,7 @@ void TestFonts::savingAgainLeavesNoOldSubsets()
         QCOMPARE(inspect::qpdfProblems(file), QString());
         // One font program in the file, holding the text as it is now.
         QCOMPARE(fontPrograms(file), 1);
-        QVERIFY(run("pdftotext", {"-enc", "UTF-8", file, "-"}).simplified().contains(edits[i]));
+        QVERIFY(fixtures::toolOutput("pdftotext", {"-enc", "UTF-8", file, "-"}).simplified().contains(edits[i]));
         const std::vector<EmbeddedFont> fonts = freeTextFonts(file);
         QCOMPARE(fonts.size(), size_t(1));
         baseFonts << fonts[0].baseFont;

@@ -17,18 +17,11 @@
 
 namespace {
 
-QString run(const QString &program, const QStringList &args)
-{
-    QProcess p;
-    p.start(program, args);
-    return p.waitForFinished(60000) ? QString::fromUtf8(p.readAllStandardOutput()) : QString();
-}
-
 // The words poppler reads in a page-space rectangle of page 1 (612 × 792),
 // with their boxes (x from the left, y from the top).
 std::vector<std::pair<QString, QRectF>> wordsIn(const QString &file, const QRectF &pageRect)
 {
-    const QString html = run("pdftotext", {"-bbox", "-enc", "UTF-8", file, "-"});
+    const QString html = fixtures::toolOutput("pdftotext", {"-bbox", "-enc", "UTF-8", file, "-"});
     static const QRegularExpression word(
         "<word xMin=\"([\\d.]+)\" yMin=\"([\\d.]+)\" xMax=\"([\\d.]+)\" yMax=\"([\\d.]+)\">([^<]*)</word>");
     const QRectF area(pageRect.left(), 792 - pageRect.bottom(), pageRect.width(), pageRect.height());
@@ -260,7 +253,7 @@ void TestForms::filledFormsAreWrittenForEveryReader()
     QVERIFY(!objects.resolved(objects.root().value("/AcroForm")).toObject().contains("/NeedAppearances"));
 
     // Poppler shows the values as formatted, in their fields, any script not as boxes.
-    const QString text = run("pdftotext", {"-enc", "UTF-8", saved, "-"});
+    const QString text = fixtures::toolOutput("pdftotext", {"-enc", "UTF-8", saved, "-"});
     for (const QString &shown : {polish, QString("$1,234.50"), QString("$1,234.25"), QString("-$0.25"), QString("03/07/2024"),
                                  QString("Two"), QString("Line one")})
         QVERIFY2(text.contains(shown), qPrintable(shown));
@@ -268,7 +261,7 @@ void TestForms::filledFormsAreWrittenForEveryReader()
     // The check box and radio buttons keep their own on looks (filled squares).
     QVERIFY(inkIn(saved, QRectF(350, 600, 15, 15)) > 100);
     QVERIFY(inkIn(saved, QRectF(380, 560, 15, 15)) < 5 && inkIn(saved, QRectF(410, 560, 15, 15)) > 100);
-    QVERIFY(run("mutool", {"draw", "-F", "txt", saved, "1"}).contains(polish));
+    QVERIFY(fixtures::toolOutput("mutool", {"draw", "-F", "txt", saved, "1"}).contains(polish));
     // Comb: one digit in the middle of each of its five cells; a plain field
     // without a length keeps them in a row; auto-size fits the box.
     const auto comb = wordsIn(saved, QRectF(50, 600, 100, 20));

@@ -42,14 +42,6 @@ int run(const QString &program, const QStringList &args, const QString &outputFi
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
 
-QString outputOf(const QString &program, const QStringList &args)
-{
-    QProcess process;
-    process.start(program, args);
-    process.waitForFinished(60000);
-    return QString::fromLocal8Bit(process.readAllStandardOutput());
-}
-
 QByteArray readAll(const QString &path)
 {
     QFile f(path);
@@ -106,11 +98,23 @@ QColor pixelAt(const QImage &image, const std::shared_ptr<PdfPage> &page, QPoint
     return image.rect().contains(p) ? image.pixelColor(p) : QColor();
 }
 
-bool isRed(QColor c) { return c.red() > 200 && c.green() < 70 && c.blue() < 70; }
-bool isGreen(QColor c) { return c.green() > 100 && c.red() < 90 && c.blue() < 90; }
-bool isInk(QColor c) { return std::min({c.red(), c.green(), c.blue()}) < 200; }
+bool isRed(QColor c)
+{
+    return c.red() > 200 && c.green() < 70 && c.blue() < 70;
+}
+bool isGreen(QColor c)
+{
+    return c.green() > 100 && c.red() < 90 && c.blue() < 90;
+}
+bool isInk(QColor c)
+{
+    return std::min({c.red(), c.green(), c.blue()}) < 200;
+}
 // The field's text colour (blue) on its pale yellow background.
-bool isFieldText(QColor c) { return c.blue() > 120 && c.red() < 150 && c.blue() - c.red() > 60; }
+bool isFieldText(QColor c)
+{
+    return c.blue() > 120 && c.red() < 150 && c.blue() - c.red() > 60;
+}
 
 // The PostScript page: a heading, a note with its popup, a link and a filled
 // text field, made with pdfmark; a second page of plain text.
@@ -206,8 +210,8 @@ QJsonObject resolved(const inspect::PdfObjects &file, const QJsonValue &value)
 // The document catalog of a file, as qpdf reads it.
 QJsonObject catalog(const QString &path, const QString &password, const inspect::PdfObjects &file)
 {
-    const QString json = outputOf("qpdf", QStringList{"--json=2", "--json-key=qpdf", "--json-object=trailer"}
-                                              << withPassword(password) << path);
+    const QString json = fixtures::toolOutput("qpdf", QStringList{"--json=2", "--json-key=qpdf", "--json-object=trailer"}
+                                                          << withPassword(password) << path);
     const QJsonObject trailer = QJsonDocument::fromJson(json.toUtf8())
                                     .object()
                                     .value("qpdf")
@@ -247,8 +251,8 @@ QString lostForeignAnnotations(const QString &path, const QString &password)
             note = ref;
         else if (subtype == "/Link" && resolved(file, annot.value("/A")).value("/URI").toString() == "u:https://example.org/")
             link = ref;
-        else if (subtype == "/Widget" && annot.value("/FT").toString() == "/Tx" && annot.value("/T").toString() == "u:name"
-                 && annot.value("/V").toString() == "u:Filled value")
+        else if (subtype == "/Widget" && annot.value("/FT").toString() == "/Tx" && annot.value("/T").toString() == "u:name" &&
+                 annot.value("/V").toString() == "u:Filled value")
             field = ref;
     }
     if (note.isEmpty())
@@ -270,8 +274,7 @@ QString lostForeignAnnotations(const QString &path, const QString &password)
 // what the producers put on their pages.
 QRectF place(const QRectF &box, int i)
 {
-    const QRectF area(box.left() + box.width() * 0.05, box.top() + box.height() * 0.05, box.width() * 0.9,
-                      box.height() * 0.35);
+    const QRectF area(box.left() + box.width() * 0.05, box.top() + box.height() * 0.05, box.width() * 0.9, box.height() * 0.35);
     const QSizeF cell(area.width() / 4, area.height() / 2);
     const QRectF at(area.topLeft() + QPointF(cell.width() * (i % 4), cell.height() * (i / 4)), cell);
     return at.adjusted(cell.width() * 0.1, cell.height() * 0.1, -cell.width() * 0.1, -cell.height() * 0.1);
@@ -311,7 +314,7 @@ std::vector<std::shared_ptr<PdfAnnotation>> everyKind(const QRectF &box)
 // qpdf's account of a file's encryption, the file opened with `password`.
 QString encryptionOf(const QString &path, const QString &password)
 {
-    return outputOf("qpdf", QStringList{"--show-encryption"} << withPassword(password) << path);
+    return fixtures::toolOutput("qpdf", QStringList{"--show-encryption"} << withPassword(password) << path);
 }
 
 // The security handler revision qpdf reports ("R = 6"); 0 when there is none.
@@ -376,7 +379,8 @@ void editAndCheck(const Source &source, const QString &saved)
     const inspect::PdfObjects original(source.file, source.password), written(saved, source.password);
     QVERIFY(written.isValid());
     QCOMPARE(written.pages().size(), pages);
-    std::map<QString, int> expected = original.isValid() ? subtypes(original, original.pages().value(0)) : std::map<QString, int>();
+    std::map<QString, int> expected =
+        original.isValid() ? subtypes(original, original.pages().value(0)) : std::map<QString, int>();
     for (const auto &annotation : made)
         ++expected["/" + annotation->type()];
     std::map<QString, int> found = subtypes(written, written.pages().value(0));
@@ -486,9 +490,9 @@ void TestProducers::initTestCase()
     QCOMPARE(run("qpdf", {"--object-streams=generate", path("cairo.pdf"), path("cairo-object-streams.pdf")}), 0);
     QCOMPARE(run("qpdf", {"--rotate=+90:1", gs, path("rotated.pdf")}), 0);
     QCOMPARE(run("qpdf", {"--encrypt", "user", "owner", "256", "--", gs, path("aes-256.pdf")}), 0);
-    QCOMPARE(run("qpdf", {"--allow-weak-crypto", "--encrypt", "user", "owner", "128", "--use-aes=n", "--", gs,
-                          path("rc4-128.pdf")}),
-             0);
+    QCOMPARE(
+        run("qpdf", {"--allow-weak-crypto", "--encrypt", "user", "owner", "128", "--use-aes=n", "--", gs, path("rc4-128.pdf")}),
+        0);
     QCOMPARE(run("qpdf", {"--encrypt", "", "owner", "256", "--", gs, path("owner-only.pdf")}), 0);
 
     for (const char *name : {"ghostscript.pdf", "groff.pdf", "cairo.pdf", "scan.pdf"})
@@ -598,8 +602,7 @@ void TestProducers::damagedFilesOpenOrAreRefused()
         QVERIFY(!PdfDocument::open(broken));
         return;
     }
-    editAndCheck({broken, {}, foreign, path(file), damage == Damage::Content},
-                 path("saved-" + QFileInfo(broken).fileName()));
+    editAndCheck({broken, {}, foreign, path(file), damage == Damage::Content}, path("saved-" + QFileInfo(broken).fileName()));
 }
 
 int runProducerTests(int argc, char **argv)

@@ -28,19 +28,11 @@
 
 namespace {
 
-QString run(const QString &program, const QStringList &args)
-{
-    QProcess process;
-    process.start(program, args);
-    process.waitForFinished(60000);
-    return QString::fromUtf8(process.readAllStandardOutput());
-}
-
 // The page sizes pdfinfo reports, "W x H", one per page.
 QStringList pageSizes(const QString &path)
 {
     QStringList sizes;
-    const QString info = run("pdfinfo", {"-f", "1", "-l", "99", path});
+    const QString info = fixtures::toolOutput("pdfinfo", {"-f", "1", "-l", "99", path});
     static const QRegularExpression size(R"(Page\s+\d+ size:\s+([\d.]+) x ([\d.]+))");
     for (auto it = size.globalMatch(info); it.hasNext();) {
         const auto m = it.next();
@@ -52,8 +44,8 @@ QStringList pageSizes(const QString &path)
 QImage pagePicture(const QString &path, int page)
 {
     QTemporaryDir dir;
-    run("pdftoppm",
-        {"-r", "72", "-png", "-f", QString::number(page), "-l", QString::number(page), "-singlefile", path, dir.filePath("p")});
+    fixtures::toolOutput("pdftoppm", {"-r", "72", "-png", "-f", QString::number(page), "-l", QString::number(page), "-singlefile",
+                                      path, dir.filePath("p")});
     return QImage(dir.filePath("p.png"));
 }
 
@@ -275,11 +267,11 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     PrintCommand command(&model, nullptr, nullptr);
     QVERIFY2(command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea), qPrintable(model.errorMessage()));
     const QString out = cups_.filePath("out.pdf");
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(out) && !run("pdfinfo", {out}).isEmpty(), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(out) && !fixtures::toolOutput("pdfinfo", {out}).isEmpty(), 15000);
 
     // Three A4 pages, the text of pages 2-4, sent as vector text.
     QCOMPARE(pageSizes(out), QStringList({"595 x 842", "595 x 842", "595 x 842"}));
-    const QString text = run("pdftotext", {out, "-"});
+    const QString text = fixtures::toolOutput("pdftotext", {out, "-"});
     for (const char *word : {"Bravo", "Charlie", "Delta"})
         QVERIFY2(text.contains(word), qPrintable(text));
     QVERIFY(!text.contains("Alpha") && !text.contains("Echo"));
@@ -297,7 +289,7 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     printer.setOutputFileName(file);
     QVERIFY(command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
     QCOMPARE(pageSizes(file), pageSizes(out));
-    QCOMPARE(run("pdftotext", {file, "-"}), text);
+    QCOMPARE(fixtures::toolOutput("pdftotext", {file, "-"}), text);
 
     // A range outside the document prints nothing and says why.
     printer.setOutputFileName({});
@@ -321,7 +313,7 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     const CupsJobResult cancelled = CupsPrinting::send("Vellora-Test", spool, {}, [&](qint64, qint64) { return ++calls < 3; });
     QCOMPARE(cancelled.outcome, CupsJobResult::Outcome::Cancelled);
     QVERIFY(cancelled.jobId > 0);
-    QTRY_COMPARE_WITH_TIMEOUT(run("lpstat", {"-h", server_, "-o"}).trimmed(), QString(), 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(fixtures::toolOutput("lpstat", {"-h", server_, "-o"}).trimmed(), QString(), 10000);
     // An encrypted document goes to the local scheduler as a plain copy.
     const QString locked = dir.filePath("locked.pdf");
     QVERIFY(fixtures::writeEncrypted(locked, mixedPages(), "secret"));
@@ -331,9 +323,9 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QFile::remove(out);
     printer.setPrintRange(QPrinter::AllPages);
     QVERIFY(command.print(printer, PdfPrintLayout::Scaling::ShrinkOversized));
-    QTRY_VERIFY_WITH_TIMEOUT(run("pdfinfo", {out}).contains("Pages:           5"), 15000);
-    QVERIFY(run("pdfinfo", {out}).contains(QRegularExpression("Encrypted:\\s+no")));
-    QVERIFY(run("pdftotext", {out, "-"}).contains("Echo"));
+    QTRY_VERIFY_WITH_TIMEOUT(fixtures::toolOutput("pdfinfo", {out}).contains("Pages:           5"), 15000);
+    QVERIFY(fixtures::toolOutput("pdfinfo", {out}).contains(QRegularExpression("Encrypted:\\s+no")));
+    QVERIFY(fixtures::toolOutput("pdftotext", {out, "-"}).contains("Echo"));
 
     // A printer that is gone by the time the job is sent.
     const CupsJobResult gone = CupsPrinting::send("No-Such-Printer", spool, {});
@@ -352,8 +344,8 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
         dialog->accept();
     });
     fromMenu.run();
-    QTRY_VERIFY_WITH_TIMEOUT(run("pdfinfo", {out}).contains("Pages:           2"), 15000);
-    const QString typed = run("pdftotext", {out, "-"});
+    QTRY_VERIFY_WITH_TIMEOUT(fixtures::toolOutput("pdfinfo", {out}).contains("Pages:           2"), 15000);
+    const QString typed = fixtures::toolOutput("pdftotext", {out, "-"});
     QVERIFY2(typed.indexOf("Delta") >= 0 && typed.indexOf("Delta") < typed.indexOf("Bravo"), qPrintable(typed));
 }
 

@@ -336,6 +336,13 @@ bool writeFile(const QString &path, const QByteArray &data)
     return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
 }
 
+QString toolOutput(const QString &program, const QStringList &args)
+{
+    QProcess process;
+    process.start(program, args);
+    return process.waitForFinished(60000) ? QString::fromUtf8(process.readAllStandardOutput()) : QString();
+}
+
 bool writePdf(const QString &path, const std::vector<PageSpec> &pages)
 {
     return writeFile(path, buildPdf(pages));

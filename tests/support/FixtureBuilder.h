@@ -92,6 +92,9 @@ QByteArray buildPdf(const std::vector<PageSpec> &pages);
 QByteArray buildStructuredPdf(const StructuredSpec &spec);
 bool writeStructuredPdf(const QString &path, const StructuredSpec &spec);
 bool writeFile(const QString &path, const QByteArray &data);
+// What a program (pdftotext, pdfinfo, …) prints on its standard output, as
+// UTF-8; empty when it does not finish within a minute.
+QString toolOutput(const QString &program, const QStringList &args);
 bool writePdf(const QString &path, const std::vector<PageSpec> &pages);
 
 // A file of the objects given, numbered from 1 (the first is the catalog),

@@ -57,6 +57,7 @@ void DrawingOverlayView::finishShape(const DrawingShape &shape, const QString &s
     // The corners were kept on the page while drawing.
     const QRectF bounds = pdfView_->convertToPage(drawn, shape.page);
     auto annotation = PdfAnnotation::create(bounds, subtype);
+    annotation->setAuthor(AnnotationFactory::authorName());
     annotation->setColor(toolSettings_->strokeColor());
     if (toolSettings_->hasFill())
         annotation->setInteriorColor(toolSettings_->fillColor());
@@ -77,6 +78,7 @@ void DrawingOverlayView::finishInk(const DrawingInk &ink)
     QRectF bounds = points.boundingRect(); // of the points alone, also when they lie on one line
     bounds.adjust(-width, -width, width, width);
     auto annotation = PdfAnnotation::create(bounds, PdfAnnotation::Ink);
+    annotation->setAuthor(AnnotationFactory::authorName());
     annotation->setColor(toolSettings_->strokeColor());
     annotation->setBorderWidth(width);
     annotation->addInkPath(points.translated(-bounds.topLeft()));

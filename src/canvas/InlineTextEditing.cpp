@@ -1,6 +1,7 @@
 // The overlay's text editing: opening the editor for a new box, a re-edit or
 // the replacement of a page line, and what committing it makes; the sizing of
 // the result, the page font of a line and the paper colour around it.
+#include "AnnotationFactory.h"
 #include "DocumentModel.h"
 #include "DrawingOverlayView.h"
 #include "FontService.h"
@@ -329,6 +330,7 @@ void DrawingOverlayView::commitInlineEdit()
     const QRectF bounds = replacement ? coverBounds(text, editingBounds_, editingFont_, page, rotation)
                                       : fittedBounds(text, editingBounds_, editingFont_, page, rotation);
     auto annotation = PdfAnnotation::create(bounds, PdfAnnotation::FreeText);
+    annotation->setAuthor(AnnotationFactory::authorName());
     annotation->setRotation(rotation);
     annotation->setContents(text);
     annotation->setFont(editingFont_);

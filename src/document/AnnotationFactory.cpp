@@ -36,6 +36,7 @@ void applyMarkup(const QString &subtype, const PdfSelection &selection, const QC
             points << QPointF(r.left(), r.bottom()) - origin << QPointF(r.right(), r.bottom()) - origin
                    << QPointF(r.left(), r.top()) - origin << QPointF(r.right(), r.top()) - origin;
         auto annotation = PdfAnnotation::create(united, subtype);
+        annotation->setAuthor(authorName());
         annotation->setColor(color);
         annotation->setQuadrilateralPoints(points);
         add(annotation, page);
@@ -119,6 +120,7 @@ QPointF replyPosition(const std::shared_ptr<PdfAnnotation> &parent)
 std::shared_ptr<ImageStampAnnotation> makeImageStamp(const QImage &image, const QRectF &bounds)
 {
     auto stamp = ImageStampAnnotation::create(bounds);
+    stamp->setAuthor(authorName());
     stamp->setStampImage(image);
     stamp->setBorderWidth(0);
     return stamp;

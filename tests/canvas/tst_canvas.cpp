@@ -389,6 +389,7 @@ void TestCanvas::shapesAndInk()
     QCOMPARE(rect->color(), QColor(0, 0, 255, 128));
     QCOMPARE(rect->borderWidth(), std::optional<qreal>(3));
     QVERIFY(!rect->interiorColor().isValid()); // no fill: no interior colour at all
+    QCOMPARE(rect->author(), AnnotationFactory::authorName());
     QCOMPARE(undoSteps(), before + 1);
 
     // The style is read at the release, not when the drag starts.

@@ -42,10 +42,11 @@ extern "C" void __tsan_release(void *addr);
 char queues;
 #endif
 
-// Qt hands a job to a pool thread through a queue under a lock of its own
-// that ThreadSanitizer cannot see (Qt is not built with it). These tell it
-// where that happens, as one lock over Qt's queues would; they are nothing
-// in other builds. (Results come back through the cache's own inbox.)
+// Qt hands a job to a pool thread, and waitForDone() learns that the job has
+// ended, through locks of its own that ThreadSanitizer cannot see (Qt is not
+// built with it). These tell it where that happens, as one lock over Qt's
+// queues would; they are nothing in other builds. (Results come back through
+// the cache's own inbox.)
 void handOver()
 {
 #if defined(__SANITIZE_THREAD__)
@@ -91,6 +92,7 @@ PageRenderCache::~PageRenderCache()
     clear();
     pool_.waitForDone();
     recorder_.waitForDone();
+    takeOver();
     std::lock_guard hold(inboxLock_);
     inbox_.clear();
 }
@@ -316,6 +318,7 @@ std::shared_ptr<PdfDisplayList> PageRenderCache::displayList(const std::shared_p
         yieldToInterface();
         const int result = int(made->record());
         post([this, key, made, result] { recorded(key, made, result); });
+        handOver(); // the job's last touch of the cache
     });
     handOver();
     recorder_.start(job);
@@ -366,6 +369,7 @@ public:
         image_.reinterpretAsFormat(QImage::Format_RGB32);
         list_.reset();
         done_(std::move(image_), ok);
+        handOver(); // the job's last touch of the cache
     }
 
 private:

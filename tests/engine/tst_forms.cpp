@@ -251,6 +251,20 @@ void TestForms::filledFormsAreWrittenForEveryReader()
     QCOMPARE(objects.dict(fields["choice"].widgets[2]).value("/AS").toString(), QString("/A"));
     QCOMPARE(objects.dict(fields["choice"].widgets[1]).value("/AS").toString(), QString("/Off"));
     QVERIFY(!objects.resolved(objects.root().value("/AcroForm")).toObject().contains("/NeedAppearances"));
+    // Text the form's font can show is written in it; the Polish and Cyrillic
+    // value brings the glyphs it needs.
+    const auto fontsOf = [&](const QString &field) {
+        const QJsonObject look =
+            objects.dict(objects.dict(fields[field].widgets[0]).value("/AP").toObject().value("/N").toString());
+        QJsonArray out;
+        for (const QJsonValue font : objects.resolved(look.value("/Resources").toObject().value("/Font")).toObject())
+            out.append(objects.resolved(font));
+        return out;
+    };
+    const QJsonValue formFont =
+        objects.resolved(objects.acroForm().value("/DR").toObject().value("/Font").toObject().value("/Helv"));
+    QCOMPARE(fontsOf("total"), QJsonArray({formFont}));
+    QVERIFY(!fontsOf("name").isEmpty() && !fontsOf("name").contains(formFont));
 
     // Poppler shows the values as formatted, in their fields, any script not as boxes.
     const QString text = fixtures::toolOutput("pdftotext", {"-enc", "UTF-8", saved, "-"});

@@ -106,7 +106,8 @@ struct Resources {
     // followed by the codes of a run of glyphs.
     std::vector<QByteArray> pieces;
     std::vector<GlyphRun> runs;
-    QByteArray primaryFontName; // as written in content streams
+    QByteArray primaryFontName;  // as written in content streams
+    pdf_obj *formFont = nullptr; // a form's own font, under primaryFontName, instead of embedded ones
     bool image = false;
 };
 
@@ -322,7 +323,11 @@ QByteArray widgetContent(const Input &in, Resources &res)
              number(w - border) + ' ' + number(h - border) + " re S Q\n";
     const PdfFont font = freeTextFont(in.font);
     res.primaryFontName = in.fontResource.isEmpty() ? fontNameToken(font.name) : in.fontResource;
-    fontIndex(res, fontfaces::mupdfFont(font));
+    const bool formFont = in.formFont && !in.fontResource.isEmpty();
+    if (formFont)
+        res.formFont = in.formFont;
+    else
+        fontIndex(res, fontfaces::mupdfFont(font));
     s += "/Tx BMC\nq\n" + number(border) + ' ' + number(border) + ' ' + number(std::max<qreal>(0, w - 2 * border)) + ' ' +
          number(std::max<qreal>(0, h - 2 * border)) + " re W n\n";
     for (const QRectF &row : in.markedRows)
@@ -332,7 +337,14 @@ QByteArray widgetContent(const Input &in, Resources &res)
         s += "BT\n" + colorOperator(in.fontColor.isValid() ? in.fontColor : QColor(Qt::black), "rg");
         for (const Input::PlacedText &line : in.placedText) {
             s += "1 0 0 1 " + number(line.origin.x()) + ' ' + number(line.origin.y()) + " Tm\n";
-            showText(s, res, font, line.text);
+            if (formFont) {
+                QByteArray codes;
+                for (const char32_t ch : line.text.toUcs4())
+                    codes += char(in.formFontCodes.value(ch));
+                s += '/' + in.fontResource + ' ' + number(font.size) + " Tf <" + codes.toHex() + "> Tj\n";
+            } else {
+                showText(s, res, font, line.text);
+            }
         }
         s += "ET\n";
     }
@@ -465,10 +477,12 @@ void write(DocCore &core, pdf_obj *annot, const Input &input, pdf_obj **stream)
                 if (res.multiply)
                     pdf_dict_put(c, gs, PDF_NAME(BM), PDF_NAME(Multiply));
             }
-            if (!fontRefs.empty()) {
-                pdf_obj *fonts = pdf_dict_put_dict(c, resources, PDF_NAME(Font), int(fontRefs.size()));
+            if (!fontRefs.empty() || res.formFont) {
+                pdf_obj *fonts = pdf_dict_put_dict(c, resources, PDF_NAME(Font), int(fontRefs.size()) + 1);
                 for (size_t i = 0; i < fontRefs.size(); ++i)
                     pdf_dict_puts(c, fonts, fontNames[i].constData(), fontRefs[i]);
+                if (res.formFont)
+                    pdf_dict_puts(c, fonts, fontNameFromToken(res.primaryFontName).toUtf8().constData(), res.formFont);
             }
             if (imageRef) {
                 pdf_obj *xobjects = pdf_dict_put_dict(c, resources, PDF_NAME(XObject), 1);

@@ -7,6 +7,7 @@
 
 #include <QByteArray>
 #include <QColor>
+#include <QHash>
 #include <QImage>
 #include <QPointF>
 #include <QPolygonF>
@@ -48,6 +49,11 @@ struct Input {
     QVector<PlacedText> placedText{};
     QVector<QRectF> markedRows{};
     QByteArray fontResource{};
+    // The form's own font for that name, when it can show every character
+    // placed: its dictionary and each character's one-byte code. The text is
+    // then written in it; otherwise the glyphs are embedded as a subset.
+    pdf_obj *formFont = nullptr;
+    QHash<char32_t, uchar> formFontCodes{};
 };
 
 // Writes the normal appearance of `annot` (a dictionary in core's document),

@@ -7,7 +7,9 @@
 #include "FormInternals.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <optional>
 
 using mu::Obj;
 using namespace formnative;
@@ -116,6 +118,50 @@ TextLayout layoutText(PdfFont font, const QString &shown, QSizeF box, qreal bord
     return out;
 }
 
+// The character the form's font `font` shows for each one-byte code, 0 where
+// it shows none (no glyph in the face readers draw it with), when it is a
+// simple font; false for any other. Runs inside MuPDF's error handling.
+bool formFontCharacters(fz_context *c, pdf_document *doc, pdf_obj *resources, pdf_obj *font, std::array<int, 256> &shown)
+{
+    pdf_obj *subtype = pdf_dict_get(c, font, PDF_NAME(Subtype));
+    if (!pdf_name_eq(c, subtype, PDF_NAME(Type1)) && !pdf_name_eq(c, subtype, PDF_NAME(TrueType)) &&
+        !pdf_name_eq(c, subtype, PDF_NAME(MMType1)))
+        return false;
+    pdf_font_desc *desc = nullptr;
+    fz_try(c) desc = pdf_load_font(c, doc, resources, font);
+    fz_catch(c) return false;
+    for (int code = 1; code < 256; ++code) {
+        int ucs = 0;
+        if (desc->to_unicode)
+            ucs = pdf_lookup_cmap(desc->to_unicode, unsigned(code));
+        else if (desc->cid_to_ucs && size_t(code) < desc->cid_to_ucs_len)
+            ucs = desc->cid_to_ucs[code];
+        shown[size_t(code)] = ucs > 0 && ucs != 0xfffd && pdf_font_cid_to_gid(c, desc, code) > 0 ? ucs : 0;
+    }
+    pdf_drop_font(c, desc);
+    return true;
+}
+
+// The code of each character of `lines` in a font that shows `shown`, the
+// lowest where several show it; nothing when one is missing.
+std::optional<QHash<char32_t, uchar>> codesFor(const std::array<int, 256> &shown,
+                                               const QVector<appearance::Input::PlacedText> &lines)
+{
+    QHash<char32_t, uchar> byCharacter;
+    for (int code = 255; code > 0; --code)
+        if (shown[size_t(code)] > 0)
+            byCharacter.insert(char32_t(shown[size_t(code)]), uchar(code));
+    QHash<char32_t, uchar> codes;
+    for (const auto &line : lines)
+        for (const char32_t ch : line.text.toUcs4()) {
+            const auto found = byCharacter.constFind(ch);
+            if (found == byCharacter.constEnd())
+                return std::nullopt;
+            codes.insert(ch, *found);
+        }
+    return codes;
+}
+
 } // namespace
 
 void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
@@ -145,6 +191,7 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
     in.borderWidth = border;
     const DefaultAppearance da = readDefaultAppearance(defaultAppearanceOf(*form->core_, native_->field.get()));
     in.fontResource = da.font;
+    const QByteArray fontName = appearance::fontNameFromToken(da.font).toUtf8();
     PdfFont font = this->font();
     const Flags f = flags();
     const QString value = this->value();
@@ -181,6 +228,17 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
         in.placedText = layout.lines;
     }
     in.font = font;
+    // Text the form's own font can show is written in it, as the form's author meant.
+    std::array<int, 256> shown{};
+    pdf_obj *formFont = mu::call([&](fz_context *c) -> pdf_obj * {
+        pdf_obj *resources = pdf_dict_get(c, acroForm(*form->core_), PDF_NAME(DR));
+        pdf_obj *named = pdf_dict_gets(c, pdf_dict_get(c, resources, PDF_NAME(Font)), fontName.constData());
+        return named && formFontCharacters(c, form->core_->doc, resources, named, shown) ? named : nullptr;
+    });
+    if (auto codes = formFont ? codesFor(shown, in.placedText) : std::nullopt) {
+        in.formFont = formFont;
+        in.formFontCodes = std::move(*codes);
+    }
     edit.touch(widget);
     pdf_obj *stream = nullptr;
     appearance::write(*form->core_, widget, in, &stream);

@@ -12,7 +12,9 @@
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
+#include <QPainter>
 #include <QStyledItemDelegate>
+#include <QTimer>
 
 #include <algorithm>
 #include <vector>
@@ -38,11 +40,18 @@ public:
 } // namespace
 
 BookmarksView::BookmarksView(DocumentModel *model, PdfView *view, QWidget *parent)
-    : QTreeView(parent), model_(model), view_(view), outline_(new OutlineModel(model, this)),
-      addAction_(new QAction(tr("Add Bookmark"), this)), renameAction_(new QAction(tr("Rename Bookmark"), this)),
-      deleteAction_(new QAction(tr("Delete Bookmark"), this))
+    : QTreeView(parent), model_(model), view_(view), outline_(nullptr), addAction_(new QAction(tr("Add Bookmark"), this)),
+      renameAction_(new QAction(tr("Rename Bookmark"), this)), deleteAction_(new QAction(tr("Delete Bookmark"), this))
 {
     setAccessibleName(tr("Bookmarks"));
+    // A new document shown in the panel is read after the note is painted;
+    // this runs before the outline model follows the document.
+    if (model_)
+        connect(model_, &DocumentModel::pdfDocumentChanged, this, [this] {
+            outline_->setActive(false);
+            readAfterPaint_ = isVisible();
+        });
+    outline_ = new OutlineModel(model, this, false);
     setHeaderHidden(true);
     setModel(outline_);
     setItemDelegate(new TitleDelegate(this));
@@ -146,6 +155,8 @@ QString BookmarksView::titleAt(const std::shared_ptr<PdfPage> &page, QPointF poi
 
 void BookmarksView::addBookmark()
 {
+    outline_->setActive(isVisible()); // read now, if it waits for a paint
+
     const auto [page, point] = topOfView();
     if (!page)
         return;
@@ -183,6 +194,38 @@ void BookmarksView::markReading()
         if (!isExpanded(up))
             section = up;
     outline_->setReading(section);
+}
+
+void BookmarksView::showEvent(QShowEvent *event)
+{
+    QTreeView::showEvent(event);
+    if (outline_->isStale())
+        readAfterPaint_ = true;
+    else
+        outline_->setActive(true);
+}
+
+void BookmarksView::hideEvent(QHideEvent *event)
+{
+    readAfterPaint_ = false;
+    outline_->setActive(false);
+    QTreeView::hideEvent(event);
+}
+
+void BookmarksView::paintEvent(QPaintEvent *event)
+{
+    QTreeView::paintEvent(event);
+    if (outline_->rowCount() > 0 || !outline_->document())
+        return;
+    QPainter painter(viewport());
+    painter.setPen(palette().color(QPalette::PlaceholderText));
+    painter.drawText(viewport()->rect().adjusted(8, 8, -8, -8), Qt::AlignHCenter | Qt::AlignTop | Qt::TextWordWrap,
+                     outline_->isStale() ? tr("Reading the bookmarks…") : tr("This document has no bookmarks."));
+    if (std::exchange(readAfterPaint_, false))
+        QTimer::singleShot(0, this, [this] {
+            if (isVisible())
+                outline_->setActive(true);
+        });
 }
 
 void BookmarksView::keyPressEvent(QKeyEvent *event)
@@ -242,7 +285,7 @@ std::set<int> &BookmarksView::expansionOfDocument()
 
 void BookmarksView::restoreExpansion()
 {
-    if (!outline_->document())
+    if (!outline_->document() || outline_->isStale()) // not read yet
         return;
     const std::set<int> ids = expansionOfDocument();
     restoring_ = true;

@@ -4,7 +4,9 @@
 // the window's shortcut) adds one for the place at the top of the view,
 // named after the first line of text there, and opens its title for editing;
 // F2 or a double click renames, Delete removes, dragging reorders and nests.
-// Which bookmarks are expanded is kept per document while it is open.
+// Which bookmarks are expanded is kept per document while it is open. The
+// bookmarks are read only while the panel is shown, after a note that they
+// are being read (a long outline takes a moment).
 #pragma once
 
 #include <QTreeView>
@@ -49,6 +51,9 @@ signals:
 protected:
     void keyPressEvent(QKeyEvent *event) override;
     void contextMenuEvent(QContextMenuEvent *event) override;
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
+    void paintEvent(QPaintEvent *event) override;
 
 private:
     void goTo(const QModelIndex &index);
@@ -70,4 +75,6 @@ private:
     std::map<const PdfDocument *, std::pair<std::weak_ptr<PdfDocument>, std::set<int>>> expansion_;
     bool restoring_ = false;
     int selectedId_ = 0;
+    // The bookmarks are read once the note saying so has been painted.
+    bool readAfterPaint_ = false;
 };

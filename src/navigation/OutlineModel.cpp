@@ -65,8 +65,8 @@ void build(OutlineModel::Node *parent, std::vector<PdfBookmark> &bookmarks, std:
 
 } // namespace
 
-OutlineModel::OutlineModel(DocumentModel *model, QObject *parent)
-    : QAbstractItemModel(parent), model_(model), root_(std::make_unique<Node>())
+OutlineModel::OutlineModel(DocumentModel *model, QObject *parent, bool active)
+    : QAbstractItemModel(parent), model_(model), root_(std::make_unique<Node>()), active_(active)
 {
     if (model_) {
         connect(model_, &DocumentModel::pdfDocumentChanged, this, &OutlineModel::followDocument);
@@ -105,13 +105,20 @@ void OutlineModel::scheduleReload()
     });
 }
 
+void OutlineModel::setActive(bool active)
+{
+    if (std::exchange(active_, active) != active && active_ && stale_)
+        reload();
+}
+
 void OutlineModel::reload()
 {
     reloadPending_ = false;
     beginResetModel();
     root_ = std::make_unique<Node>();
     readingOrder_.clear();
-    std::vector<PdfBookmark> bookmarks = document_ ? PdfOutline(document_).bookmarks() : std::vector<PdfBookmark>();
+    stale_ = !active_;
+    std::vector<PdfBookmark> bookmarks = document_ && active_ ? PdfOutline(document_).bookmarks() : std::vector<PdfBookmark>();
     build(root_.get(), bookmarks, readingOrder_);
     std::stable_sort(readingOrder_.begin(), readingOrder_.end(),
                      [](const Node *a, const Node *b) { return a->place() < b->place(); });

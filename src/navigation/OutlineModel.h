@@ -28,12 +28,17 @@ public:
     // One bookmark as read (internal to the model).
     struct Node;
 
-    explicit OutlineModel(DocumentModel *model, QObject *parent = nullptr);
+    // An inactive model reads nothing until it is made active.
+    explicit OutlineModel(DocumentModel *model, QObject *parent = nullptr, bool active = true);
     ~OutlineModel() override;
 
     // The document shown, and its bookmarks read again now.
     std::shared_ptr<PdfDocument> document() const { return document_; }
     void reload();
+    // While inactive (its panel hidden) nothing is read: the tree is empty
+    // and stale, and it is read once it is made active again.
+    void setActive(bool active);
+    bool isStale() const { return stale_; }
 
     // Where a bookmark goes: its page (none when it leads nowhere) and the
     // point on it (page space), when it names one.
@@ -92,4 +97,6 @@ private:
     std::vector<QMetaObject::Connection> documentConnections_;
     int readingId_ = 0;
     bool reloadPending_ = false;
+    bool active_ = true;
+    bool stale_ = false;
 };

@@ -262,6 +262,13 @@ void TestNavigation::panelGoesMarksAddsAndEdits()
     auto *panel = showPanel<BookmarksView>(window, model, pdfView);
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     OutlineModel &outline = *panel->outlineModel();
+    // Hidden, the panel reads nothing; shown, it reads the outline (after a note).
+    panel->hide();
+    model.setDocument(PdfDocument::open(path("panel.pdf")), path("panel.pdf"));
+    pdfView->setDocument(model.pdfDocument());
+    QVERIFY(outline.rowCount() == 0 && outline.isStale());
+    panel->show();
+    QTRY_COMPARE(describe(outline), "One->0, Two->2 [Two A->3], Three->5");
     QCOMPARE(panel->accessibleName(), "Bookmarks");
     QVERIFY(panel->isExpanded(find(outline, "Two"))); // as the file says
 

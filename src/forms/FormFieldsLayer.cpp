@@ -9,6 +9,7 @@
 #include <QComboBox>
 #include <QFocusEvent>
 #include <QFontDatabase>
+#include <QHelpEvent>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QListWidget>
@@ -215,6 +216,10 @@ bool FormFieldsLayer::wantsEvent(const QEvent *event)
         }
         return false;
     }
+    case QEvent::ToolTip: {
+        const auto spot = spotAt(static_cast<const QHelpEvent *>(event)->pos());
+        return spot && !spot->field->toolTip().isEmpty();
+    }
     case QEvent::MouseMove: {
         const auto spot = spotAt(static_cast<const QMouseEvent *>(event)->position());
         if (!spot) {
@@ -263,6 +268,19 @@ void FormFieldsLayer::mousePressEvent(QMouseEvent *event)
 
 bool FormFieldsLayer::event(QEvent *event)
 {
+    // Hovering a field shows its description, while the pointer stays on it.
+    if (event->type() == QEvent::ToolTip) {
+        const auto *help = static_cast<QHelpEvent *>(event);
+        // The tip follows the pointer over the layer that gets the moves (the
+        // layers lie over the whole viewport, so the field's rectangle holds for it).
+        QWidget *under = QApplication::widgetAt(help->globalPos());
+        if (const auto spot = spotAt(help->pos()); spot && !spot->field->toolTip().isEmpty())
+            QToolTip::showText(help->globalPos(), spot->field->toolTip(), under ? under : this,
+                               viewRectOf({spot->field, spot->widget}).toAlignedRect());
+        else
+            QToolTip::hideText();
+        return true;
+    }
     // Tab moves through the fields, not through the window's controls.
     if (event->type() == QEvent::KeyPress && isTabKey(static_cast<QKeyEvent *>(event)) && (current_ || !tabOrder().empty())) {
         const auto *key = static_cast<QKeyEvent *>(event);

@@ -164,6 +164,9 @@ bool PdfView::routeOverlayEvent(QWidget *watched, QEvent *event)
         wheelEvent(static_cast<QWheelEvent *>(event));
         return true;
     }
+    case QEvent::ToolTip:
+        // A field's description shows over whichever layer lies on top.
+        return takerOf(event) == MouseOwner::Priority && forward(MouseOwner::Priority);
     case QEvent::KeyPress: {
         auto *client = dynamic_cast<PdfViewOverlay *>(watched);
         if (!client || client->wantsEvent(event))

@@ -15,10 +15,12 @@
 #include "ToolSettings.h"
 
 #include <QAction>
+#include <QHelpEvent>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMouseEvent>
 #include <QTemporaryDir>
+#include <QToolTip>
 #include <QtTest>
 
 class TestFormFields : public QObject {
@@ -107,6 +109,13 @@ void TestFormFields::fillingInPlace()
     key(Qt::Key_Tab);
     QVERIFY(layer_->currentStop() && layer_->currentStop()->field == field("name"));
     key(Qt::Key_Escape);
+
+    // Hovering a field shows its description.
+    const QPoint over = view_->convertFromPage(QPointF(100, 710), model_->pdfDocument()->page(0)).toPoint();
+    QWidget *top = view_->viewport()->childAt(over);
+    QHelpEvent help(QEvent::ToolTip, top->mapFrom(view_->viewport(), over), view_->viewport()->mapToGlobal(over));
+    QApplication::sendEvent(top, &help);
+    QTRY_COMPARE(QToolTip::text(), "Your full name");
 
     // Typed in place, in any script; Tab keeps it and moves on in the rows' order.
     click({100, 710});

@@ -607,8 +607,8 @@ QByteArray formOfEveryKind()
                                             " >>"),
         widgetObject("50 650 200 670", "/FT /Tx /T (amount1) /DV (5) /MK << /BC [0 0 1] >> " + money + " >>"),
         widgetObject("250 650 400 670", "/FT /Tx /T (amount2) " + money + " >>"),
-        // 11 name: blue 12 pt; 12 comb of five; 13 comb without a length; 14 auto-sized
-        widgetObject("50 700 300 720", "/FT /Tx /T (name) /DA (/Helv 12 Tf 0 0 1 rg)"),
+        // 11 name: blue 12 pt, described; 12 comb of five; 13 comb without a length; 14 auto-sized
+        widgetObject("50 700 300 720", "/FT /Tx /T (name) /TU (Your full name) /DA (/Helv 12 Tf 0 0 1 rg)"),
         widgetObject("50 600 150 620", "/FT /Tx /T (comb) /Ff 16777216 /MaxLen 5"),
         widgetObject("200 600 300 620", "/FT /Tx /T (plain) /Ff 16777216"),
         widgetObject("50 560 120 575", "/FT /Tx /T (small)"),

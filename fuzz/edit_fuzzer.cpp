@@ -4,12 +4,15 @@
 // bytes, zeros when it needs more; fixed steps keep the later ones in place
 // when a mutation changes one): rotate, delete, move, copy pages,
 // put back a deleted one; add, change, move and delete annotations; retype a
-// line of a page and undo and redo it; save,
-// also with a password, and continue with the file reopened.
+// line of a page and undo and redo it; fill, toggle, pick and reset form
+// fields and undo and redo that; print pages; save, also with a password,
+// and continue with the file reopened.
 #include "FuzzSupport.h"
 #include "PdfAnnotation.h"
 #include "PdfDocument.h"
+#include "PdfFormField.h"
 #include "PdfPage.h"
+#include "PdfPrintCopy.h"
 
 #include <QImage>
 
@@ -104,12 +107,58 @@ std::shared_ptr<PdfPage> pageFrom(const std::shared_ptr<PdfDocument> &doc, Scrip
     return doc->pageCount() > 0 ? doc->page(script.below(doc->pageCount())) : nullptr;
 }
 
+// A field of the document's form given a value from the script, its
+// options, a toggle or a reset, and the change undone and done again.
+void fillForm(const std::shared_ptr<PdfDocument> &doc, Script &script)
+{
+    const auto form = doc->form();
+    const auto fields = form ? form->fields() : std::vector<std::shared_ptr<PdfFormField>>();
+    if (fields.empty())
+        return;
+    const auto &field = fields[size_t(script.below(int(fields.size())))];
+    static const char *values[] = {"1234.5", "-0,25", "3/7/2024",   "Zażółć Ёлка 漢字", "",
+                                   "Off",    "Yes",   "12345-6789", "a\nb\rc",          "(555) 123-4567"};
+    std::shared_ptr<PdfFieldEdit> edit;
+    switch (script.below(5)) {
+    case 0:
+        edit = field->setValue(QString::fromUtf8(values[script.below(10)]).repeated(1 + script.below(3) * script.byte()));
+        break;
+    case 1:
+        edit = field->setChecked(script.below(4), script.flag());
+        break;
+    case 2: {
+        const auto options = field->choiceOptions();
+        QStringList chosen;
+        for (const auto &option : options)
+            if (script.flag())
+                chosen << option.exportValue;
+        edit = field->setValues(chosen);
+        break;
+    }
+    case 3:
+        edit = form->reset();
+        break;
+    default:
+        field->displayValue();
+        form->calculationOrder();
+        form->hasScriptsNotRun();
+        if (const auto page = pageFrom(doc, script))
+            form->tabOrder(page);
+        break;
+    }
+    if (edit && script.flag()) {
+        edit->undo();
+        if (script.flag())
+            edit->redo();
+    }
+}
+
 void edit(std::shared_ptr<PdfDocument> doc, const QByteArray &steps)
 {
     std::vector<std::shared_ptr<PdfPage>> removed;
     for (int step = 0; step < StepLimit && step * StepSize < steps.size(); ++step) {
         Script script(steps.mid(step * StepSize, StepSize));
-        const int op = script.below(12);
+        const int op = script.below(14);
         auto page = pageFrom(doc, script);
         switch (op) {
         case 0:
@@ -176,6 +225,22 @@ void edit(std::shared_ptr<PdfDocument> doc, const QByteArray &steps)
                 }
             }
             break;
+        case 12:
+            fillForm(doc, script);
+            break;
+        case 13: {
+            // Printed: some pages on paper of some size, turned and scaled as the layout says.
+            std::vector<int> pages;
+            for (int n = script.below(4); n >= 0 && doc->pageCount() > 0; --n)
+                pages.push_back(script.below(doc->pageCount()));
+            PdfPrintLayout layout;
+            layout.paper = QSizeF(script.byte() * 4 + 1, script.byte() * 4 + 1);
+            layout.printable = QRectF(QPointF(script.below(40), script.below(40)), layout.paper).adjusted(0, 0, -40, -40);
+            layout.scaling = PdfPrintLayout::Scaling(script.below(3));
+            PdfPrintCopy::write(doc, pages, layout, scratch(QStringLiteral("print.pdf")),
+                                [limit = script.byte()](int done, int) { return done < limit; });
+            break;
+        }
         default: {
             // Saved (with a password for some), then edited on as reopened.
             const bool encrypt = op == 11;

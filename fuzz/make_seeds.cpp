@@ -291,7 +291,8 @@ int main(int argc, char **argv)
                    {2, QStringLiteral("città"), QStringLiteral("Genève")}};
     form.links = {{0, 2}};
     form.outline = {{"Form", 1}};
-    ok = ok && writeStructuredPdf(at("form.pdf"), form) && fixtures::writeFile(at("form-tree.pdf"), formTree());
+    ok = ok && writeStructuredPdf(at("form.pdf"), form) && fixtures::writeFile(at("form-tree.pdf"), formTree()) &&
+         fixtures::writeFile(at("form-every-kind.pdf"), fixtures::formOfEveryKind());
 
     // Damaged structure.
     const QByteArray onePage = "<< /Type /Pages /Kids [3 0 R] /Count 1";
@@ -350,8 +351,12 @@ int main(int argc, char **argv)
     script += step(7, 0, "\x02\x60\x60") + step(8, 0, "\x00") + step(9, 0, "\x20\x20") + step(0, 0, "\x01");
     script += step(4, 0, "\x00") + step(1, 1, "") + step(10, 0, "") + step(1, 0, "") + step(3, 0, "\x01");
     script += step(2, 0, "\x00") + step(11, 0, "") + step(6, 0, "\x00\x01\x40\x40") + step(8, 0, "\x01");
+    // Form fields filled, toggled, picked, reset and looked at, with undo; pages printed.
+    for (char field = 0; field < 20; field += 3)
+        script += step(12, 0, QByteArray(1, field) + QByteArray(1, char(field % 5)) + "\x03\x01\x01\x01\x01\x01");
+    script += step(13, 0, "\x02\x00\x01\x99\xc6\x09\x09\x01\xff");
     for (const char *name : {"pages.pdf", "foreign.pdf", "popups.pdf", "annotated.pdf", "encrypted.pdf", "encrypted-rc4-40.pdf",
-                             "outline.pdf", "form-tree.pdf", "tree-deep.pdf"})
+                             "outline.pdf", "form-tree.pdf", "form-every-kind.pdf", "tree-deep.pdf"})
         ok = ok && fixtures::writeFile(out.filePath(QLatin1String("edit/") + QLatin1String(name) + ".bin"),
                                        readFile(at(name)) + fuzzing::Separator + script);
 

@@ -6,6 +6,8 @@
 #include "FontService.h"
 #include "FormInternals.h"
 
+#include <QScopeGuard>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -240,8 +242,9 @@ void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
         in.formFontCodes = std::move(*codes);
     }
     edit.touch(widget);
+    // The stream is the widget's now; ours is dropped, also when writing failed after making it.
     pdf_obj *stream = nullptr;
+    const auto drop = qScopeGuard([&] { mu::release([&](fz_context *c) { pdf_drop_obj(c, stream); }); });
     appearance::write(*form->core_, widget, in, &stream);
-    mu::release([&](fz_context *c) { pdf_drop_obj(c, stream); });
     edit.areas.emplace_back(native_->widgets[index].page, rect);
 }

@@ -352,6 +352,12 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QTRY_VERIFY_WITH_TIMEOUT(fixtures::toolOutput("pdfinfo", {out}).contains("Pages:           2"), 15000);
     const QString typed = fixtures::toolOutput("pdftotext", {out, "-"});
     QVERIFY2(typed.indexOf("Delta") >= 0 && typed.indexOf("Delta") < typed.indexOf("Bravo"), qPrintable(typed));
+
+    // The scheduler stopping between the dialog and the job: nothing printed, and the user is told.
+    ::kill(pid_t(std::exchange(cupsd_, 0)), SIGTERM);
+    QTRY_VERIFY(!CupsPrinting::serverReachable());
+    QVERIFY(!command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
+    QCOMPARE(model.errorMessage(), PrintCommand::serviceGoneMessage());
 }
 
 QTEST_MAIN(TestPrint)

@@ -26,6 +26,19 @@
 
 namespace {
 
+// Whether `target` is the file at one of `paths` (the open document's own file).
+bool isOneOf(const QString &target, const QStringList &paths)
+{
+    const QString file = QFileInfo(target).canonicalFilePath();
+    return !file.isEmpty() && std::any_of(paths.begin(), paths.end(),
+                                          [&](const QString &path) { return QFileInfo(path).canonicalFilePath() == file; });
+}
+
+QString ownFileMessage(const QString &target)
+{
+    return PrintCommand::tr("“%1” is the open document itself. Print to another file.").arg(QFileInfo(target).fileName());
+}
+
 // The dialog's tab with the page-scaling choice.
 QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
 {
@@ -48,13 +61,24 @@ QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
 // accepts would only reach the scheduler as an option the copy ignores.
 class PrintDialog : public QPrintDialog {
 public:
-    PrintDialog(QPrinter *printer, int pageCount, QWidget *parent) : QPrintDialog(printer, parent), pageCount_(pageCount) {}
+    PrintDialog(QPrinter *printer, int pageCount, QStringList ownFiles, QWidget *parent)
+        : QPrintDialog(printer, parent), pageCount_(pageCount), ownFiles_(std::move(ownFiles))
+    {
+    }
 
     // The pages typed there (0-based, in the order written), when that field was chosen.
     std::optional<std::vector<int>> typedPages;
 
     void accept() override
     {
+        // The output file offered first is named after the document, so in
+        // the document's folder it is the document: refused, and the dialog
+        // stays open for another name.
+        auto *output = findChild<QLineEdit *>(QStringLiteral("filename"));
+        if (output && output->isEnabled() && isOneOf(output->text(), ownFiles_)) {
+            QMessageBox::warning(this, PrintCommand::tr("Print"), ownFileMessage(output->text()));
+            return;
+        }
         typedPages.reset();
         auto *chosen = findChild<QRadioButton *>(QStringLiteral("pagesRadioButton"));
         auto *field = findChild<QLineEdit *>(QStringLiteral("pagesLineEdit"));
@@ -77,6 +101,7 @@ public:
 
 private:
     int pageCount_;
+    QStringList ownFiles_;
 };
 
 QString sidesFor(const QPrinter &printer)
@@ -127,7 +152,7 @@ void PrintCommand::run()
     }
     QPrinter printer(QPrinter::HighResolution);
     printer.setDocName(QFileInfo(document->path()).fileName());
-    PrintDialog dialog(&printer, document->pageCount(), window_);
+    PrintDialog dialog(&printer, document->pageCount(), {document->path(), model_->fileURL()}, window_);
     dialog.setAccessibleName(tr("Print"));
     dialog.setOption(QAbstractPrintDialog::PrintCurrentPage, true);
     dialog.setOption(QAbstractPrintDialog::PrintSelection, !model_->selectedPageIndices().isEmpty());
@@ -220,6 +245,10 @@ bool PrintCommand::print(QPrinter &printer, PdfPrintLayout::Scaling scaling, con
 
 bool PrintCommand::printToFile(const std::vector<int> &pages, const PdfPrintLayout &layout, const QString &target)
 {
+    if (isOneOf(target, {model_->pdfDocument()->path(), model_->fileURL()})) {
+        model_->setErrorMessage(ownFileMessage(target));
+        return false;
+    }
     // Written beside the target and put in its place only when whole.
     const QString part = target + QStringLiteral(".part");
     PageWorkProgress progress(window_);

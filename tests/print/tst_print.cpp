@@ -295,6 +295,10 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QVERIFY(command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
     QCOMPARE(pageSizes(file), pageSizes(out));
     QCOMPARE(fixtures::toolOutput("pdftotext", {file, "-"}), text);
+    // Never over the open document's own file.
+    printer.setOutputFileName(path);
+    QVERIFY(!command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
+    QCOMPARE(pageSizes(path).size(), 5);
 
     // A range outside the document prints nothing and says why.
     printer.setOutputFileName({});

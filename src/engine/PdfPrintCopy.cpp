@@ -3,6 +3,14 @@
 // one matrix, then the appearance of each annotation that prints. One graft
 // map serves the whole copy, so fonts and images the pages share are copied
 // once and the copy stays about the size of the pages themselves.
+//
+// An annotation another program wrote without an appearance is shown with
+// one MuPDF makes when it loads the page, kept in a local section of the
+// document's objects that never reaches the file and is seen only while that
+// section is switched on. Such a page is loaded, and its annotations' looks
+// are copied with that section on, through a graft map of the page's own: a
+// map sizes itself by the objects there are when it is first used, and the
+// local ones come after them.
 #include "PdfPrintCopy.h"
 
 #include "MuContext.h"
@@ -33,6 +41,27 @@ bool prints(fz_context *c, pdf_obj *annot)
     const int flags = pdf_dict_get_int(c, annot, PDF_NAME(F));
     return (flags & PDF_ANNOT_IS_PRINT) && !(flags & PDF_ANNOT_IS_HIDDEN) &&
            !pdf_name_eq(c, pdf_dict_get(c, annot, PDF_NAME(Subtype)), PDF_NAME(Popup));
+}
+
+// Whether a page has an annotation that prints but has no appearance in the file.
+bool hasLooklessPrinting(fz_context *c, pdf_obj *page)
+{
+    pdf_obj *annots = pdf_dict_get(c, page, PDF_NAME(Annots));
+    for (int i = 0; i < pdf_array_len(c, annots); ++i) {
+        pdf_obj *annot = pdf_array_get(c, annots, i);
+        if (prints(c, annot) && !normalAppearance(c, annot))
+            return true;
+    }
+    return false;
+}
+
+// Any annotation of a loaded page, to switch its document's local objects on with.
+pdf_annot *anyAnnotation(fz_context *c, pdf_page *page)
+{
+    if (!page)
+        return nullptr;
+    pdf_annot *annot = pdf_first_annot(c, page);
+    return annot ? annot : pdf_first_widget(c, page);
 }
 
 void appendStream(fz_context *c, fz_buffer *data, pdf_obj *stream)
@@ -117,14 +146,21 @@ void appendMatrix(fz_context *c, fz_buffer *out, fz_matrix m)
 // (source page space to paper space) inside its crop box, then the
 // appearance of each annotation that prints, fitted to its /Rect as
 // readers do: the appearance box, through its own matrix, onto the rectangle.
-void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj *page, fz_rect crop, fz_matrix place,
-                  fz_rect paper)
+// With `loaded` (the page as MuPDF loaded it), the appearances are read with
+// the document's local objects on and copied through a map of their own.
+void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj *page, pdf_page *loaded, fz_rect crop,
+                  fz_matrix place, fz_rect paper)
 {
     pdf_obj *resources = pdf_new_dict(c, dst, 1);
     fz_buffer *content = nullptr;
     pdf_obj *paperPage = nullptr;
+    pdf_annot *local = anyAnnotation(c, loaded);
+    pdf_graft_map *looks = nullptr;
+    bool pushed = false;
     fz_var(content);
     fz_var(paperPage);
+    fz_var(looks);
+    fz_var(pushed);
     fz_try(c)
     {
         pdf_obj *xobjects = pdf_dict_put_dict(c, resources, PDF_NAME(XObject), 4);
@@ -134,6 +170,11 @@ void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj 
         fz_append_printf(c, content, "%g %g %g %g re W n\n", crop.x0, crop.y0, crop.x1 - crop.x0, crop.y1 - crop.y0);
         mu::putsDrop(c, xobjects, "P", contentForm(c, map, dst, page, crop));
         fz_append_string(c, content, "/P Do\n");
+        if (local) {
+            looks = pdf_new_graft_map(c, dst);
+            pdf_annot_push_local_xref(c, local);
+            pushed = true;
+        }
         pdf_obj *annots = pdf_dict_get(c, page, PDF_NAME(Annots));
         for (int i = 0, n = 0; i < pdf_array_len(c, annots); ++i) {
             pdf_obj *annot = pdf_array_get(c, annots, i);
@@ -149,13 +190,17 @@ void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj 
             const float sy = (rect.y1 - rect.y0) / (box.y1 - box.y0);
             char name[16];
             fz_snprintf(name, sizeof name, "A%d", n++);
-            pdf_obj *copy = pdf_graft_mapped_object(c, map, look);
+            pdf_obj *copy = pdf_graft_mapped_object(c, looks ? looks : map, look);
             mu::putsDrop(c, xobjects, name, copy);
             if (!pdf_dict_get(c, copy, PDF_NAME(Subtype)))
                 pdf_dict_put(c, copy, PDF_NAME(Subtype), PDF_NAME(Form));
             fz_append_string(c, content, "q\n");
             appendMatrix(c, content, fz_matrix{sx, 0, 0, sy, rect.x0 - box.x0 * sx, rect.y0 - box.y0 * sy});
             fz_append_printf(c, content, "/%s Do\nQ\n", name);
+        }
+        if (pushed) {
+            pushed = false;
+            pdf_annot_pop_local_xref(c, local);
         }
         fz_append_string(c, content, "Q\n");
         paperPage = pdf_add_page(c, dst, paper, 0, resources, content);
@@ -168,6 +213,9 @@ void addPaperPage(fz_context *c, pdf_graft_map *map, pdf_document *dst, pdf_obj 
     }
     fz_always(c)
     {
+        if (pushed)
+            pdf_annot_pop_local_xref(c, local);
+        pdf_drop_graft_map(c, looks);
         pdf_drop_obj(c, paperPage);
         fz_drop_buffer(c, content);
         pdf_drop_obj(c, resources);
@@ -251,7 +299,12 @@ PdfPrintCopy::Result PdfPrintCopy::write(const std::shared_ptr<PdfDocument> &doc
         const fz_matrix matrix{float(m.m11()), float(m.m12()), float(m.m21()), float(m.m22()), float(m.dx()), float(m.dy())};
         const fz_rect crop{float(cropRect.left()), float(cropRect.top()), float(cropRect.right()), float(cropRect.bottom())};
         pdf_obj *source = page->native_->obj;
-        if (!mu::tryGuard([&](fz_context *c) { addPaperPage(c, map, dst, source, crop, matrix, paper); })) {
+        // A page whose printing annotations lack appearances is loaded, so
+        // that MuPDF makes them as it does to show the page.
+        bool lookless = false;
+        mu::tryGuard([&](fz_context *c) { lookless = hasLooklessPrinting(c, source); });
+        pdf_page *loaded = lookless && page->load() ? page->native_->loaded : nullptr;
+        if (!mu::tryGuard([&](fz_context *c) { addPaperPage(c, map, dst, source, loaded, crop, matrix, paper); })) {
             cleanUp();
             return Result::Failed;
         }

@@ -5,7 +5,6 @@
 #include "PageOperations.h"
 #include "PageWorkProgress.h"
 #include "PdfDocument.h"
-#include "PdfPage.h"
 #include "PdfView.h"
 #include "SplitSheet.h"
 
@@ -14,10 +13,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QFormLayout>
-#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QPainter>
 #include <QPrintDialog>
 #include <QPrinter>
 #include <QPrinterInfo>
@@ -29,8 +26,20 @@
 
 namespace {
 
-// The dialog's tab with the page-scaling choice (and, when the scheduler
-// cannot be reached, the note that pages go as pictures).
+// Whether `target` is the file at one of `paths` (the open document's own file).
+bool isOneOf(const QString &target, const QStringList &paths)
+{
+    const QString file = QFileInfo(target).canonicalFilePath();
+    return !file.isEmpty() && std::any_of(paths.begin(), paths.end(),
+                                          [&](const QString &path) { return QFileInfo(path).canonicalFilePath() == file; });
+}
+
+QString ownFileMessage(const QString &target)
+{
+    return PrintCommand::tr("“%1” is the open document itself. Print to another file.").arg(QFileInfo(target).fileName());
+}
+
+// The dialog's tab with the page-scaling choice.
 QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
 {
     auto *tab = new QWidget;
@@ -43,12 +52,6 @@ QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
     box->addItem(PrintCommand::tr("Shrink Oversized Pages"), int(PdfPrintLayout::Scaling::ShrinkOversized));
     box->setCurrentIndex(box->findData(int(current)));
     form->addRow(PrintCommand::tr("Scaling:"), box);
-    if (!CupsPrinting::serverReachable()) {
-        auto *note = new QLabel(PrintCommand::noServiceNote());
-        note->setWordWrap(true);
-        note->setAccessibleName(note->text());
-        form->addRow(note);
-    }
     *choice = box;
     return tab;
 }
@@ -58,13 +61,24 @@ QWidget *scalingTab(PdfPrintLayout::Scaling current, QComboBox **choice)
 // accepts would only reach the scheduler as an option the copy ignores.
 class PrintDialog : public QPrintDialog {
 public:
-    PrintDialog(QPrinter *printer, int pageCount, QWidget *parent) : QPrintDialog(printer, parent), pageCount_(pageCount) {}
+    PrintDialog(QPrinter *printer, int pageCount, QStringList ownFiles, QWidget *parent)
+        : QPrintDialog(printer, parent), pageCount_(pageCount), ownFiles_(std::move(ownFiles))
+    {
+    }
 
     // The pages typed there (0-based, in the order written), when that field was chosen.
     std::optional<std::vector<int>> typedPages;
 
     void accept() override
     {
+        // The output file offered first is named after the document, so in
+        // the document's folder it is the document: refused, and the dialog
+        // stays open for another name.
+        auto *output = findChild<QLineEdit *>(QStringLiteral("filename"));
+        if (output && output->isEnabled() && isOneOf(output->text(), ownFiles_)) {
+            QMessageBox::warning(this, PrintCommand::tr("Print"), ownFileMessage(output->text()));
+            return;
+        }
         typedPages.reset();
         auto *chosen = findChild<QRadioButton *>(QStringLiteral("pagesRadioButton"));
         auto *field = findChild<QLineEdit *>(QStringLiteral("pagesLineEdit"));
@@ -87,6 +101,7 @@ public:
 
 private:
     int pageCount_;
+    QStringList ownFiles_;
 };
 
 QString sidesFor(const QPrinter &printer)
@@ -117,9 +132,10 @@ QString PrintCommand::noPrinterMessage()
     return tr("No printer is set up on this computer. Add a printer in the system's printer settings, or print to a PDF file.");
 }
 
-QString PrintCommand::noServiceNote()
+QString PrintCommand::serviceGoneMessage()
 {
-    return tr("The print service cannot be reached: pages are sent to the printer as pictures at its resolution.");
+    return tr("The print service stopped answering, so nothing was printed. Print again once it runs, or print to a PDF "
+              "file.");
 }
 
 void PrintCommand::run()
@@ -136,7 +152,7 @@ void PrintCommand::run()
     }
     QPrinter printer(QPrinter::HighResolution);
     printer.setDocName(QFileInfo(document->path()).fileName());
-    PrintDialog dialog(&printer, document->pageCount(), window_);
+    PrintDialog dialog(&printer, document->pageCount(), {document->path(), model_->fileURL()}, window_);
     dialog.setAccessibleName(tr("Print"));
     dialog.setOption(QAbstractPrintDialog::PrintCurrentPage, true);
     dialog.setOption(QAbstractPrintDialog::PrintSelection, !model_->selectedPageIndices().isEmpty());
@@ -217,13 +233,22 @@ bool PrintCommand::print(QPrinter &printer, PdfPrintLayout::Scaling scaling, con
     const PdfPrintLayout layout = layoutFor(printer, scaling);
     if (printer.outputFormat() == QPrinter::PdfFormat && !printer.outputFileName().isEmpty())
         return printToFile(*pages, layout, printer.outputFileName());
-    if (CupsPrinting::serverReachable())
-        return printThroughScheduler(printer, *pages, layout);
-    return printAsPictures(printer, *pages, layout);
+    // The system's printers are the scheduler's: when it is gone, so is
+    // every way to them (the toolkit's own printing goes through it too and
+    // drops a job it cannot hand over without a word).
+    if (!CupsPrinting::serverReachable()) {
+        model_->setErrorMessage(serviceGoneMessage());
+        return false;
+    }
+    return printThroughScheduler(printer, *pages, layout);
 }
 
 bool PrintCommand::printToFile(const std::vector<int> &pages, const PdfPrintLayout &layout, const QString &target)
 {
+    if (isOneOf(target, {model_->pdfDocument()->path(), model_->fileURL()})) {
+        model_->setErrorMessage(ownFileMessage(target));
+        return false;
+    }
     // Written beside the target and put in its place only when whole.
     const QString part = target + QStringLiteral(".part");
     PageWorkProgress progress(window_);
@@ -275,40 +300,4 @@ bool PrintCommand::printThroughScheduler(QPrinter &printer, const std::vector<in
     if (sent.outcome == CupsJobResult::Outcome::Failed)
         model_->setErrorMessage(sent.message);
     return sent.outcome == CupsJobResult::Outcome::Sent;
-}
-
-bool PrintCommand::printAsPictures(QPrinter &printer, const std::vector<int> &pages, const PdfPrintLayout &layout)
-{
-    const auto document = model_->pdfDocument();
-    printer.setFullPage(true);
-    QPainter painter;
-    if (!painter.begin(&printer)) {
-        model_->setErrorMessage(tr("The printer “%1” cannot be used.").arg(printer.printerName()));
-        return false;
-    }
-    // Device pixels per point; pictures are drawn at no more than 300 dots per inch.
-    const qreal device = printer.resolution() / 72.0;
-    const qreal pixels = std::min<qreal>(printer.resolution(), 300) / 72.0;
-    PageWorkProgress progress(window_);
-    progress.begin(tr("Printing the pages…"), true);
-    for (size_t i = 0; i < pages.size(); ++i) {
-        if (!progress.step(qint64(i), qint64(pages.size()))) {
-            painter.end();
-            return false;
-        }
-        if (i > 0)
-            printer.newPage();
-        const auto page = document->page(pages[i]);
-        const QSizeF shown = page->displaySize();
-        const PdfPrintPlacement placement = PdfPrintCopy::place(shown, layout);
-        const QImage picture = page->render(pixels * placement.scale);
-        painter.save();
-        painter.translate(placement.area.center() * device);
-        if (placement.turned)
-            painter.rotate(-90);
-        const QSizeF size = shown * placement.scale * device;
-        painter.drawImage(QRectF(QPointF(-size.width() / 2, -size.height() / 2), size), picture);
-        painter.restore();
-    }
-    return painter.end();
 }

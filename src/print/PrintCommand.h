@@ -2,8 +2,7 @@
 // the current page and the pages selected in the thumbnails, collate, duplex,
 // paper) with a page-scaling tab, then the job. The pages are written as a
 // vector PDF by the engine and handed to the print scheduler; printing to a
-// file writes that PDF there. When the scheduler cannot be reached, the pages
-// are drawn through the printer as pictures at its resolution.
+// file writes that PDF there.
 #pragma once
 
 #include "PdfPrintCopy.h"
@@ -40,12 +39,11 @@ public:
     static PdfPrintLayout layoutFor(const QPrinter &printer, PdfPrintLayout::Scaling scaling);
 
     static QString noPrinterMessage();
-    static QString noServiceNote();
+    static QString serviceGoneMessage();
 
 private:
     bool printToFile(const std::vector<int> &pages, const PdfPrintLayout &layout, const QString &target);
     bool printThroughScheduler(QPrinter &printer, const std::vector<int> &pages, const PdfPrintLayout &layout);
-    bool printAsPictures(QPrinter &printer, const std::vector<int> &pages, const PdfPrintLayout &layout);
 
     DocumentModel *model_;
     QPointer<PdfView> view_;

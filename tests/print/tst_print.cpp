@@ -61,8 +61,10 @@ int pixelsLike(const QImage &image, QColor colour)
     return count;
 }
 
-// Portrait "Alpha"; landscape "Bravo"; portrait turned a quarter "Charlie"
-// (with a blue square that does not print); a small crop box "Delta"; "Echo".
+// Portrait "Alpha"; landscape "Bravo" (with a green square that prints but
+// has no appearance, as other programs write them); portrait turned a quarter
+// "Charlie" (with a blue square that does not print); a small crop box
+// "Delta"; "Echo".
 std::vector<fixtures::PageSpec> mixedPages()
 {
     using fixtures::PageSpec;
@@ -70,6 +72,8 @@ std::vector<fixtures::PageSpec> mixedPages()
     pages[0].text.push_back({"Alpha", {72, 700}, 24});
     pages[1].mediaBox = QRectF(0, 0, 792, 612);
     pages[1].text.push_back({"Bravo", {300, 300}, 24});
+    pages[1].annotations.push_back(
+        {"<< /Type /Annot /Subtype /Square /F 4 /C [0 1 0] /IC [0 1 0]", QRectF(500, 100, 100, 100), {}});
     pages[2].rotation = 90;
     pages[2].text.push_back({"Charlie", {72, 700}, 24});
     pages[2].annotations.push_back(
@@ -281,6 +285,7 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QCOMPARE(turned.pixelColor(58, 748).red(), 255);
     QVERIFY(turned.pixelColor(58, 748).green() < 60);
     QCOMPARE(pixelsLike(turned.copy(0, 0, 595, 421), Qt::red), 0);
+    QVERIFY(pixelsLike(turned, Qt::green) > 3000);
     // The square without the Print flag stays off the paper.
     QCOMPARE(pixelsLike(pagePicture(out, 2), Qt::blue), 0);
 
@@ -290,6 +295,10 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QVERIFY(command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
     QCOMPARE(pageSizes(file), pageSizes(out));
     QCOMPARE(fixtures::toolOutput("pdftotext", {file, "-"}), text);
+    // Never over the open document's own file.
+    printer.setOutputFileName(path);
+    QVERIFY(!command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
+    QCOMPARE(pageSizes(path).size(), 5);
 
     // A range outside the document prints nothing and says why.
     printer.setOutputFileName({});
@@ -347,6 +356,12 @@ void TestPrint::jobsAsTheSchedulerReceivedThem()
     QTRY_VERIFY_WITH_TIMEOUT(fixtures::toolOutput("pdfinfo", {out}).contains("Pages:           2"), 15000);
     const QString typed = fixtures::toolOutput("pdftotext", {out, "-"});
     QVERIFY2(typed.indexOf("Delta") >= 0 && typed.indexOf("Delta") < typed.indexOf("Bravo"), qPrintable(typed));
+
+    // The scheduler stopping between the dialog and the job: nothing printed, and the user is told.
+    ::kill(pid_t(std::exchange(cupsd_, 0)), SIGTERM);
+    QTRY_VERIFY(!CupsPrinting::serverReachable());
+    QVERIFY(!command.print(printer, PdfPrintLayout::Scaling::FitToPrintableArea));
+    QCOMPARE(model.errorMessage(), PrintCommand::serviceGoneMessage());
 }
 
 QTEST_MAIN(TestPrint)

@@ -129,6 +129,11 @@ QString onStateOf(pdf_obj *widget)
     }));
 }
 
+bool hasLook(pdf_obj *widget)
+{
+    return mu::call([&](fz_context *c) { return pdf_dict_get(c, widget, PDF_NAME(AP)) != nullptr; });
+}
+
 QString stateOf(pdf_obj *widget)
 {
     return QString::fromUtf8(mu::call([&](fz_context *c) { return std::string(pdf_dict_get_name(c, widget, PDF_NAME(AS))); }));
@@ -281,13 +286,38 @@ std::vector<PdfFormField::Widget> PdfFormField::widgets() const
         Widget widget;
         widget.page = w.page.lock();
         widget.bounds = rectOf(w.obj.get());
-        if (type_ == Type::CheckBox || type_ == Type::RadioButton) {
-            widget.onState = onStateOf(w.obj.get());
-            widget.on = !widget.onState.isEmpty() && stateOf(w.obj.get()) == widget.onState;
-        }
         out.push_back(widget);
     }
+    if (type_ == Type::CheckBox || type_ == Type::RadioButton) {
+        const std::vector<QString> names = onStates();
+        for (size_t i = 0; i < out.size(); ++i) {
+            out[i].onState = names[i];
+            out[i].on = !names[i].isEmpty() && stateOf(native_->widgets[i].obj.get()) == names[i];
+        }
+    }
     return out;
+}
+
+// From the widgets' looks. A field none of whose widgets has a look (its
+// author left them to the reader) gets names of its own, which its looks
+// take when they are written: "Yes" for a check box; for a radio button the
+// export value /Opt gives it, else "Choice" and its number.
+std::vector<QString> PdfFormField::onStates() const
+{
+    std::vector<QString> names;
+    bool lookless = true;
+    for (const Native::WidgetObj &w : native_->widgets) {
+        names.push_back(onStateOf(w.obj.get()));
+        lookless = lookless && !hasLook(w.obj.get());
+    }
+    if (!lookless)
+        return names;
+    const std::vector<Option> exported = type_ == Type::RadioButton ? choiceOptions() : std::vector<Option>();
+    for (size_t i = 0; i < names.size(); ++i)
+        names[i] = type_ == Type::CheckBox                                     ? QStringLiteral("Yes")
+                   : i < exported.size() && !exported[i].exportValue.isEmpty() ? exported[i].exportValue
+                                                                               : QStringLiteral("Choice%1").arg(i + 1);
+    return names;
 }
 
 PdfFont PdfFormField::font() const
@@ -444,11 +474,18 @@ std::shared_ptr<PdfFieldEdit> PdfFormField::setChecked(int widget, bool on)
 
 void PdfFormField::writeStates(PdfFieldEdit::Native &edit, const std::vector<bool> &states, const QString &value)
 {
+    // Names as the file's own objects give them (what was read before the
+    // change may have been a look MuPDF made only to draw the widget).
+    const std::vector<QString> names = onStates();
+    const auto on = std::find(states.begin(), states.end(), true);
     edit.touch(native_->field.get());
-    putName(native_->field.get(), PDF_NAME(V), value);
+    putName(native_->field.get(), PDF_NAME(V),
+            on != states.end() && size_t(on - states.begin()) < names.size() ? names[size_t(on - states.begin())] : value);
+    // Widgets without looks get them, so every reader shows the state.
+    writeButtonLooks(edit);
     for (size_t i = 0; i < native_->widgets.size() && i < states.size(); ++i) {
         pdf_obj *w = native_->widgets[i].obj.get();
-        const QString state = states[i] ? onStateOf(w) : QStringLiteral("Off");
+        const QString state = states[i] ? names[i] : QStringLiteral("Off");
         if (stateOf(w) == state)
             continue;
         edit.touch(w);

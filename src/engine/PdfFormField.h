@@ -179,6 +179,11 @@ private:
     void writeValue(PdfFieldEdit::Native &edit, const QStringList &values);
     void writeStates(PdfFieldEdit::Native &edit, const std::vector<bool> &states, const QString &value);
     void writeLook(PdfFieldEdit::Native &edit, size_t widget);
+    // Check boxes and radio buttons without looks: their looks written.
+    void writeButtonLooks(PdfFieldEdit::Native &edit);
+    void writeButtonLook(PdfFieldEdit::Native &edit, size_t widget, const QString &onState);
+    // Check boxes and radio buttons: each widget's on-state name.
+    std::vector<QString> onStates() const;
 
     std::weak_ptr<PdfForm> form_;
     std::unique_ptr<Native> native_;

@@ -308,6 +308,34 @@ void TestForms::filledFormsAreWrittenForEveryReader()
         for (int x = 50; x < 300; ++x)
             dark += qGray(page.pixel(x, y)) < 160;
     QVERIFY(dark > 200);
+
+    // Check boxes and radio buttons whose author left their looks to the
+    // reader: named "Yes" and by /Opt, they get looks of their own when set,
+    // the group stays exclusive, and poppler draws the marks.
+    const QString lookless = dir.filePath("lookless.pdf");
+    QVERIFY(fixtures::writeFile(
+        lookless, fixtures::buildFromObjects(
+                      {"<< /Type /Catalog /Pages 2 0 R /AcroForm << /Fields [4 0 R 5 0 R] /NeedAppearances true >> >>",
+                       "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                       "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 612 792] /Annots [4 0 R 6 0 R 7 0 R] >>",
+                       fixtures::widgetObject("50 700 70 720", "/FT /Btn /T (cross) /MK << /BC [0 0 0] /CA (8) >>"),
+                       "<< /FT /Btn /T (size) /Ff 49152 /Opt [(S) (L)] /Kids [6 0 R 7 0 R] >>",
+                       fixtures::widgetObject("100 700 120 720", "/Parent 5 0 R /MK << /BC [0 0 0] >>"),
+                       fixtures::widgetObject("150 700 170 720", "/Parent 5 0 R /MK << /BC [0 0 0] >>")})));
+    auto plain = PdfDocument::open(lookless);
+    QCOMPARE(plain->form()->field("cross")->widgets()[0].onState, QString("Yes"));
+    QVERIFY(plain->form()->field("cross")->setChecked(0, true));
+    auto size = plain->form()->field("size");
+    QVERIFY(size->setValue("S") && size->setChecked(1, true));
+    QCOMPARE(size->value(), QString("L"));
+    QVERIFY(plain->write(saved));
+    const inspect::PdfObjects written(saved);
+    const auto kids = written.fields()["size"].widgets;
+    QCOMPARE(written.dict(kids[0]).value("/AS").toString(), QString("/Off"));
+    QVERIFY(written.dict(kids[0]).value("/AP").toObject().value("/N").toObject().contains("/S"));
+    QCOMPARE(written.dict(kids[1]).value("/AS").toString(), QString("/L"));
+    QVERIFY(inkIn(saved, QRectF(52, 702, 16, 16)) > 20 && inkIn(saved, QRectF(152, 702, 16, 16)) > 20);
+    QVERIFY(inkIn(saved, QRectF(104, 704, 12, 12)) < 5);
 }
 
 int runFormTests(int argc, char **argv)

@@ -120,6 +120,8 @@ QRectF rectOf(pdf_obj *widget);
 QString onStateOf(pdf_obj *widget);
 QString stateOf(pdf_obj *widget);
 void putName(pdf_obj *dict, pdf_obj *key, const QString &name);
+// Whether a widget has appearances of its own.
+bool hasLook(pdf_obj *widget);
 void putText(pdf_obj *dict, pdf_obj *key, const QString &value);
 
 } // namespace formnative

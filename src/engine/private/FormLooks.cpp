@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <numbers>
 #include <optional>
 
 using mu::Obj;
@@ -164,14 +165,169 @@ std::optional<QHash<char32_t, uchar>> codesFor(const std::array<int, 256> &shown
     return codes;
 }
 
+QByteArray fill(const QColor &color)
+{
+    const QColor rgb = color.toRgb();
+    return appearance::number(rgb.redF()) + ' ' + appearance::number(rgb.greenF()) + ' ' + appearance::number(rgb.blueF());
+}
+
+QByteArray point(QPointF p)
+{
+    return appearance::number(p.x()) + ' ' + appearance::number(p.y()) + ' ';
+}
+
+// A circle as four Bézier curves.
+QByteArray circle(QPointF centre, qreal r)
+{
+    const qreal k = 0.5523 * r;
+    const qreal x = centre.x(), y = centre.y();
+    return point({x + r, y}) + "m " + point({x + r, y + k}) + point({x + k, y + r}) + point({x, y + r}) + "c " +
+           point({x - k, y + r}) + point({x - r, y + k}) + point({x - r, y}) + "c " + point({x - r, y - k}) +
+           point({x - k, y - r}) + point({x, y - r}) + "c " + point({x + k, y - r}) + point({x + r, y - k}) + point({x + r, y}) +
+           "c h ";
+}
+
+QByteArray polygon(const std::vector<QPointF> &points)
+{
+    QByteArray s;
+    for (size_t i = 0; i < points.size(); ++i)
+        s += point(points[i]) + (i ? "l " : "m ");
+    return s + "h ";
+}
+
+// The look of a check box or radio button in a box `w` × `h`: the /MK
+// background and border (a circle for radio buttons), and when on the mark
+// the /MK /CA character names in ZapfDingbats (check ✔ "4", cross "8",
+// dot "l", square "n", diamond "u", star "H"), drawn as paths so that no
+// font is needed.
+QByteArray buttonContent(qreal w, qreal h, bool radio, const QColor &background, const QColor &border, qreal borderWidth,
+                         const QColor &markColor, char mark, bool on)
+{
+    const QPointF c(w / 2, h / 2);
+    const qreal side = std::min(w, h);
+    const qreal bw = border.isValid() ? borderWidth : 0;
+    QByteArray s = "q\n";
+    if (background.isValid() && background.alpha() > 0)
+        s += fill(background) + " rg " +
+             (radio ? circle(c, side / 2) : "0 0 " + appearance::number(w) + ' ' + appearance::number(h) + " re ") + "f\n";
+    if (bw > 0)
+        s += fill(border) + " RG " + appearance::number(bw) + " w " +
+             (radio ? circle(c, (side - bw) / 2)
+                    : point({bw / 2, bw / 2}) + appearance::number(w - bw) + ' ' + appearance::number(h - bw) + " re ") +
+             "S\n";
+    if (on) {
+        const qreal r = std::max<qreal>(0.5, side / 2 - bw - side * 0.12);
+        s += fill(markColor) + " rg " + fill(markColor) + " RG 1 J 1 j " + appearance::number(side * 0.12) + " w\n";
+        switch (mark) {
+        case 'l':
+            s += circle(c, r * 0.7) + "f\n";
+            break;
+        case 'n':
+            s += point(c - QPointF(r * 0.7, r * 0.7)) + appearance::number(r * 1.4) + ' ' + appearance::number(r * 1.4) +
+                 " re f\n";
+            break;
+        case 'u':
+            s += polygon({c + QPointF(0, r), c + QPointF(r, 0), c - QPointF(0, r), c - QPointF(r, 0)}) + "f\n";
+            break;
+        case '8':
+            s += point(c + QPointF(-r, -r) * 0.75) + "m " + point(c + QPointF(r, r) * 0.75) + "l " +
+                 point(c + QPointF(-r, r) * 0.75) + "m " + point(c + QPointF(r, -r) * 0.75) + "l S\n";
+            break;
+        case 'H': {
+            std::vector<QPointF> star;
+            for (int i = 0; i < 10; ++i) {
+                const qreal a = std::numbers::pi / 2 + i * std::numbers::pi / 5, d = i % 2 ? r * 0.4 : r;
+                star.push_back(c + QPointF(std::cos(a) * d, std::sin(a) * d));
+            }
+            s += polygon(star) + "f\n";
+            break;
+        }
+        default: // the check mark
+            s += point(c + QPointF(-r * 0.8, 0)) + "m " + point(c + QPointF(-r * 0.25, -r * 0.65)) + "l " +
+                 point(c + QPointF(r * 0.8, r * 0.7)) + "l S\n";
+            break;
+        }
+    }
+    return s + "Q\n";
+}
+
 } // namespace
+
+void PdfFormField::writeButtonLooks(PdfFieldEdit::Native &edit)
+{
+    // The names are read once: as soon as one widget has its looks, the
+    // field no longer counts as one without any.
+    const std::vector<QString> names = onStates();
+    for (size_t i = 0; i < native_->widgets.size(); ++i)
+        if (!names[i].isEmpty() && !hasLook(native_->widgets[i].obj.get()))
+            writeButtonLook(edit, i, names[i]);
+}
+
+void PdfFormField::writeButtonLook(PdfFieldEdit::Native &edit, size_t index, const QString &onState)
+{
+    auto form = form_.lock();
+    if (!form)
+        return;
+    pdf_obj *widget = native_->widgets[index].obj.get();
+    const QRectF rect = rectOf(widget);
+    pdf_obj *mk = mu::call([&](fz_context *c) { return pdf_dict_get(c, widget, PDF_NAME(MK)); });
+    const int rotation =
+        ((mu::call([&](fz_context *c) { return pdf_dict_get_int(c, mk, PDF_NAME(R)); }) % 360) + 360) % 360 / 90 * 90;
+    const QSizeF box = rotation % 180 ? rect.size().transposed() : rect.size();
+    const QColor background = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BG)); }));
+    const QColor border = colorOf(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(BC)); }));
+    const qreal borderWidth = mu::call([&](fz_context *c) {
+        pdf_obj *width = pdf_dict_get(c, pdf_dict_get(c, widget, PDF_NAME(BS)), PDF_NAME(W));
+        return width ? pdf_to_real(c, width) : 1.0f;
+    });
+    const QByteArray caption = text(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(CA)); })).toLatin1();
+    const bool radio = type_ == Type::RadioButton;
+    const char mark = caption.isEmpty() ? (radio ? 'l' : '4') : caption[0];
+    const QColor markColor = readDefaultAppearance(defaultAppearanceOf(*form->core_, native_->field.get())).color;
+    const QByteArray looks[2] = {
+        buttonContent(box.width(), box.height(), radio, background, border, borderWidth, markColor, mark, true),
+        buttonContent(box.width(), box.height(), radio, background, border, borderWidth, markColor, mark, false)};
+    const QByteArray name = onState.toUtf8();
+    edit.touch(widget);
+    mu::guard([&](fz_context *c) {
+        const fz_rect bbox{0, 0, float(box.width()), float(box.height())};
+        pdf_obj *normal = pdf_dict_put_dict(c, pdf_dict_put_dict(c, widget, PDF_NAME(AP), 1), PDF_NAME(N), 2);
+        for (int k = 0; k < 2; ++k) {
+            pdf_obj *resources = pdf_new_dict(c, form->core_->doc, 0);
+            fz_buffer *content = nullptr;
+            pdf_obj *stream = nullptr;
+            fz_var(content);
+            fz_var(stream);
+            fz_try(c)
+            {
+                content = fz_new_buffer_from_copied_data(c, reinterpret_cast<const unsigned char *>(looks[k].constData()),
+                                                         size_t(looks[k].size()));
+                stream = pdf_new_xobject(c, form->core_->doc, bbox, rotation ? fz_rotate(float(rotation)) : fz_identity,
+                                         resources, content);
+                pdf_dict_puts(c, normal, k ? "Off" : name.constData(), stream);
+            }
+            fz_always(c)
+            {
+                pdf_drop_obj(c, stream);
+                fz_drop_buffer(c, content);
+                pdf_drop_obj(c, resources);
+            }
+            fz_catch(c) fz_rethrow(c);
+        }
+    });
+    edit.areas.emplace_back(native_->widgets[index].page, rect);
+}
 
 void PdfFormField::writeLook(PdfFieldEdit::Native &edit, size_t index)
 {
     auto form = form_.lock();
-    if (!form || index >= native_->widgets.size() || type_ == Type::CheckBox || type_ == Type::RadioButton ||
-        type_ == Type::PushButton || type_ == Type::Signature)
+    if (!form || index >= native_->widgets.size() || type_ == Type::PushButton || type_ == Type::Signature)
         return;
+    if (type_ == Type::CheckBox || type_ == Type::RadioButton) {
+        // Their looks are the file's own; only widgets that came without any get ours.
+        writeButtonLooks(edit);
+        return;
+    }
     pdf_obj *widget = native_->widgets[index].obj.get();
     const QRectF rect = rectOf(widget);
     appearance::Input in;

@@ -283,7 +283,8 @@ void PdfFormField::writeButtonLook(PdfFieldEdit::Native &edit, size_t index, con
     const QByteArray caption = text(mu::call([&](fz_context *c) { return pdf_dict_get(c, mk, PDF_NAME(CA)); })).toLatin1();
     const bool radio = type_ == Type::RadioButton;
     const char mark = caption.isEmpty() ? (radio ? 'l' : '4') : caption[0];
-    const QColor markColor = readDefaultAppearance(defaultAppearanceOf(*form->core_, native_->field.get())).color;
+    // The widget's own /DA first, then its field's and the form's.
+    const QColor markColor = readDefaultAppearance(defaultAppearanceOf(*form->core_, widget)).color;
     const QByteArray looks[2] = {
         buttonContent(box.width(), box.height(), radio, background, border, borderWidth, markColor, mark, true),
         buttonContent(box.width(), box.height(), radio, background, border, borderWidth, markColor, mark, false)};

@@ -81,12 +81,12 @@ PdfFont freeTextFont(const std::optional<PdfFont> &font)
     return out;
 }
 
-namespace {
-
 QByteArray colorOperator(const QColor &color, const char *op)
 {
     return number(color.redF()) + ' ' + number(color.greenF()) + ' ' + number(color.blueF()) + ' ' + op + '\n';
 }
+
+namespace {
 
 // Glyphs of one font drawn in a row, by their ids in the face.
 struct GlyphRun {

@@ -66,6 +66,8 @@ QColor colorFromArray(fz_context *c, pdf_obj *array, qreal alpha = 1);
 
 // Formats a number the way content streams want it: short, no exponent.
 QByteArray number(qreal value);
+// Sets a colour as RGB with the operator `op` ("rg" to fill, "RG" to stroke).
+QByteArray colorOperator(const QColor &color, const char *op);
 
 // The name written into a default-appearance string for a font, and back.
 QByteArray fontNameToken(const QString &name);

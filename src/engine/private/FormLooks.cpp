@@ -165,12 +165,6 @@ std::optional<QHash<char32_t, uchar>> codesFor(const std::array<int, 256> &shown
     return codes;
 }
 
-QByteArray fill(const QColor &color)
-{
-    const QColor rgb = color.toRgb();
-    return appearance::number(rgb.redF()) + ' ' + appearance::number(rgb.greenF()) + ' ' + appearance::number(rgb.blueF());
-}
-
 QByteArray point(QPointF p)
 {
     return appearance::number(p.x()) + ' ' + appearance::number(p.y()) + ' ';
@@ -208,16 +202,17 @@ QByteArray buttonContent(qreal w, qreal h, bool radio, const QColor &background,
     const qreal bw = border.isValid() ? borderWidth : 0;
     QByteArray s = "q\n";
     if (background.isValid() && background.alpha() > 0)
-        s += fill(background) + " rg " +
+        s += appearance::colorOperator(background, "rg") +
              (radio ? circle(c, side / 2) : "0 0 " + appearance::number(w) + ' ' + appearance::number(h) + " re ") + "f\n";
     if (bw > 0)
-        s += fill(border) + " RG " + appearance::number(bw) + " w " +
+        s += appearance::colorOperator(border, "RG") + appearance::number(bw) + " w " +
              (radio ? circle(c, (side - bw) / 2)
                     : point({bw / 2, bw / 2}) + appearance::number(w - bw) + ' ' + appearance::number(h - bw) + " re ") +
              "S\n";
     if (on) {
         const qreal r = std::max<qreal>(0.5, side / 2 - bw - side * 0.12);
-        s += fill(markColor) + " rg " + fill(markColor) + " RG 1 J 1 j " + appearance::number(side * 0.12) + " w\n";
+        s += appearance::colorOperator(markColor, "rg") + appearance::colorOperator(markColor, "RG") + "1 J 1 j " +
+             appearance::number(side * 0.12) + " w\n";
         switch (mark) {
         case 'l':
             s += circle(c, r * 0.7) + "f\n";
